@@ -1,0 +1,43 @@
+// Lookups in the system's user and group database (the glibc name service).  All lookups are
+// reentrant and static; results come through out-parameters, which are written only when the
+// lookup answers true.
+//
+// Profile gid: an account's primary group id if it lies in 10000..19999; otherwise the first
+// id in that range among the groups getgrouplist() reports for the account; otherwise the
+// primary group id.
+#pragma once
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <usermanagement/Export.h>
+
+namespace usermanagement {
+class UmGroup;
+}
+
+namespace systemutilities {
+
+// Deleter for blocks obtained with malloc, for shared owners of lookup buffers.
+struct TVC_UM_EXPORT free_delete {
+    void operator()(void* block) const { std::free(block); }
+};
+
+class TVC_UM_EXPORT LinuxUserSystem {
+public:
+    static constexpr unsigned int kProfileGidFirst = 10000;
+    static constexpr unsigned int kProfileGidLast = 19999;
+
+    // uid and gid may be null; *gid receives the profile gid.
+    static bool getUserIds(const char* name, unsigned int* uid, unsigned int* gid);
+    // name and gid (the profile gid) of the account `uid`.
+    static bool getUserName(unsigned int uid, std::string& name, unsigned int& gid);
+    static bool getGroupGid(const char* name, unsigned int& gid);
+    static bool getGroupName(unsigned int gid, std::string& name);
+
+
+    static bool isProfileGid(unsigned int gid) { return gid >= kProfileGidFirst && gid <= kProfileGidLast; }
+};
+
+}  // namespace systemutilities

@@ -1,0 +1,34 @@
+// The throw convention of the library in one place: every exception carries the user name of
+// the calling thread's log context and has logging enabled.  Throw sites write
+//     raise<UMSystemErrorException>(13, "fopen ", path, " prepareSystemFiles");
+// and the message parts are concatenated without separators.
+#pragma once
+
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include <umlog/Ctx.h>
+
+namespace usermanagement::detail {
+
+template <class... Parts>
+std::string concat(Parts&&... parts) {
+    std::ostringstream out;
+    (out << ... << std::forward<Parts>(parts));
+    return out.str();
+}
+
+// Throws E(code, message, context user, true).
+template <class E, class... Parts>
+[[noreturn]] void raise(int code, Parts&&... messageParts) {
+    throw E(code, concat(std::forward<Parts>(messageParts)...), umlog::Ctx::getCtx().getUsername(), true);
+}
+
+// Throws E(code, message, description, context user, true).
+template <class E>
+[[noreturn]] void raiseDescribed(int code, const std::string& message, const std::string& description) {
+    throw E(code, message.c_str(), description, umlog::Ctx::getCtx().getUsername(), true);
+}
+
+}  // namespace usermanagement::detail

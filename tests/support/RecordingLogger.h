@@ -1,0 +1,55 @@
+// A log sink for tests: keeps every message the library hands to it.
+//
+//     tvc::test::RecordingLogger sink;   // installed from here to the end of its scope
+//     ...call the library...
+//     ASSERT_EQ(sink.messages.size(), 1u);
+//
+// It installs itself when constructed and, when destroyed, installs a discarding Logger, so
+// nothing logs into a destroyed object afterwards.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <usermanagement/Logger.h>
+
+namespace tvc::test {
+
+// One logMessage call, its arguments in order.
+struct LoggedMessage {
+    usermanagement::LogCategory category{};
+    int messageId = 0;
+    int third = 0;  // the first unnamed integer
+    usermanagement::LogSeverity severity{};
+    std::string ip;
+    int sixth = 0;  // the second unnamed integer
+    std::string text;
+};
+
+class RecordingLogger : public usermanagement::Logger {
+public:
+    RecordingLogger() { setLogger(*this); }
+    ~RecordingLogger() override {
+        static usermanagement::Logger discarding;
+        discarding.setLogger(discarding);
+    }
+    RecordingLogger(const RecordingLogger&) = delete;
+    RecordingLogger& operator=(const RecordingLogger&) = delete;
+
+    void logMessage(usermanagement::LogCategory category, int messageId, int third,
+                    const usermanagement::LogSeverity& severity, std::string ip, int sixth,
+                    std::string text) override {
+        // The library may log from several threads; readers look once those are done.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        messages.push_back({category, messageId, third, severity, std::move(ip), sixth, std::move(text)});
+    }
+
+    std::vector<LoggedMessage> messages;
+
+private:
+    std::mutex m_mutex;
+};
+
+}  // namespace tvc::test
