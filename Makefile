@@ -1,0 +1,67 @@
+# Entry points: `make demo` (build, then a short umctl session on the sample device) and
+# `make test` (build, install into build/stage, run every suite).  The other targets are
+# their steps.  SANITIZE=0 leaves out the AddressSanitizer run of `make test`.
+SHELL := /bin/bash
+# Quiet the nested makes that cmake --build starts.
+MAKEFLAGS += --no-print-directory
+JOBS ?= 2
+SANITIZE ?= 1
+
+BUILD := $(CURDIR)/build
+SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
+PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
+            libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl
+# The host files the sandbox must never change; `make test` checks them before and after.
+HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
+
+.PHONY: test demo deps library stage umctl suites asan
+
+test: deps
+	@mkdir -p $(BUILD)
+	@sha256sum $(HOST_ACCOUNT_FILES) >$(BUILD)/host-account-files.sha256
+	@status=0; $(MAKE) suites || status=$$?; \
+	if ! sha256sum --check --quiet $(BUILD)/host-account-files.sha256; then \
+	    echo "make test: *** THE HOST'S ACCOUNT FILES CHANGED DURING THE TESTS ***" >&2; exit 1; \
+	fi; \
+	echo "make test: host account files unchanged"; \
+	exit $$status
+
+demo: deps umctl
+	$(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/umctl/umctl
+
+# Installs what is missing; apt-get runs only then.
+deps:
+	@missing=; \
+	for package in $(PACKAGES); do dpkg -s $$package >/dev/null 2>&1 || missing="$$missing $$package"; done; \
+	if [ -n "$$missing" ]; then \
+	    echo "installing:$$missing"; \
+	    export DEBIAN_FRONTEND=noninteractive; \
+	    apt-get update && apt-get install -y $$missing; \
+	fi
+
+library:
+	cmake -S . -B $(BUILD)/default -DTVC_BUILD_TESTS=ON
+	cmake --build $(BUILD)/default -j$(JOBS)
+
+# Staged from scratch, so that nothing left over from an earlier install hides a gap.
+stage: library
+	rm -rf $(BUILD)/stage
+	cmake --install $(BUILD)/default --prefix $(BUILD)/stage
+
+# umctl is built against the staged package, as any host would be.
+umctl: stage
+	cmake -S tools/umctl -B $(BUILD)/umctl -DCMAKE_PREFIX_PATH=$(BUILD)/stage
+	cmake --build $(BUILD)/umctl -j$(JOBS)
+
+# Every suite runs even when an earlier one failed.
+suites: umctl
+	@status=0; \
+	ctest --test-dir $(BUILD)/default --output-on-failure || status=1; \
+	ctest --test-dir $(BUILD)/umctl --output-on-failure || status=1; \
+	if [ "$(SANITIZE)" != 0 ]; then $(MAKE) asan || status=1; fi; \
+	exit $$status
+
+asan:
+	cmake -S . -B $(BUILD)/asan -DTVC_SANITIZE=ON -DTVC_BUILD_BENCH=OFF -DTVC_BUILD_TESTS=ON
+	cmake --build $(BUILD)/asan -j$(JOBS)
+	ctest --test-dir $(BUILD)/asan --output-on-failure

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# demo.sh UMCTL - a short umctl session on the sample device.  `make demo` runs it through
+# tools/sandbox/tvc-sandbox; on the host it would show the host's accounts, so it refuses.
+set -uo pipefail
+
+umctl=${1:?usage: demo.sh UMCTL}
+if [[ ${TVC_SANDBOX-} != 1 ]]; then
+    echo "demo.sh: run me inside the sandbox: tools/sandbox/tvc-sandbox -- $0 $umctl" >&2
+    exit 2
+fi
+
+# Shows the command, runs it, and shows its exit status when it is not 0.
+show() {
+    echo
+    echo "\$ umctl $*"
+    "$umctl" "$@"
+    local status=$?
+    ((status == 0)) || echo "[exit status $status]"
+}
+
+echo "umctl on the sample device of tools/sandbox/tvc-sandbox (its header lists the accounts)"
+show user admin
+show user 10002
+show group viewers
+show group 4101
+show settings
+show --json user nosuch
+echo

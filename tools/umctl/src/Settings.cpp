@@ -1,0 +1,64 @@
+// umctl settings: the effective value of every setting of the installed UserDefinition.
+// Strings are quoted so that blanks stay visible (the default update script is "false ").
+#include <iostream>
+#include <string>
+
+#include <systemutilities/LinuxUserSystem.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "Command.h"
+
+namespace umctl {
+
+namespace {
+
+void print(const char* name, const std::string& value) { std::cout << name << ": \"" << value << "\"\n"; }
+void print(const char* name, const char* value) { print(name, std::string(value ? value : "")); }
+void print(const char* name, long long value) { std::cout << name << ": " << value << "\n"; }
+void print(const char* name, bool value) { std::cout << name << ": " << (value ? "true" : "false") << "\n"; }
+
+int settings(const Args&) {
+    usermanagement::UserDefinition& d = usermanagement::UserDefinition::GetUserDefinition();
+    print("maxUser", static_cast<long long>(d.getMaxUser()));
+    print("baseUid", static_cast<long long>(d.getBaseUid()));
+    // The shell depends on the profile; show the one of the first profile group.
+    const unsigned int profile = systemutilities::LinuxUserSystem::kProfileGidFirst;
+    print(("userShell(" + std::to_string(profile) + ")").c_str(), d.getUserShell(profile));
+    print("userHome", d.getUserHome());
+    print("userGecos", d.getUserGecos());
+    print("webPam", d.getWebPam());
+    print("passwordPam", d.getPasswordPam());
+    print("tallyFilePath", d.getTallyFilePath());
+    print("userManagerRole", d.getUserManagerRole());
+    print("selfAccountRole", d.getSelfAccountRole());
+
+    // Callers preset these out-values; a provider that writes nothing leaves the presets.
+    int lockCount = -1;
+    d.getDBLockCount(lockCount);
+    print("dbLockCount", static_cast<long long>(lockCount));
+    int maxAge = -1, minAge = -1, thirdAge = -1;
+    bool exemptBaseUser = false;
+    d.getDBPasswordExpirationAge(maxAge, minAge, thirdAge, exemptBaseUser);
+    print("passwordMaxAge", static_cast<long long>(maxAge));
+    print("passwordMinAge", static_cast<long long>(minAge));
+    print("passwordThirdAge", static_cast<long long>(thirdAge));
+    print("passwordAgeExemptsBaseUser", exemptBaseUser);
+
+    print("dbDelayWrongCredential", static_cast<long long>(d.getDBDelayWrongCredential()));
+    print("dbPasswordMaxLen", static_cast<long long>(d.getDBPasswordMaxLen()));
+    print("passwordFilePath", d.getPasswordFilePath());
+    print("passwordTmpFilePath", d.getPasswordTmpFilePath());
+    print("shadowFilePath", d.getShadowFilePath());
+    print("shadowTmpFilePath", d.getShadowTmpFilePath());
+    print("groupFilePath", d.getGroupFilePath());
+    print("groupTmpFilePath", d.getGroupTmpFilePath());
+    print("rootProfile", d.hasRootProfile());
+    print("updateFileScript", d.getUpdateFileScript());
+    return kOk;
+}
+
+}  // namespace
+
+std::vector<Command> settingsCommands() { return {{"settings", "", 0, 0, settings}}; }
+
+}  // namespace umctl

@@ -1,0 +1,133 @@
+// umctl: command-line host of libtvc_usermanagement.
+//
+//     umctl [--json] COMMAND [ARGS...]
+//
+// Exit status 0 on success, 1 when something is not found or the library refuses, 2 on a bad
+// command line.  Every error is one line on stderr; with --json a library failure also prints
+// the library's JSON answer on stdout, as the web front end would receive it.
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include <systemutilities/LinuxUserSystem.h>
+#include <tarvicexception/TvcException.h>
+#include <umlog/Ctx.h>
+#include <usermanagement/Logger.h>
+#include <usermanagement/UMException.h>
+
+#include "Command.h"
+
+namespace umctl {
+
+std::vector<Command> allCommands() {
+    std::vector<Command> all;
+    for (auto group : {lookupCommands, settingsCommands}) {
+        std::vector<Command> commands = group();
+        all.insert(all.end(), commands.begin(), commands.end());
+    }
+    return all;
+}
+
+bool parseId(const std::string& text, unsigned int& id) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    errno = 0;
+    unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    if (errno == ERANGE || value > UINT_MAX) throw UsageError("id out of range: " + text);
+    id = static_cast<unsigned int>(value);
+    return true;
+}
+
+void notFound(int code, const std::string& message) {
+    throw usermanagement::UMException(code, message, umlog::Ctx::getCtx().getUsername(), true);
+}
+
+namespace {
+
+// The audit trail of a command-line run goes to stderr, next to the errors.
+class StderrLogger : public usermanagement::Logger {
+public:
+    void logMessage(usermanagement::LogCategory category, int messageId, int, const usermanagement::LogSeverity& severity,
+                    std::string ip, int, std::string text) override {
+        std::cerr << "umctl: log: " << text << " [category " << static_cast<int>(category) << ", message "
+                  << messageId << ", severity " << static_cast<int>(severity) << ", ip " << ip << "]\n";
+    }
+};
+
+std::string usageLine(const Command& command) {
+    std::string line = std::string("umctl [--json] ") + command.name;
+    if (*command.arguments) line += std::string(" ") + command.arguments;
+    return line;
+}
+
+void printHelp(const std::vector<Command>& commands) {
+    std::cout << "usage:\n";
+    for (const Command& command : commands) std::cout << "  " << usageLine(command) << "\n";
+}
+
+// Who runs umctl, for the exceptions and log lines of this run.
+std::string invokingUser() {
+    std::string name;
+    unsigned int profile = 0;
+    if (systemutilities::LinuxUserSystem::getUserName(getuid(), name, profile)) return name;
+    return std::to_string(getuid());
+}
+
+int run(const std::vector<Command>& commands, const Args& words) {
+    if (words.empty()) throw UsageError("usage: umctl [--json] COMMAND [ARGS...] (umctl --help lists them)");
+    for (const Command& command : commands) {
+        if (words[0] != command.name) continue;
+        const Args args(words.begin() + 1, words.end());
+        if (args.size() < command.minArgs || args.size() > command.maxArgs)
+            throw UsageError("usage: " + usageLine(command));
+        return command.run(args);
+    }
+    throw UsageError("unknown command: " + words[0] + " (umctl --help lists them)");
+}
+
+}  // namespace
+
+}  // namespace umctl
+
+int main(int argc, char** argv) {
+    using namespace umctl;
+    const std::vector<Command> commands = allCommands();
+    bool json = false;
+    Args words;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--json") {
+            json = true;
+        } else if (word == "-h" || word == "--help") {
+            printHelp(commands);
+            return kOk;
+        } else {
+            words.push_back(word);
+        }
+    }
+
+    static StderrLogger logger;
+    logger.setLogger(logger);
+    umlog::Ctx& context = umlog::Ctx::getCtx();
+    context.setIP("cli");
+    context.setProtocol(umlog::Ctx::Cli);
+
+    try {
+        context.setUsername(invokingUser());
+        return run(commands, words);
+    } catch (const UsageError& e) {
+        std::cerr << "umctl: " << e.what() << "\n";
+        return kUsage;
+    } catch (tarvicexception::TvcException& e) {
+        e.logCdsMessage();
+        std::cerr << "umctl: " << e.what() << "\n";
+        if (json) std::cout << e.getJsonAnswer() << "\n";
+        return kFailed;
+    } catch (const std::exception& e) {
+        std::cerr << "umctl: " << e.what() << "\n";
+        return kFailed;
+    }
+}

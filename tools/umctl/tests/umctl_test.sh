@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# umctl_test.sh UMCTL SANDBOX
+# Runs umctl against the sample device of tools/sandbox/tvc-sandbox (a fresh one per run) and
+# checks its output and exit status.  Exits 77 (skipped) when no sandbox can be built, unless
+# CI=true, where that is a failure.
+set -uo pipefail
+
+umctl=$1
+sandbox=$2
+passed=0
+failed=0
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+if ! reason=$("$sandbox" -- true 2>&1); then
+    echo "umctl_test: $reason"
+    [[ ${CI-} == true ]] && exit 1
+    exit 77
+fi
+
+# expect STATUS STDOUT STDERR -- ARGS...
+# One umctl run; STDOUT and STDERR are glob patterns the whole output must match.
+expect() {
+    local want=$1 out_pattern=$2 err_pattern=$3
+    shift 4
+    local status=0
+    "$sandbox" -- "$umctl" "$@" >"$scratch/out" 2>"$scratch/err" || status=$?
+    local out err
+    out=$(<"$scratch/out")
+    err=$(<"$scratch/err")
+    # shellcheck disable=SC2053 # the right-hand sides are patterns on purpose
+    if [[ $status == "$want" && $out == $out_pattern && $err == $err_pattern ]]; then
+        passed=$((passed + 1))
+        echo "ok: umctl $*"
+    else
+        failed=$((failed + 1))
+        echo "FAILED: umctl $* (status $status, expected $want)"
+        echo "  stdout: $out"
+        echo "  stderr: $err"
+    fi
+}
+
+nl=$'\n'
+
+# Lookups by name and by id; the profile gid comes from the primary group or, for accounts
+# whose primary group is no profile, from the first profile group they belong to.
+expect 0 "uid: 10000${nl}name: admin${nl}profile gid: 10000" "" -- user admin
+expect 0 "uid: 10002${nl}name: viewer${nl}profile gid: 10002" "" -- user 10002
+expect 0 "uid: 10004${nl}name: guest${nl}profile gid: 10002" "" -- user guest
+expect 0 "uid: 2002${nl}name: plainuser${nl}profile gid: 10002" "" -- user plainuser
+expect 0 "uid: 2003${nl}name: svc-backup${nl}profile gid: 100" "" -- user 2003
+expect 0 "gid: 10002${nl}name: viewers" "" -- group viewers
+expect 0 "gid: 4101${nl}name: role-user-manager" "" -- group 4101
+
+# Not found: status 1, an audit line and one error line on stderr, JSON only when asked.
+expect 1 "" "umctl: log: User not found*ip cli]${nl}umctl: no such user: nosuch" -- user nosuch
+expect 1 "" "*${nl}umctl: no such user: 4242" -- user 4242
+expect 1 '{"classCode":0,*"errorCode":5*}' "*umctl: no such user: nosuch" -- --json user nosuch
+expect 1 '{"classCode":0,*}' "*umctl: no such group: nosuch" -- group nosuch --json
+
+# Bad usage: status 2 and exactly one line on stderr.
+expect 2 "" "umctl: usage: umctl [[]--json] user NAME|UID" -- user
+expect 2 "" "umctl: usage: umctl [[]--json] group NAME|GID" -- group a b
+expect 2 "" "umctl: unknown command: bogus (umctl --help lists them)" -- bogus
+expect 2 "" "umctl: usage: umctl*" --
+expect 2 "" "umctl: id out of range: 99999999999" -- user 99999999999
+expect 0 "usage:*settings*" "" -- --help
+
+# The built-in configuration, including the trailing blank of the update script.
+expect 0 "maxUser: 5${nl}baseUid: 10000${nl}*" "" -- settings
+expect 0 "*${nl}userHome: \"/home/admin\"${nl}*" "" -- settings
+expect 0 "*${nl}selfAccountRole: \"role-user-configure-self\"${nl}*" "" -- settings
+expect 0 "*${nl}dbLockCount: -1${nl}*${nl}rootProfile: true${nl}updateFileScript: \"false \"" "" -- settings
+
+echo "$passed passed, $failed failed"
+((failed == 0))
