@@ -23,6 +23,8 @@ show user admin
 show user 10002
 show group viewers
 show group 4101
+show profiles
+show groups admin
 show settings
 show --json user nosuch
 echo

@@ -36,6 +36,12 @@ public:
     static bool getGroupGid(const char* name, unsigned int& gid);
     static bool getGroupName(unsigned int gid, std::string& name);
 
+    // Appends one UmGroup per group of the account: its profile group and every group naming
+    // it as a member, in getgrouplist() order.  False, with `groups` untouched, for an unknown
+    // account or an unreadable group list.  Uses the non-reentrant getgrgid: not safe against
+    // concurrent getgrgid/getgrnam callers in the same process.
+    static bool getGroups(unsigned int uid, std::vector<usermanagement::UmGroup>& groups);
+    static bool getGroups(const char* name, std::vector<usermanagement::UmGroup>& groups);
 
     static bool isProfileGid(unsigned int gid) { return gid >= kProfileGidFirst && gid <= kProfileGidLast; }
 };

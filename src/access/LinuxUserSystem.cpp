@@ -9,6 +9,7 @@
 #include <memory>
 
 #include <usermanagement/UMException.h>
+#include <usermanagement/UmGroup.h>
 
 #include "foundation/Raise.h"
 
@@ -44,7 +45,52 @@ unsigned int profileGidOf(const char* name, unsigned int primary) {
     return primary;
 }
 
+// A malloc'ed list of sysconf(_SC_NGROUPS_MAX) group ids for getGroups; `count` receives its
+// capacity.  Throws code 12 when it cannot be had.
+std::shared_ptr<unsigned int> groupIdList(int& count) {
+    static_assert(sizeof(gid_t) == sizeof(unsigned int), "group ids are 32-bit");
+    long max = sysconf(_SC_NGROUPS_MAX);
+    unsigned int* block =
+        max > 0 ? static_cast<unsigned int*>(std::malloc(sizeof(unsigned int) * static_cast<size_t>(max))) : nullptr;
+    if (block == nullptr) raise<UMSystemErrorException>(12, "getGroups malloc error");
+    count = static_cast<int>(max);
+    return std::shared_ptr<unsigned int>(block, free_delete());
+}
+
+// The getGroups walk shared by both forms, once the account is known.  The groups are collected
+// aside and appended at the end, so a failing UmGroup construction leaves `groups` as it was.
+bool appendGroups(const char* name, unsigned int profileGid, std::shared_ptr<unsigned int> list, int count,
+                  std::vector<usermanagement::UmGroup>& groups) {
+    if (getgrouplist(name, profileGid, list.get(), &count) == -1) return false;
+    std::vector<usermanagement::UmGroup> found;
+    for (int i = 0; i < count; ++i) {
+        const unsigned int gid = list.get()[i];
+        // An id without a group entry (a stale primary gid) has no name to offer: skip it.
+        if (getgrgid(gid) == nullptr) continue;
+        found.emplace_back(gid);
+    }
+    groups.insert(groups.end(), found.begin(), found.end());
+    return true;
+}
+
 }  // namespace
+
+bool LinuxUserSystem::getGroups(unsigned int uid, std::vector<usermanagement::UmGroup>& groups) {
+    int count = 0;
+    std::shared_ptr<unsigned int> list = groupIdList(count);
+    std::string name;
+    unsigned int profileGid = 0;
+    if (!getUserName(uid, name, profileGid)) return false;
+    return appendGroups(name.c_str(), profileGid, list, count, groups);
+}
+
+bool LinuxUserSystem::getGroups(const char* name, std::vector<usermanagement::UmGroup>& groups) {
+    int count = 0;
+    std::shared_ptr<unsigned int> list = groupIdList(count);
+    unsigned int profileGid = 0;
+    if (!getUserIds(name, nullptr, &profileGid)) return false;
+    return appendGroups(name, profileGid, list, count, groups);
+}
 
 bool LinuxUserSystem::getUserIds(const char* name, unsigned int* uid, unsigned int* gid) {
     if (name == nullptr) return false;

@@ -39,5 +39,9 @@ bool parseId(const std::string& text, unsigned int& id);
 
 std::vector<Command> lookupCommands();
 std::vector<Command> settingsCommands();
+std::vector<Command> accessCommands();
+
+// Installs the device's profile catalogue; called once at start-up.
+void installCatalogue();
 
 }  // namespace umctl

@@ -25,7 +25,7 @@ namespace umctl {
 
 std::vector<Command> allCommands() {
     std::vector<Command> all;
-    for (auto group : {lookupCommands, settingsCommands}) {
+    for (auto group : {lookupCommands, settingsCommands, accessCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }
@@ -111,6 +111,7 @@ int main(int argc, char** argv) {
 
     static StderrLogger logger;
     logger.setLogger(logger);
+    installCatalogue();
     umlog::Ctx& context = umlog::Ctx::getCtx();
     context.setIP("cli");
     context.setProtocol(umlog::Ctx::Cli);

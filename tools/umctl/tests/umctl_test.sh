@@ -72,5 +72,11 @@ expect 0 "*${nl}userHome: \"/home/admin\"${nl}*" "" -- settings
 expect 0 "*${nl}selfAccountRole: \"role-user-configure-self\"${nl}*" "" -- settings
 expect 0 "*${nl}dbLockCount: -1${nl}*${nl}rootProfile: true${nl}updateFileScript: \"false \"" "" -- settings
 
+# The sample catalogue and the groups an account holds.
+expect 0 "10000 administrators${nl}4101 role-user-manager*4201 log-read" "" -- groups admin
+expect 0 "10002 viewers${nl}4101 role-user-manager" "" -- groups 2002
+expect 1 "" "*umctl: no such user: nosuch" -- groups nosuch
+expect 0 "Profile:[[]www-data] id[[]-2] gid[[]33]*Profile:[[]viewers] id[[]2] gid[[]10002]*" "" -- profiles
+
 echo "$passed passed, $failed failed"
 ((failed == 0))

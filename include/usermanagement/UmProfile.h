@@ -1,0 +1,4 @@
+// UmProfile lives with the rest of the access-model values in UmGroup.h.
+#pragma once
+
+#include <usermanagement/UmGroup.h>
