@@ -40,6 +40,7 @@ bool parseId(const std::string& text, unsigned int& id);
 std::vector<Command> lookupCommands();
 std::vector<Command> settingsCommands();
 std::vector<Command> accessCommands();
+std::vector<Command> identityCommands();
 
 // Installs the device's profile catalogue; called once at start-up.
 void installCatalogue();

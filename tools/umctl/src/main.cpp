@@ -25,7 +25,7 @@ namespace umctl {
 
 std::vector<Command> allCommands() {
     std::vector<Command> all;
-    for (auto group : {lookupCommands, settingsCommands, accessCommands}) {
+    for (auto group : {lookupCommands, settingsCommands, accessCommands, identityCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }

@@ -78,5 +78,13 @@ expect 0 "10002 viewers${nl}4101 role-user-manager" "" -- groups 2002
 expect 1 "" "*umctl: no such user: nosuch" -- groups nosuch
 expect 0 "Profile:[[]www-data] id[[]-2] gid[[]33]*Profile:[[]viewers] id[[]2] gid[[]10002]*" "" -- profiles
 
+# The ids of the calling thread; the failed-login count of an account (the sample device
+# records none), by name or uid.
+expect 0 "ruid: 0${nl}euid: 0${nl}suid: 0${nl}rgid: 0${nl}egid: 0${nl}sgid: 0${nl}groups: [0-9]*" "" -- whoami
+expect 0 "uid: 10001${nl}failures: [0-9]*" "" -- tally operator
+expect 0 "uid: 10000${nl}failures: [0-9]*" "" -- tally 10000
+expect 1 "" "*umctl: no such user: nosuch" -- tally nosuch
+expect 2 "" "umctl: usage: umctl [[]--json] tally NAME|UID" -- tally
+
 echo "$passed passed, $failed failed"
 ((failed == 0))

@@ -1,0 +1,16 @@
+// Free functions over the account database in the namespace usermanagement::utilities.
+#pragma once
+
+#include <string>
+
+#include <usermanagement/Export.h>
+
+namespace usermanagement::utilities {
+
+// Failed-login count of `uid` in the pam_tally2 file `tallyFilePath`: the unsigned 16-bit
+// count (host byte order) at offset 54 of the 64-byte record at byte uid * 64.  One record is
+// read, with the calling thread's identity; 0 when the file cannot be opened or the record lies
+// beyond its end.  Raises nothing.
+TVC_UM_EXPORT int getLockCount(const unsigned int& uid, const std::string& tallyFilePath);
+
+}  // namespace usermanagement::utilities

@@ -1,0 +1,234 @@
+// Identity switching of the calling thread through the bare system calls of IdSyscalls.h.
+//
+// Each switch follows the discipline of OpenSSH's uidswap: groups before group ids before
+// user ids (giving up effective root first would forbid the rest), and an identity change
+// that matters is checked after it was made instead of trusting the return codes.
+#include <usermanagement/SystemPermission.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "foundation/Raise.h"
+#include "system/IdSyscalls.h"
+
+namespace usermanagement {
+
+namespace {
+
+namespace ids = detail::ids;
+using detail::raise;
+
+constexpr unsigned int kUnknownId = 4294967295u;
+constexpr const char* kTracePath = "/tmp/download/sessionP.txt";
+
+bool rootProfile() { return UserDefinition::GetUserDefinition().hasRootProfile(); }
+
+// Whether the snapshot's groups can be put back: an array, or a snapshot without groups.
+// A count without an array (allocation failed at construction) cannot.
+bool groupsKnown(const unsigned int* groups, int count) { return groups != nullptr || count == 0; }
+
+bool hasEffectiveIds(uid_t euid, gid_t egid) {
+    uid_t ruid = 0, currentEuid = 0, suid = 0;
+    gid_t rgid = 0, currentEgid = 0, sgid = 0;
+    if (getresuid(&ruid, &currentEuid, &suid) != 0 || getresgid(&rgid, &currentEgid, &sgid) != 0) return false;
+    return currentEuid == euid && currentEgid == egid;
+}
+
+// The thread's groups equal `groups` as a set (the kernel keeps them sorted).
+bool hasGroups(const unsigned int* groups, int count) {
+    int current = ids::getGroups(0, nullptr);
+    if (current != count) return false;
+    if (count == 0) return true;
+    std::vector<gid_t> now(static_cast<size_t>(count));
+    if (ids::getGroups(count, now.data()) != count) return false;
+    std::vector<gid_t> wanted(groups, groups + count);
+    std::sort(now.begin(), now.end());
+    std::sort(wanted.begin(), wanted.end());
+    return now == wanted;
+}
+
+// Last resort of the destructor when restorePermission() failed (root could not be regained,
+// the configuration could not be asked, or the ids did not stick).  Everything is attempted
+// without the configuration: the object did switch, so its snapshot is the identity the thread
+// must get back.  Without root the kernel still lets a thread pick its effective ids among its
+// real, effective and saved ids, which restores the common case of a thread whose saved id
+// was lost.  A thread that still has another identity is not allowed to go on: it would serve
+// later requests of the host as the wrong account.
+void restoreOrAbort(uid_t euid, gid_t egid, const unsigned int* groups, int count) noexcept {
+    ids::setResUid(ids::kUnchanged, 0, 0);
+    if (groupsKnown(groups, count)) ids::setGroups(count, groups);
+    if (ids::setResGid(ids::kUnchanged, egid, 0) != 0) ids::setResGid(ids::kUnchanged, egid, ids::kUnchanged);
+    if (ids::setResUid(ids::kUnchanged, euid, 0) != 0) ids::setResUid(ids::kUnchanged, euid, ids::kUnchanged);
+
+    bool restored = hasEffectiveIds(euid, egid) && (!groupsKnown(groups, count) || hasGroups(groups, count));
+    if (restored) return;
+
+    char message[200];
+    int length = std::snprintf(message, sizeof message,
+                               "tvc_usermanagement: thread %ld cannot return to euid %u egid %u; aborting\n",
+                               static_cast<long>(::syscall(SYS_gettid)), euid, egid);
+    if (length > 0) {
+        ssize_t ignored = ::write(STDERR_FILENO, message, std::min(static_cast<size_t>(length), sizeof message - 1));
+        (void)ignored;
+    }
+    std::abort();
+}
+
+}  // namespace
+
+SystemPermission::SystemPermission()
+    : m_euid(kUnknownId),
+      m_ruid(kUnknownId),
+      m_saveuid(kUnknownId),
+      m_egid(kUnknownId),
+      m_rgid(kUnknownId),
+      m_savegid(kUnknownId),
+      m_groups(nullptr),
+      m_nbreGroup(0),
+      m_permissionChanged(false) {
+    m_nbreGroup = ids::getGroups(0, nullptr);
+    if (m_nbreGroup > 0) {
+        m_groups = static_cast<unsigned int*>(std::malloc(sizeof(unsigned int) * static_cast<size_t>(m_nbreGroup)));
+        // A partial list would restore the wrong groups; no list keeps the thread's current ones.
+        if (m_groups != nullptr && ids::getGroups(m_nbreGroup, m_groups) != m_nbreGroup) {
+            std::free(m_groups);
+            m_groups = nullptr;
+        }
+    }
+    getresgid(&m_rgid, &m_egid, &m_savegid);
+    getresuid(&m_ruid, &m_euid, &m_saveuid);
+}
+
+SystemPermission::SystemPermission(SystemPermission& other)
+    : m_euid(other.m_euid),
+      m_ruid(other.m_ruid),
+      m_saveuid(other.m_saveuid),
+      m_egid(other.m_egid),
+      m_rgid(other.m_rgid),
+      m_savegid(other.m_savegid),
+      m_groups(nullptr),
+      m_nbreGroup(other.m_nbreGroup),
+      m_permissionChanged(other.m_permissionChanged) {
+    if (other.m_groups != nullptr && other.m_nbreGroup > 0) {
+        size_t bytes = sizeof(unsigned int) * static_cast<size_t>(other.m_nbreGroup);
+        m_groups = static_cast<unsigned int*>(std::malloc(bytes));
+        if (m_groups == nullptr) raise<PMException>(15, "Memory realloc failed");
+        std::memcpy(m_groups, other.m_groups, bytes);
+    }
+}
+
+SystemPermission::SystemPermission(SystemPermission&& other) noexcept
+    : m_euid(other.m_euid),
+      m_ruid(other.m_ruid),
+      m_saveuid(other.m_saveuid),
+      m_egid(other.m_egid),
+      m_rgid(other.m_rgid),
+      m_savegid(other.m_savegid),
+      m_groups(other.m_groups),
+      m_nbreGroup(other.m_nbreGroup),
+      m_permissionChanged(other.m_permissionChanged) {
+    other.m_groups = nullptr;
+    other.m_permissionChanged = false;
+}
+
+SystemPermission::~SystemPermission() {
+    try {
+        restorePermission();
+    } catch (...) {
+        restoreOrAbort(m_euid, m_egid, m_groups, m_nbreGroup);
+    }
+    std::free(m_groups);
+}
+
+unsigned int SystemPermission::getEuid() const { return m_euid; }
+unsigned int SystemPermission::getRuid() const { return m_ruid; }
+unsigned int SystemPermission::getSuid() const { return m_saveuid; }
+unsigned int SystemPermission::getEgid() const { return m_egid; }
+unsigned int SystemPermission::getRgid() const { return m_rgid; }
+unsigned int SystemPermission::getSgid() const { return m_savegid; }
+
+void SystemPermission::setUpPermission() {
+    if (!rootProfile()) return;
+    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1) raise<PMException>(15, "setUpPermission");
+}
+
+void SystemPermission::setRealPermissions() {
+    if (m_permissionChanged) return;
+    setUpPermission();
+    m_permissionChanged = true;
+}
+
+void SystemPermission::restorePermission() {
+    if (!m_permissionChanged) return;
+    setUpPermission();
+    if (rootProfile()) {
+        // Results deliberately unchecked one by one: what counts is the identity afterwards.
+        if (groupsKnown(m_groups, m_nbreGroup)) ids::setGroups(m_nbreGroup, m_groups);
+        ids::setResGid(ids::kUnchanged, m_egid, 0);
+        ids::setResUid(ids::kUnchanged, m_euid, 0);
+        if (!hasEffectiveIds(m_euid, m_egid)) raise<PMException>(15, "restorePermission");
+    }
+    m_permissionChanged = false;
+}
+
+void SystemPermission::setUserPermissionDefinitely() {
+    setUpPermission();
+    if (!rootProfile()) return;
+    if (ids::setResGid(m_egid, m_egid, m_egid) == -1) raise<PMException>(15, "setUserPermission sys_setresgid");
+    if (ids::setResUid(m_euid, m_euid, m_euid) == -1) raise<PMException>(15, "setUserPermission sys_setresuid");
+
+    gid_t rgid = 0, egid = 0, sgid = 0;
+    if (getresgid(&rgid, &egid, &sgid) != 0 || rgid != m_egid || egid != m_egid || sgid != m_egid)
+        raise<PMException>(15, "setUserPermission sys_setresgid");
+    uid_t ruid = 0, euid = 0, suid = 0;
+    if (getresuid(&ruid, &euid, &suid) != 0 || ruid != m_euid || euid != m_euid || suid != m_euid)
+        raise<PMException>(15, "setUserPermission sys_setresuid");
+    // A thread that kept CAP_SETUID (capability bits, user namespaces) could still climb back.
+    if (m_euid != 0 && ids::setResUid(ids::kUnchanged, 0, ids::kUnchanged) == 0) {
+        ids::setResUid(m_euid, m_euid, m_euid);
+        raise<PMException>(15, "setUserPermission sys_setresuid");
+    }
+}
+
+void SystemPermission::print() const {
+    std::ofstream trace(kTracePath, std::ios::app);
+    auto line = [&trace](const std::string& label, auto value) {
+        std::cout << label << value << '\n';
+        if (trace) trace << label << value << '\n';
+    };
+    line("m_euid ", m_euid);
+    line("m_ruid ", m_ruid);
+    line("m_saveuid ", m_saveuid);
+    line("m_egid ", m_egid);
+    line("m_rgid ", m_rgid);
+    line("m_savegid ", m_savegid);
+    line("m_nbreGroup ", m_nbreGroup);
+    // A count without an array (allocation failed) has no ids to show.
+    if (m_groups != nullptr)
+        for (int i = 0; i < m_nbreGroup; ++i) line("grp:", m_groups[i]);
+    std::cout << '\n' << std::flush;
+}
+
+void SystemPermission::printCurrentUids() {
+    SystemPermission current;
+    current.print();
+}
+
+void SystemPermission::whoAmi() {
+    uid_t ruid = kUnknownId, euid = kUnknownId, suid = kUnknownId;
+    getresuid(&ruid, &euid, &suid);
+    std::cout << "ruid " << ruid << " euid " << euid << " saveuid " << suid << '\n' << std::flush;
+}
+
+}  // namespace usermanagement
