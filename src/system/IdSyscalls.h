@@ -10,9 +10,10 @@
 // used, and a 32-bit platform that lacks them is refused at compile time rather than risking
 // truncated ids.  64-bit platforms only have the plain, 32-bit-id calls.
 //
-// Header-only on purpose: every function is a single syscall() so that tests can put a thread
-// into a given identity with the very same calls the library makes.  Results follow the
-// system call convention: 0 (or a count) on success, -1 with errno set on failure.
+// Header-only on purpose: tests put a thread into a given identity with the very same calls
+// the library makes.  Results follow the system call convention: 0 (or a count) on success,
+// -1 with errno set on failure.  Nothing here allocates or locks, so every function may run in
+// a child between fork and exec.
 #pragma once
 
 #include <sys/syscall.h>
@@ -67,6 +68,26 @@ inline int setGroups(int count, const gid_t* groups) {
 // With count 0: the number of supplementary groups, groups untouched.
 inline int getGroups(int count, gid_t* groups) {
     return static_cast<int>(::syscall(kSysGetGroups, static_cast<long>(count), groups));
+}
+
+enum class KeepOnly { Done, GidRefused, UidRefused };
+
+// Makes `uid` and `gid` the thread's real, effective and saved ids (group ids first: they
+// need the effective root that the user ids give up), then makes sure they hold and that root
+// cannot be regained (a thread that kept CAP_SETUID could climb back).  Needs effective root
+// on entry unless the ids are already the current ones.
+inline KeepOnly keepOnlyIds(uid_t uid, gid_t gid) noexcept {
+    if (setResGid(gid, gid, gid) == -1) return KeepOnly::GidRefused;
+    if (setResUid(uid, uid, uid) == -1) return KeepOnly::UidRefused;
+    gid_t rgid = 0, egid = 0, sgid = 0;
+    if (getresgid(&rgid, &egid, &sgid) != 0 || rgid != gid || egid != gid || sgid != gid) return KeepOnly::GidRefused;
+    uid_t ruid = 0, euid = 0, suid = 0;
+    if (getresuid(&ruid, &euid, &suid) != 0 || ruid != uid || euid != uid || suid != uid) return KeepOnly::UidRefused;
+    if (uid != 0 && setResUid(kUnchanged, 0, kUnchanged) == 0) {
+        setResUid(uid, uid, uid);
+        return KeepOnly::UidRefused;
+    }
+    return KeepOnly::Done;
 }
 
 }  // namespace usermanagement::detail::ids

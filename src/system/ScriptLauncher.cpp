@@ -4,10 +4,14 @@
 // system calls on descriptors and ids:
 // - the descriptor table and the stream are made before the fork, so no allocation that may
 //   fail is left to the child, and nothing is recorded for a child that never ran;
-// - the identity snapshot is taken before the fork as well (the child's ids are the calling
-//   thread's); on its way to execl the child asks the configuration whether it runs as root
-//   and makes the raw set*id calls.  Only when those fail does it allocate (the PMException),
-//   which glibc's fork-safe malloc allows, and it ends with status 127 right after;
+// - the identity snapshot is taken and the configuration asked (host code that may lock,
+//   allocate or throw) before the fork as well; the child then makes the same raw calls as
+//   SystemPermission::setUserPermissionDefinitely() without building an exception when they
+//   are refused: it ends with status 127 instead;
+// - every signal is blocked across the fork, and the child sets the host's handlers back to
+//   the default before it unblocks them: a host handler must not run in a child that may
+//   still hold root and shares the parent's stdio buffers; the command starts with the
+//   caller's signal mask, as with popen;
 // - both pipe ends are close-on-exec, so a command started by another thread in between
 //   never inherits them (an inherited write end would keep the reader waiting for an
 //   end of file until that other command ended).
@@ -27,6 +31,9 @@
 #include <stdexcept>
 
 #include <usermanagement/SystemPermission.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "system/IdSyscalls.h"
 
 namespace systemutilities {
 
@@ -35,6 +42,13 @@ pid_t* ScriptLauncher::m_pids = nullptr;
 namespace {
 
 using usermanagement::SystemPermission;
+namespace ids = usermanagement::detail::ids;
+
+// The ids a child keeps for good (none: it keeps the caller's real, effective and saved ids).
+struct Identity {
+    uid_t uid;
+    gid_t gid;
+};
 
 // Number of entries of m_pids; published (release) after m_pids is set, so a reader that
 // sees a size sees the table.
@@ -55,15 +69,21 @@ bool ensureTable() {
 }
 
 // The child after fork: ids, descriptors, shell.  Never returns into the caller's code.
+// Only system calls: another thread of the parent may have held a lock at the fork.
 [[noreturn]] void runChild(const char* command, bool reading, int parentEnd, int childEnd,
-                           SystemPermission* identity) noexcept {
-    if (identity != nullptr) {
-        try {
-            identity->setUserPermissionDefinitely();
-        } catch (...) {
-            _exit(127);
-        }
+                           const std::optional<Identity>& identity, const sigset_t& callerMask) noexcept {
+    for (int number = 1; number < NSIG; ++number) {
+        struct sigaction action {};
+        if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN)
+            continue;
+        action = {};
+        action.sa_handler = SIG_DFL;
+        sigaction(number, &action, nullptr);
     }
+    pthread_sigmask(SIG_SETMASK, &callerMask, nullptr);
+    if (identity && (ids::setResUid(ids::kUnchanged, 0, 0) == -1 ||
+                     ids::keepOnlyIds(identity->uid, identity->gid) != ids::KeepOnly::Done))
+        _exit(127);
     const int target = reading ? STDOUT_FILENO : STDIN_FILENO;
     // The parent's end first: when the caller had closed standard input or output, it may
     // hold the very descriptor number the child's end is to take.
@@ -82,6 +102,17 @@ bool ensureTable() {
 FILE* launch(const char* command, const char* mode, bool dropIds) {
     if (command == nullptr || mode == nullptr) return nullptr;
     if (!ensureTable()) return nullptr;
+    std::optional<Identity> identity;
+    if (dropIds) {
+        try {
+            if (usermanagement::UserDefinition::GetUserDefinition().hasRootProfile()) {
+                const SystemPermission snapshot;
+                identity = Identity{snapshot.getEuid(), snapshot.getEgid()};
+            }
+        } catch (...) {
+            return nullptr;
+        }
+    }
     const bool reading = mode[0] == 'r';
 
     int ends[2];
@@ -101,16 +132,18 @@ FILE* launch(const char* command, const char* mode, bool dropIds) {
         return nullptr;
     }
 
-    std::optional<SystemPermission> identity;
-    if (dropIds) identity.emplace();
-
-    pid_t child = fork();
+    sigset_t all;
+    sigset_t callerMask;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &callerMask);
+    const pid_t child = fork();
+    if (child == 0) runChild(command, reading, parentEnd, childEnd, identity, callerMask);
+    pthread_sigmask(SIG_SETMASK, &callerMask, nullptr);
     if (child == -1) {
         std::fclose(stream);
         close(childEnd);
         return nullptr;
     }
-    if (child == 0) runChild(command, reading, parentEnd, childEnd, identity ? &*identity : nullptr);
 
     close(childEnd);
     __atomic_store_n(&ScriptLauncher::m_pids[parentEnd], child, __ATOMIC_RELEASE);

@@ -185,19 +185,13 @@ void SystemPermission::restorePermission() {
 void SystemPermission::setUserPermissionDefinitely() {
     setUpPermission();
     if (!rootProfile()) return;
-    if (ids::setResGid(m_egid, m_egid, m_egid) == -1) raise<PMException>(15, "setUserPermission sys_setresgid");
-    if (ids::setResUid(m_euid, m_euid, m_euid) == -1) raise<PMException>(15, "setUserPermission sys_setresuid");
-
-    gid_t rgid = 0, egid = 0, sgid = 0;
-    if (getresgid(&rgid, &egid, &sgid) != 0 || rgid != m_egid || egid != m_egid || sgid != m_egid)
-        raise<PMException>(15, "setUserPermission sys_setresgid");
-    uid_t ruid = 0, euid = 0, suid = 0;
-    if (getresuid(&ruid, &euid, &suid) != 0 || ruid != m_euid || euid != m_euid || suid != m_euid)
-        raise<PMException>(15, "setUserPermission sys_setresuid");
-    // A thread that kept CAP_SETUID (capability bits, user namespaces) could still climb back.
-    if (m_euid != 0 && ids::setResUid(ids::kUnchanged, 0, ids::kUnchanged) == 0) {
-        ids::setResUid(m_euid, m_euid, m_euid);
-        raise<PMException>(15, "setUserPermission sys_setresuid");
+    switch (ids::keepOnlyIds(m_euid, m_egid)) {
+        case ids::KeepOnly::Done:
+            return;
+        case ids::KeepOnly::GidRefused:
+            raise<PMException>(15, "setUserPermission sys_setresgid");
+        case ids::KeepOnly::UidRefused:
+            raise<PMException>(15, "setUserPermission sys_setresuid");
     }
 }
 

@@ -1,20 +1,16 @@
-// Helpers for tests that put single threads into other identities.
-//
-// The ids of a thread are read from /proc/self/task/<tid>/status, i.e. from the kernel, not
-// through the code under test.  Threads are switched with the library's own raw calls
-// (system/IdSyscalls.h), which change the calling thread only.
+// Helpers for tests that put single threads into other identities.  A thread's ids are read
+// from /proc/self/task/<tid>/status (the kernel's view, not the code under test's) and set with
+// the library's own raw calls (system/IdSyscalls.h), which change the calling thread only.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <usermanagement/UserDefinition.h>
@@ -23,83 +19,65 @@
 
 namespace tvc::test {
 
+namespace ids = usermanagement::detail::ids;
+
 inline pid_t threadId() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
 
-// Real, effective, saved (and filesystem) ids and the supplementary groups of one thread.
+// Real, effective, saved and filesystem ids, and the supplementary groups (sorted by the kernel).
 struct ThreadIds {
-    std::vector<unsigned int> uid;  // real, effective, saved, filesystem
-    std::vector<unsigned int> gid;
-    std::vector<unsigned int> groups;  // as the kernel keeps them: sorted
+    std::vector<unsigned int> uid, gid, groups;
+    bool operator==(const ThreadIds& o) const { return uid == o.uid && gid == o.gid && groups == o.groups; }
 };
-
-inline std::vector<unsigned int> numbersAfter(const std::string& line, const std::string& label) {
-    std::vector<unsigned int> numbers;
-    std::istringstream in(line.substr(label.size()));
-    unsigned long value = 0;
-    while (in >> value) numbers.push_back(static_cast<unsigned int>(value));
-    return numbers;
-}
 
 inline ThreadIds idsOf(pid_t tid) {
     ThreadIds ids;
     std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("Uid:", 0) == 0) ids.uid = numbersAfter(line, "Uid:");
-        if (line.rfind("Gid:", 0) == 0) ids.gid = numbersAfter(line, "Gid:");
-        if (line.rfind("Groups:", 0) == 0) ids.groups = numbersAfter(line, "Groups:");
+    for (std::string line; std::getline(status, line);) {
+        std::vector<unsigned int>* field = line.rfind("Uid:", 0) == 0      ? &ids.uid
+                                           : line.rfind("Gid:", 0) == 0    ? &ids.gid
+                                           : line.rfind("Groups:", 0) == 0 ? &ids.groups
+                                                                           : nullptr;
+        std::istringstream in(line.substr(line.find(':') + 1));
+        for (unsigned long value = 0; field != nullptr && in >> value;) field->push_back(static_cast<unsigned int>(value));
     }
     return ids;
 }
 
 inline ThreadIds myIds() { return idsOf(threadId()); }
 
-// Puts the calling thread (running as root) to real `r`, effective `e`, saved `s` ids for both
-// user and group, with `groups` as supplementary groups.  Fails the test when refused.
+inline std::vector<unsigned int> triple(unsigned int r, unsigned int e, unsigned int s) { return {r, e, s, e}; }
+
+// Puts the calling thread (holding a root id) to real `r`, effective `e`, saved `s` user and
+// group ids, with `groups` as supplementary groups.
 inline void becomeThread(unsigned int r, unsigned int e, unsigned int s, const std::vector<unsigned int>& groups) {
-    namespace ids = usermanagement::detail::ids;
+    ASSERT_EQ(ids::setResUid(ids::kUnchanged, 0, ids::kUnchanged), 0);
     ASSERT_EQ(ids::setGroups(static_cast<int>(groups.size()), groups.data()), 0);
     ASSERT_EQ(ids::setResGid(r, e, s), 0);
     ASSERT_EQ(ids::setResUid(r, e, s), 0);
 }
 
-inline std::vector<unsigned int> triple(unsigned int r, unsigned int e, unsigned int s) { return {r, e, s, e}; }
+// Runs `body` in a thread of its own, so that the test's main thread stays root.
+template <class Body>
+void inThread(Body body) {
+    std::thread(body).join();
+}
 
-// Hands turns between the test's main thread and a worker: one waits until the other has
-// reached a numbered step.
-class Baton {
+// A configuration whose hasRootProfile() gives answer(), installed for the object's lifetime.
+class ScopedRootProfile : public usermanagement::UserDefinition {
 public:
-    void reach(int step) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_step = step;
-        m_changed.notify_all();
+    explicit ScopedRootProfile(bool (*answer)()) : m_answer(answer), m_saved(m_ptrDefaultUserDefinition) {
+        setUserDefinition(*this);
     }
-    void waitFor(int step) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_step >= step; });
-    }
+    ~ScopedRootProfile() override { m_ptrDefaultUserDefinition = m_saved; }
+    bool hasRootProfile() override { return m_answer(); }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int m_step = 0;
-};
-
-// A configuration that forbids identity switching, installed for the lifetime of the object.
-class NoRootProfile : public usermanagement::UserDefinition {
-public:
-    NoRootProfile() : m_saved(m_ptrDefaultUserDefinition) { setUserDefinition(*this); }
-    ~NoRootProfile() override { m_ptrDefaultUserDefinition = m_saved; }
-    NoRootProfile(const NoRootProfile&) = delete;
-    NoRootProfile& operator=(const NoRootProfile&) = delete;
-    bool hasRootProfile() override { return false; }
-
-private:
+    bool (*m_answer)();
     usermanagement::UserDefinition* m_saved;
 };
 
-#define TVC_REQUIRE_ROOT()                                                          \
-    do {                                                                            \
+#define TVC_REQUIRE_ROOT() \
+    do {                   \
         if (geteuid() != 0) GTEST_SKIP() << "switching thread identities needs root"; \
     } while (0)
 
