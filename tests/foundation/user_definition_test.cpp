@@ -1,6 +1,7 @@
+// The configuration provider: the built-in settings hosts rely on, and host overrides.
 #include <gtest/gtest.h>
 
-#include <stdexcept>
+#include <sstream>
 #include <string>
 
 #include <usermanagement/UMException.h>
@@ -11,82 +12,55 @@ using usermanagement::UserDefinition;
 
 namespace {
 
-// A host configuration overriding two settings.
-class HostDefinition : public UserDefinition {
-public:
-    unsigned int getBaseUid() override { return 20000; }
-    bool hasRootProfile() override { return false; }
+template <class... T>
+std::string joined(const T&... values) {
+    std::ostringstream out;
+    ((out << values << '|'), ...);
+    return out.str();
+}
+
+// Puts the installed provider back after every test.
+class UserDefinitionTest : public ::testing::Test {
+protected:
+    void TearDown() override { UserDefinition::m_ptrDefaultUserDefinition = saved_; }
+    UserDefinition* saved_ = UserDefinition::m_ptrDefaultUserDefinition;
 };
 
-// Installs a provider for one test and puts the built-in one back.
-class InstalledDefinition {
-public:
-    explicit InstalledDefinition(UserDefinition& definition) : m_saved(UserDefinition::m_ptrDefaultUserDefinition) {
-        definition.setUserDefinition(definition);
-    }
-    ~InstalledDefinition() { UserDefinition::m_ptrDefaultUserDefinition = m_saved; }
-
-private:
-    UserDefinition* m_saved;
-};
-
-TEST(UserDefinition, BuiltInSettings) {
+TEST_F(UserDefinitionTest, BuiltInSettings) {
     UserDefinition& d = UserDefinition::GetUserDefinition();
-    EXPECT_EQ(d.getMaxUser(), 5u);
-    EXPECT_EQ(d.getBaseUid(), 10000u);
+    EXPECT_EQ(joined(d.getMaxUser(), d.getBaseUid(), d.getUserShell(10003), d.getUserHome(), d.getUserGecos(),
+                     d.getWebPam(), d.getPasswordPam(), d.getTallyFilePath(), d.getUserManagerRole(),
+                     d.getSelfAccountRole(), d.getDBDelayWrongCredential(), d.getDBPasswordMaxLen(),
+                     d.hasRootProfile()),
+              "5|10000|/bin/sh|/home/admin|UI User|login|testpwd|/var/log/tallylog|role-user-manager|"
+              "role-user-configure-self|10|255|1|");
+    // The script's trailing blank separates the command from the paths appended to it.
+    EXPECT_EQ(joined(d.getPasswordFilePath(), d.getPasswordTmpFilePath(), d.getShadowFilePath(),
+                     d.getShadowTmpFilePath(), d.getGroupFilePath(), d.getGroupTmpFilePath(), d.getUpdateFileScript()),
+              "/etc/passwd|/etc/tmppassd|/etc/shadow|/etc/tmpshadow|/etc/group|/etc/tmpgroup|false |");
     EXPECT_TRUE(d.isAValidUserName("", 4294967295u));
     EXPECT_TRUE(d.isAValidUserName("any: text\n", 10001));
-    EXPECT_STREQ(d.getUserShell(10003), "/bin/sh");
-    EXPECT_STREQ(d.getUserHome(), "/home/admin");
-    EXPECT_STREQ(d.getUserGecos(), "UI User");
-    EXPECT_EQ(d.getWebPam(), "login");
-    EXPECT_EQ(d.getPasswordPam(), "testpwd");
-    EXPECT_EQ(d.getTallyFilePath(), "/var/log/tallylog");
-    EXPECT_EQ(d.getUserManagerRole(), "role-user-manager");
-    EXPECT_EQ(d.getSelfAccountRole(), "role-user-configure-self");
-    EXPECT_EQ(d.getDBDelayWrongCredential(), 10u);
-    EXPECT_EQ(d.getDBPasswordMaxLen(), 255u);
-    EXPECT_STREQ(d.getPasswordFilePath(), "/etc/passwd");
-    EXPECT_STREQ(d.getPasswordTmpFilePath(), "/etc/tmppassd");
-    EXPECT_STREQ(d.getShadowFilePath(), "/etc/shadow");
-    EXPECT_STREQ(d.getShadowTmpFilePath(), "/etc/tmpshadow");
-    EXPECT_STREQ(d.getGroupFilePath(), "/etc/group");
-    EXPECT_STREQ(d.getGroupTmpFilePath(), "/etc/tmpgroup");
-    EXPECT_TRUE(d.hasRootProfile());
-    // The trailing blank separates the command from the paths appended to it.
-    EXPECT_EQ(std::string(d.getUpdateFileScript()), "false ");
-}
 
-TEST(UserDefinition, OutParameterSettings) {
-    UserDefinition& d = UserDefinition::GetUserDefinition();
-    int count = 42;
-    d.getDBLockCount(count);
-    EXPECT_EQ(count, -1);
-
-    int maxAge = 7, minAge = -1, third = 3;
+    // Out-parameters: no lock count (-1); the expiration ages are left as the caller set them.
+    int count = 42, maxAge = 7, minAge = -1, third = 3;
     bool exempt = true;
+    d.getDBLockCount(count);
     d.getDBPasswordExpirationAge(maxAge, minAge, third, exempt);
-    EXPECT_EQ(maxAge, 7);
-    EXPECT_EQ(minAge, -1);
-    EXPECT_EQ(third, 3);
-    EXPECT_TRUE(exempt);
+    EXPECT_EQ(joined(count, maxAge, minAge, third, exempt), "-1|7|-1|3|1|");
 }
 
-TEST(UserDefinition, HostOverrideSeenThroughTheAccessor) {
-    HostDefinition host;
-    {
-        InstalledDefinition installed(host);
-        UserDefinition& d = UserDefinition::GetUserDefinition();
-        EXPECT_EQ(&d, &host);
-        EXPECT_EQ(d.getBaseUid(), 20000u);
-        EXPECT_FALSE(d.hasRootProfile());
-        EXPECT_EQ(d.getMaxUser(), 5u);  // not overridden
-    }
-    EXPECT_EQ(UserDefinition::GetUserDefinition().getBaseUid(), 10000u);
+TEST_F(UserDefinitionTest, HostOverrideIsSeenThroughTheAccessor) {
+    struct HostDefinition : UserDefinition {
+        unsigned int getBaseUid() override { return 20000; }
+        bool hasRootProfile() override { return false; }
+    } host;
+    host.setUserDefinition(host);
+    UserDefinition& d = UserDefinition::GetUserDefinition();
+    EXPECT_EQ(&d, &host);
+    EXPECT_EQ(joined(d.getBaseUid(), d.hasRootProfile(), d.getMaxUser()), "20000|0|5|");
 }
 
-TEST(UserDefinition, MissingProviderIsReported) {
-    UserDefinition* saved = UserDefinition::m_ptrDefaultUserDefinition;
+TEST_F(UserDefinitionTest, MissingProviderIsReported) {
     UserDefinition::m_ptrDefaultUserDefinition = nullptr;
     try {
         UserDefinition::GetUserDefinition();
@@ -96,7 +70,6 @@ TEST(UserDefinition, MissingProviderIsReported) {
         EXPECT_STREQ(e.what(), "No User Database");
         EXPECT_EQ(e.getUser(), "No User Database");
     }
-    UserDefinition::m_ptrDefaultUserDefinition = saved;
 }
 
 }  // namespace
