@@ -14,7 +14,7 @@ PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgt
 # The host files the sandbox must never change; `make test` checks them before and after.
 HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 
-.PHONY: test demo deps library stage umctl suites asan
+.PHONY: test demo deps library stage umctl suites asan bench
 
 test: deps
 	@mkdir -p $(BUILD)
@@ -65,3 +65,10 @@ asan:
 	cmake -S . -B $(BUILD)/asan -DTVC_SANITIZE=ON -DTVC_BUILD_BENCH=OFF -DTVC_BUILD_TESTS=ON
 	cmake --build $(BUILD)/asan -j$(JOBS)
 	ctest --test-dir $(BUILD)/asan --output-on-failure
+
+# Rewrite cost against a copy-and-fsync baseline (see README, Performance); an optimised build
+# of its own, run inside the sandbox because transactions take /etc/.pwd.lock.
+bench: deps
+	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=Release -DTVC_BUILD_TESTS=OFF -DTVC_BUILD_BENCH=ON
+	cmake --build $(BUILD)/bench -j$(JOBS) --target tvc_bench
+	$(SANDBOX) -- $(BUILD)/bench/bench/tvc_bench

@@ -27,4 +27,5 @@ show profiles
 show groups admin
 show settings
 show --json user nosuch
+show hash 'Demo#2026'
 echo

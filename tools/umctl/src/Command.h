@@ -41,6 +41,7 @@ std::vector<Command> lookupCommands();
 std::vector<Command> settingsCommands();
 std::vector<Command> accessCommands();
 std::vector<Command> identityCommands();
+std::vector<Command> hashCommands();
 
 // Installs the device's profile catalogue; called once at start-up.
 void installCatalogue();

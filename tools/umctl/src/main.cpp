@@ -25,7 +25,7 @@ namespace umctl {
 
 std::vector<Command> allCommands() {
     std::vector<Command> all;
-    for (auto group : {lookupCommands, settingsCommands, accessCommands, identityCommands}) {
+    for (auto group : {lookupCommands, settingsCommands, accessCommands, identityCommands, hashCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }

@@ -86,5 +86,10 @@ expect 0 "uid: 10000${nl}failures: [0-9]*" "" -- tally 10000
 expect 1 "" "*umctl: no such user: nosuch" -- tally nosuch
 expect 2 "" "umctl: usage: umctl [[]--json] tally NAME|UID" -- tally
 
+# A SHA-512 crypt hash with a 16-character salt; a password beyond the 255-byte limit is refused.
+salt='[./0-9A-Za-z]'
+expect 0 "\$6\$$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt\$*" "" -- hash 'Demo#2026'
+expect 1 "" "*umctl: cryptPwd" -- hash "$(printf '%0256d' 0)"
+
 echo "$passed passed, $failed failed"
 ((failed == 0))

@@ -1,0 +1,78 @@
+// One account file (passwd, shadow or group) rewritten as a transaction.
+//
+// The live file is never edited in place.  The object takes the system password-file lock
+// (when asked to), opens the live file for reading and a temporary file next to it for
+// writing; the entry functions (PasswdEntries.h, ShadowEntries.h) copy every entry across,
+// changing, adding or leaving out entries on the way; finalyzeSystemFiles() flushes the
+// temporary file to disk and installs it in one step.  Whatever happens, destruction closes
+// the streams, removes the temporary file and releases the lock the object took:
+//
+//     FileSystemUpdate passwd(d.getPasswordFilePath(), d.getPasswordTmpFilePath(), true);
+//     FileSystemUpdate shadow(d.getShadowFilePath(), d.getShadowTmpFilePath(), false);
+//     passwd.prepareSystemFiles();
+//     shadow.prepareSystemFiles();
+//     ...one entry function per transaction...
+//     passwd.finalyzeSystemFiles();
+//     shadow.finalyzeSystemFiles();
+//
+// Installation: as root (UserDefinition::hasRootProfile()) the temporary file is renamed over
+// the live one, so both must lie on the same file system; otherwise the configured update
+// command (getUpdateFileScript()) is run with both paths.
+//
+// The lock (lckpwdf) is process-wide and can be held once: among the transactions of one
+// operation exactly the first is built with `lock` true.  A second lock-taking transaction in
+// the same process fails with UMSystemErrorException 11.  Every other failure is
+// UMSystemErrorException 13.  An object is used by one thread only.
+//
+// The data members and their order are part of the binary interface; the entry functions use
+// the streams directly.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include <usermanagement/Export.h>
+
+namespace usermanagement {
+
+class TVC_UM_EXPORT FileSystemUpdate {
+public:
+    // Takes the password-file lock when `lock` is true (UMSystemErrorException 11 when it
+    // cannot be had); opens nothing.
+    FileSystemUpdate(std::string filePath, std::string tmpFilePath, bool lock);
+    // As above, with a read-only reference copy that prepareSystemFiles() opens as well.
+    FileSystemUpdate(std::string filePath, std::string tmpFilePath, std::string origFilePath, bool lock);
+    // Ends the process's group, passwd and shadow enumerations, closes what is open, removes
+    // the temporary file (also a stale one when nothing was prepared) and releases the lock
+    // the object took.  Never throws.
+    ~FileSystemUpdate();
+
+    // The object owns streams, a lock and a file name on disk: one owner only.
+    FileSystemUpdate(const FileSystemUpdate&) = delete;
+    FileSystemUpdate& operator=(const FileSystemUpdate&) = delete;
+    FileSystemUpdate(FileSystemUpdate&&) = delete;
+    FileSystemUpdate& operator=(FileSystemUpdate&&) = delete;
+
+    // Creates (or truncates) the temporary file with mode 0600, opens the live file and the
+    // reference copy for reading; as root, gives the temporary file the live file's owner,
+    // group and mode.  The live file is not written.
+    void prepareSystemFiles();
+    // Closes the live file and the reference copy, flushes, syncs and closes the temporary
+    // file and installs it.  The lock stays held until destruction.
+    void finalyzeSystemFiles();
+
+    std::string m_filePath;
+    std::string m_tmpFilePath;
+    // Empty when the object has no reference copy.
+    std::string m_origFilePath;
+    // Live file, "r"; null before prepareSystemFiles() and after it was closed.
+    FILE* m_file;
+    // Temporary file, "w"; null before prepareSystemFiles() and after it was closed.
+    FILE* m_tmpFile;
+    // Reference copy, "r"; null unless m_origFilePath is set and the file is open.
+    FILE* m_origFile;
+    // The object took the password-file lock and releases it on destruction.
+    bool m_lock;
+};
+
+}  // namespace usermanagement

@@ -1,0 +1,138 @@
+// Password-file entry functions over the shared copy loop of EntryCopy.h.
+#include <usermanagement/PasswdEntries.h>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <usermanagement/FileSystemUpdate.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UmProfile.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "files/EntryCopy.h"
+#include "foundation/Raise.h"
+
+namespace usermanagement {
+
+namespace {
+
+using detail::EntryAction;
+using detail::PasswdFile;
+using detail::raise;
+
+// Whether the system database has an account with `uid`.  Only a definite "no such account"
+// counts as free: a lookup that fails for another reason must not hand out an id that may be
+// in use.
+bool uidInUse(unsigned int uid) {
+    long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 1024);
+    for (;;) {
+        struct passwd entry {};
+        struct passwd* result = nullptr;
+        const int status = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result);
+        if (status == ERANGE && buffer.size() < detail::kMaxEntryLine) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (status == 0) return result != nullptr;
+        // getpwuid_r(3) lists these as "not found" answers of some name services.
+        if (status == ENOENT || status == ESRCH || status == EBADF || status == EPERM) return false;
+        raise<UMSystemErrorException>(12, "generateUID error, getpwuid_r ", uid, " ", std::strerror(status));
+    }
+}
+
+}  // namespace
+
+unsigned int addEntryInPasswordFile(FileSystemUpdate& transaction, const std::string& name, unsigned int gid) {
+    detail::copyEntries<PasswdFile>(
+        transaction,
+        [&](struct passwd& entry) {
+            if (name == entry.pw_name) raise<UMException>(0, name, " :user already exists");
+            return EntryAction::Write;
+        },
+        "addEntryInPasswordFile", "addEntryInPasswordFile error in writing to " + transaction.m_tmpFilePath);
+
+    UserDefinition& definition = UserDefinition::GetUserDefinition();
+    const unsigned int uid = generateUID(definition.getBaseUid(), definition.getMaxUser());
+    // The configuration's strings stay valid for the life of the provider; putpwent only reads them.
+    struct passwd entry {};
+    entry.pw_name = const_cast<char*>(name.c_str());
+    entry.pw_passwd = const_cast<char*>("x");
+    entry.pw_uid = uid;
+    entry.pw_gid = gid;
+    entry.pw_gecos = const_cast<char*>(definition.getUserGecos());
+    entry.pw_dir = const_cast<char*>(definition.getUserHome());
+    entry.pw_shell = const_cast<char*>(definition.getUserShell(gid));
+    detail::appendEntry<PasswdFile>(
+        transaction, entry, "addEntryInPasswordFile error (new entry) in writing to " + transaction.m_tmpFilePath);
+    return uid;
+}
+
+void updateEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid, unsigned int gid,
+                               const std::string* newName, LookUpdatePasswd& record) {
+    UserDefinition& definition = UserDefinition::GetUserDefinition();
+    detail::copyEntries<PasswdFile>(
+        transaction,
+        [&](struct passwd& entry) {
+            if (entry.pw_uid != uid) {
+                if (newName != nullptr && *newName == entry.pw_name)
+                    raise<UMException>(0, "updateEntryInPasswordFile error, update username with a name already used:",
+                                       *newName);
+                return EntryAction::Write;
+            }
+            if (newName != nullptr && *newName != entry.pw_name) {
+                record.nameUpdated = true;
+                record.oldName = entry.pw_name;
+                entry.pw_name = const_cast<char*>(newName->c_str());
+            }
+            if (entry.pw_gid != gid) {
+                record.oldGid = entry.pw_gid;
+                record.profileUpdated = true;
+                entry.pw_gid = gid;
+                entry.pw_shell = const_cast<char*>(definition.getUserShell(gid));
+            }
+            return EntryAction::Write;
+        },
+        "updateEntryInPasswordFile", "updateEntryInPasswordFile error in writing to " + transaction.m_tmpFilePath);
+}
+
+void removeEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid) {
+    detail::copyEntries<PasswdFile>(
+        transaction,
+        [&](const struct passwd& entry) { return entry.pw_uid == uid ? EntryAction::Drop : EntryAction::Write; },
+        "removeEntryInPasswordFile", "removeEntryInPasswordFile error in writing in " + transaction.m_tmpFilePath);
+}
+
+unsigned int generateUID(unsigned int base, unsigned int count) {
+    if (count != 0) {
+        // Unsigned arithmetic, as the configuration defines the range: a range that wraps past
+        // the largest id ends below its base and offers nothing.  4294967295 (the "unknown"
+        // id) is never handed out.
+        const unsigned int limit = base + count - 1;
+        for (unsigned int uid = base; uid <= limit && uid != UINT_MAX; ++uid)
+            if (!uidInUse(uid)) return uid;
+    }
+    raise<UMException>(6, "generateUID error, max uid reached");
+}
+
+bool isPresentInListName(char** list, const std::string& name, int& count) {
+    count = 0;
+    bool found = false;
+    for (char** entry = list; entry != nullptr && *entry != nullptr; ++entry) {
+        ++count;
+        if (name == *entry) found = true;
+    }
+    return found;
+}
+
+bool isPresentInGroups(const char* groupName, UmProfile& profile) {
+    return groupName != nullptr && profile.isBelongingToGroup(std::string(groupName));
+}
+
+}  // namespace usermanagement

@@ -1,0 +1,212 @@
+// Shadow-file entry functions over the shared copy loop of EntryCopy.h, and password hashing.
+#include <usermanagement/ShadowEntries.h>
+
+#include <crypt.h>
+#include <openssl/rand.h>
+#include <shadow.h>
+#include <string.h>  // explicit_bzero
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include <systemutilities/LinuxUserSystem.h>
+#include <usermanagement/FileSystemUpdate.h>
+#include <usermanagement/SystemPermission.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "files/CryptSetting.h"
+#include "files/EntryCopy.h"
+#include "foundation/Raise.h"
+
+namespace usermanagement {
+
+namespace {
+
+using detail::EntryAction;
+using detail::ShadowFile;
+using detail::raise;
+
+constexpr char kDisabledMark[] = "!!";
+
+long today() { return static_cast<long>(std::time(nullptr) / 86400); }
+
+bool isDisabled(const char* hashField) {
+    return hashField != nullptr && std::strncmp(hashField, kDisabledMark, 2) == 0;
+}
+
+// crypt's work area holds the phrase and intermediate hash state: one per call (so that
+// threads do not share it), wiped on every way out before it is freed.
+struct CryptWorkArea {
+    std::unique_ptr<crypt_data> data = std::make_unique<crypt_data>();
+    CryptWorkArea() = default;
+    CryptWorkArea(const CryptWorkArea&) = delete;
+    CryptWorkArea& operator=(const CryptWorkArea&) = delete;
+    ~CryptWorkArea() { explicit_bzero(data.get(), sizeof *data); }
+};
+
+// A setting with a fresh random salt.
+std::string freshSha512Setting() {
+    unsigned char random[16] = {};
+    // The result is not examined: the salt is made of whatever the buffer holds.  RAND_bytes
+    // only fails when OpenSSL cannot seed itself, and the hash stays a SHA-512 crypt hash.
+    (void)RAND_bytes(random, sizeof random);
+    std::string setting = detail::sha512Setting(random);
+    explicit_bzero(random, sizeof random);
+    return setting;
+}
+
+bool isManaged(unsigned int uid, UserDefinition& definition) {
+    // uid - base wraps for ids below the base, so one unsigned comparison covers both ends.
+    return uid - definition.getBaseUid() < definition.getMaxUser();
+}
+
+}  // namespace
+
+void cryptPwd(const std::string& password, std::string& out) {
+    if (password.size() > UserDefinition::GetUserDefinition().getDBPasswordMaxLen()) {
+        // Built by hand, not with raise(): the interface reports this refusal with an empty
+        // user, the only throw of the library that does not carry the context's user.
+        throw UpdatePasswordException(19, std::string("cryptPwd"), std::string(), true);
+    }
+    const std::string setting = freshSha512Setting();
+    CryptWorkArea work;
+    errno = 0;
+    const char* hash = crypt_rn(password.c_str(), setting.c_str(), work.data.get(), sizeof *work.data);
+    // libxcrypt answers a failure with null (crypt_rn) or a string starting with '*' (the
+    // failure token of the other forms); neither is a hash to store in an account.
+    if (hash == nullptr || hash[0] == '*') {
+        const int error = errno;
+        raise<UMSystemErrorException>(10, "cryptPwd error, crypt gave no hash: ", std::strerror(error));
+    }
+    out += hash;
+}
+
+void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name, const std::string& password,
+                          const PasswordType& type, int maxAge, int minAge, int thirdAge, bool enabled,
+                          bool mustChange) {
+    detail::copyEntries<ShadowFile>(
+        transaction,
+        [&](const struct spwd& entry) {
+            if (name == entry.sp_namp) raise<UMException>(0, name, " :user already exists");
+            return EntryAction::Write;
+        },
+        "addEntryInShadowFile", "addEntryInShadowFile error in writing in " + transaction.m_tmpFilePath);
+
+    std::string hashField = enabled ? "" : kDisabledMark;
+    if (type.encrypted)
+        hashField += password;
+    else
+        cryptPwd(password, hashField);
+
+    struct spwd entry {};
+    entry.sp_namp = const_cast<char*>(name.c_str());
+    entry.sp_pwdp = const_cast<char*>(hashField.c_str());
+    entry.sp_lstchg = mustChange ? 0 : today();
+    entry.sp_min = minAge;
+    entry.sp_max = maxAge;
+    entry.sp_warn = -1;
+    entry.sp_inact = -1;
+    entry.sp_expire = thirdAge;
+    entry.sp_flag = ~0ul;
+    detail::appendEntry<ShadowFile>(transaction, entry,
+                                    "addEntryInShadowFile error in writing to " + transaction.m_tmpFilePath);
+}
+
+void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name, const std::string* newName,
+                             const std::string* newPassword, const PasswordType& type, const bool* enabled,
+                             const bool* mustChange, LookUpdateShadow& record) {
+    // The entry points at this text until it is written.
+    std::string hashField;
+    detail::copyEntries<ShadowFile>(
+        transaction,
+        [&](struct spwd& entry) {
+            if (name != entry.sp_namp) return EntryAction::Write;
+            if (newName != nullptr) entry.sp_namp = const_cast<char*>(newName->c_str());
+
+            const bool wasDisabled = isDisabled(entry.sp_pwdp);
+            const char* oldHash = entry.sp_pwdp == nullptr ? "" : wasDisabled ? entry.sp_pwdp + 2 : entry.sp_pwdp;
+            bool disable = wasDisabled;
+            if (enabled != nullptr) {
+                disable = !*enabled;
+                if (disable != wasDisabled) record.activation = disable ? 1 : 0;
+            }
+            hashField = disable ? kDisabledMark : "";
+            if (newPassword != nullptr) {
+                if (type.encrypted)
+                    hashField += *newPassword;
+                else
+                    cryptPwd(*newPassword, hashField);
+                record.passwordUpdated = true;
+            } else {
+                hashField += oldHash;
+            }
+            entry.sp_pwdp = const_cast<char*>(hashField.c_str());
+
+            if (mustChange != nullptr) {
+                entry.sp_lstchg = *mustChange ? 0 : today();
+                if (*mustChange) record.passwordExpired = true;
+            }
+            return EntryAction::Write;
+        },
+        "updateEntryInShadowFile", "updateEntryInShadowFile error in writing to " + transaction.m_tmpFilePath);
+}
+
+void removeEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name) {
+    detail::copyEntries<ShadowFile>(
+        transaction,
+        [&](const struct spwd& entry) { return name == entry.sp_namp ? EntryAction::Drop : EntryAction::Write; },
+        "removeEntryInShadowFile", "removeEntryInShadowFile error in writing in " + transaction.m_tmpFilePath);
+}
+
+void updateAllUserEntryInShadowFile(FileSystemUpdate& transaction, bool exemptBaseUser, int maxAge, int minAge,
+                                    int thirdAge, LookUpdateShadow&) {
+    UserDefinition& definition = UserDefinition::GetUserDefinition();
+    detail::copyEntries<ShadowFile>(
+        transaction,
+        [&](struct spwd& entry) {
+            unsigned int uid = 0;
+            if (!systemutilities::LinuxUserSystem::getUserIds(entry.sp_namp, &uid, nullptr) ||
+                !isManaged(uid, definition))
+                return EntryAction::Write;
+            if (maxAge == -1 || (exemptBaseUser && uid == definition.getBaseUid())) {
+                entry.sp_max = -1;
+                entry.sp_min = -1;
+                entry.sp_inact = -1;
+            } else {
+                entry.sp_lstchg = today();
+                entry.sp_max = maxAge;
+                entry.sp_min = minAge;
+                entry.sp_inact = thirdAge;
+            }
+            return EntryAction::Write;
+        },
+        "updateAllUserEntryInShadowFile",
+        // The same text as updateEntryInShadowFile's: hosts match on it.
+        "updateEntryInShadowFile error in writing to " + transaction.m_tmpFilePath);
+}
+
+void updateExpirationDate() {
+    int maxAge = -1;
+    int minAge = -1;
+    int thirdAge = -1;
+    // Read only when a configuration set the day values, and expected to be set with them.
+    bool exemptBaseUser = false;
+    LookUpdateShadow record;
+    UserDefinition& definition = UserDefinition::GetUserDefinition();
+    definition.getDBPasswordExpirationAge(maxAge, minAge, thirdAge, exemptBaseUser);
+
+    // Declared first, destroyed last: the identity comes back after the transaction has
+    // released the lock and removed its temporary file.
+    SystemPermission permission;
+    permission.setRealPermissions();
+    FileSystemUpdate transaction(definition.getShadowFilePath(), definition.getShadowTmpFilePath(), true);
+    transaction.prepareSystemFiles();
+    updateAllUserEntryInShadowFile(transaction, exemptBaseUser, maxAge, minAge, thirdAge, record);
+    transaction.finalyzeSystemFiles();
+}
+
+}  // namespace usermanagement
