@@ -4,6 +4,7 @@
 // and the message parts are concatenated without separators.
 #pragma once
 
+#include <locale>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -15,6 +16,8 @@ namespace usermanagement::detail {
 template <class... Parts>
 std::string concat(Parts&&... parts) {
     std::ostringstream out;
+    // Messages are matched by hosts and tests: numbers never take a host locale's grouping.
+    out.imbue(std::locale::classic());
     (out << ... << std::forward<Parts>(parts));
     return out.str();
 }
