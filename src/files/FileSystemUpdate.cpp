@@ -116,7 +116,10 @@ void FileSystemUpdate::finalyzeSystemFiles() {
     closeStream(m_file);
     closeStream(m_origFile);
 
-    if (m_tmpFile == nullptr || std::fflush(m_tmpFile) != 0 || fsync(fileno(m_tmpFile)) != 0) {
+    // ferror: a write that failed earlier may have dropped buffered entries while a later
+    // flush succeeds; such a file is incomplete and must not replace the live one.
+    if (m_tmpFile == nullptr || std::ferror(m_tmpFile) != 0 || std::fflush(m_tmpFile) != 0 ||
+        fsync(fileno(m_tmpFile)) != 0) {
         closeStream(m_tmpFile);
         raise<UMSystemErrorException>(13, "fflush or fsync error of:", m_tmpFilePath);
     }
