@@ -1,79 +1,63 @@
-// Shared pieces of the account-file tests: a configuration with adjustable paths and ranges,
-// the checks made after every failed transaction, and child processes.
+// Shared pieces of the account-file tests: an adjustable configuration, the check made after
+// every failed transaction, file helpers and shell commands.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <shadow.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <functional>
 #include <map>
+#include <sstream>
 #include <string>
+#include <typeinfo>
 #include <vector>
 
 #include <tarvicexception/TvcException.h>
 #include <usermanagement/FileSystemUpdate.h>
+#include <usermanagement/PasswdEntries.h>
+#include <usermanagement/ShadowEntries.h>
+#include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
 #include "support/Sandbox.h"
 
 namespace tvc::test {
 
-// The sample device's settings, with the fields a test wants to change.
+// The sample device's settings with what the tests change: the size of the uid range, root
+// or the update command, an ageing policy, and a shell of its own for profile gid 10003.
 class FilesDefinition : public usermanagement::UserDefinition {
 public:
-    std::string passwd = "/etc/passwd";
-    std::string passwdTmp = "/etc/tmppassd";
-    std::string shadow = "/etc/shadow";
-    std::string shadowTmp = "/etc/tmpshadow";
-    unsigned int base = 10000;
     unsigned int count = 5;
     bool root = true;
     std::string script = "false ";
-    std::map<unsigned int, std::string> shells;  // getUserShell per gid; "/bin/sh" otherwise
-    unsigned int maxPasswordLength = 255;
-    // getDBPasswordExpirationAge; nothing is written while `ageing` is false.
-    bool ageing = false;
-    int maxAge = -1, minAge = -1, thirdAge = -1;
-    bool exemptBase = false;
+    std::vector<int> ageing;  // maximum, minimum, third, exempt; nothing is written while empty
 
     unsigned int getMaxUser() override { return count; }
-    unsigned int getBaseUid() override { return base; }
-    const char* getUserShell(unsigned int gid) override {
-        auto found = shells.find(gid);
-        return found == shells.end() ? "/bin/sh" : found->second.c_str();
-    }
-    unsigned int getDBPasswordMaxLen() override { return maxPasswordLength; }
+    const char* getUserShell(unsigned int gid) override { return gid == 10003 ? "/bin/maintenance" : "/bin/sh"; }
     void getDBPasswordExpirationAge(int& max, int& min, int& third, bool& exempt) override {
-        if (!ageing) return;
-        max = maxAge;
-        min = minAge;
-        third = thirdAge;
-        exempt = exemptBase;
+        if (ageing.size() != 4) return;
+        max = ageing[0], min = ageing[1], third = ageing[2], exempt = ageing[3] != 0;
     }
-    const char* getPasswordFilePath() override { return passwd.c_str(); }
-    const char* getPasswordTmpFilePath() override { return passwdTmp.c_str(); }
-    const char* getShadowFilePath() override { return shadow.c_str(); }
-    const char* getShadowTmpFilePath() override { return shadowTmp.c_str(); }
     bool hasRootProfile() override { return root; }
     const char* getUpdateFileScript() override { return script.c_str(); }
 };
 
-// Sandbox fixture with a FilesDefinition installed for the test and the built-in one back after.
+// Sandbox fixture with a FilesDefinition installed for the test and the previous one back after.
 class FilesTest : public SandboxTest {
 protected:
     void SetUp() override {
         SandboxTest::SetUp();
-        m_saved = usermanagement::UserDefinition::m_ptrDefaultUserDefinition;
         definition.setUserDefinition(definition);
     }
     void TearDown() override { usermanagement::UserDefinition::m_ptrDefaultUserDefinition = m_saved; }
 
+    usermanagement::UserDefinition* const m_saved = usermanagement::UserDefinition::m_ptrDefaultUserDefinition;
     FilesDefinition definition;
-
-private:
-    usermanagement::UserDefinition* m_saved = nullptr;
 };
 
 inline bool exists(const std::string& path) {
@@ -82,60 +66,89 @@ inline bool exists(const std::string& path) {
 }
 
 // True when this process can take the password-file lock at once (it releases it again).
-bool lockIsFree();
+inline bool lockIsFree() {
+    if (lckpwdf() != 0) return false;
+    ulckpwdf();
+    return true;
+}
 
-// The state every failed transaction must leave: live files as they were, no temporary files,
-// the lock free.
+// What every failed transaction must leave: live files byte for byte as they were, no
+// temporary file, the lock free.
 struct Snapshot {
-    std::map<std::string, std::string> files;  // live path -> contents
+    std::map<std::string, std::string> files;
     std::vector<std::string> temporaries;
 
-    static Snapshot take(const std::vector<std::string>& live, const std::vector<std::string>& temporaries);
-    void expectUnchanged() const;
+    explicit Snapshot(const std::vector<std::string>& live = {"/etc/passwd", "/etc/shadow"},
+                      std::vector<std::string> tmp = {"/etc/tmppassd", "/etc/tmpshadow"})
+        : temporaries(std::move(tmp)) {
+        for (const std::string& path : live) files[path] = readFile(path);
+    }
+    void expectUnchanged() const {
+        for (const auto& [path, text] : files) EXPECT_EQ(readFile(path), text) << path << " changed";
+        for (const std::string& path : temporaries) EXPECT_FALSE(exists(path)) << path << " left behind";
+        EXPECT_TRUE(lockIsFree()) << "password-file lock still held";
+    }
 };
 
-// Runs `body` over a prepared transaction and installs the result.
-void rewrite(const std::string& live, const std::string& tmp, bool lock,
-             const std::function<void(usermanagement::FileSystemUpdate&)>& body);
+// Runs `body` over a prepared transaction that takes the lock, and installs the result.
+using Body = std::function<void(usermanagement::FileSystemUpdate&)>;
+inline void rewrite(const std::string& live, const std::string& tmp, const Body& body) {
+    usermanagement::FileSystemUpdate transaction(live, tmp, true);
+    transaction.prepareSystemFiles();
+    body(transaction);
+    transaction.finalyzeSystemFiles();
+}
+inline void inPasswd(const Body& body) { rewrite("/etc/passwd", "/etc/tmppassd", body); }
+inline void inShadow(const Body& body) { rewrite("/etc/shadow", "/etc/tmpshadow", body); }
 
-// Expects `body` to throw E with `code` and (when given) exactly `message`.
-template <class E>
-void expectThrow(const std::function<void()>& body, int code, const std::string& message = std::string()) {
+// Expects `body` to throw exactly the class `type` with `code` and `message`.
+inline void expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
+                          const std::string& message) {
     try {
         body();
-        ADD_FAILURE() << "no exception, expected code " << code;
-    } catch (E& e) {
-        EXPECT_EQ(e.getErrorId(), code) << e.what();
-        if (!message.empty()) {
-            EXPECT_EQ(std::string(e.what()), message);
-        }
+        ADD_FAILURE() << "no exception, expected " << code << " " << message;
     } catch (tarvicexception::TvcException& e) {
-        ADD_FAILURE() << "other exception class, code " << e.getErrorId() << ": " << e.what();
+        EXPECT_TRUE(typeid(e) == type) << typeid(e).name() << " instead of " << type.name();
+        EXPECT_EQ(e.getErrorId(), code) << e.what();
+        EXPECT_EQ(std::string(e.what()), message);
     }
 }
 
-// The lines of a file.
-std::vector<std::string> lines(const std::string& path);
+inline std::vector<std::string> lines(const std::string& path) {
+    std::vector<std::string> result;
+    std::istringstream in(readFile(path));
+    for (std::string line; std::getline(in, line);) result.push_back(line);
+    return result;
+}
+
 // The line of `path` whose first field is `name`, or "".
-std::string lineOf(const std::string& path, const std::string& name);
-// The colon-separated fields of a line (empty fields kept).
-std::vector<std::string> fields(const std::string& line);
+inline std::string lineOf(const std::string& path, const std::string& name) {
+    for (const std::string& line : lines(path))
+        if (line.rfind(name + ":", 0) == 0) return line;
+    return "";
+}
 
-// A child process run to completion.
-struct ProcessResult {
-    int status = -1;  // wait status
-    std::string output;  // stdout
-};
-// `extraEnv` ("NAME=value") is added to the environment, replacing variables of the same name.
-ProcessResult runProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
+// The colon-separated fields of a line, empty ones kept.
+inline std::vector<std::string> fields(const std::string& line) {
+    std::vector<std::string> result(1);
+    for (char c : line) c == ':' ? result.emplace_back() : result.back() += c;
+    return result;
+}
 
-// A child process still running, its stdout readable from `out`.  Finish it with finish().
-struct RunningProcess {
-    pid_t pid = -1;
-    int out = -1;
+// A shell command's exit status (128 + signal when killed) and output, from popen().
+struct Result {
+    int status = -1;
+    std::string output;
 };
-RunningProcess startProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
-// Reads the rest of the child's output and waits for it.
-ProcessResult finish(RunningProcess& child);
+inline Result finish(FILE* command) {
+    Result result;
+    char buffer[4096];
+    if (command == nullptr) return result;
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, command)) > 0;) result.output.append(buffer, n);
+    const int status = pclose(command);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+inline Result run(const std::string& command) { return finish(popen(command.c_str(), "re")); }
 
 }  // namespace tvc::test
