@@ -20,9 +20,6 @@ namespace umctl {
 
 namespace {
 
-// usermanagement::UMException code 5, "User not found".
-constexpr int kUserNotFound = 5;
-
 // Every profile in id order in the library's own diagnostic form: the profile line, its roles
 // with the groups they grant, then the flattened group list; a blank line between profiles.
 int profiles(const Args&) {

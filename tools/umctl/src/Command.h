@@ -14,6 +14,9 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;  // not found, or the library refused
 constexpr int kUsage = 2;
 
+// usermanagement::UMException code 5, "User not found".
+constexpr int kUserNotFound = 5;
+
 using Args = std::vector<std::string>;
 
 struct Command {
@@ -36,6 +39,15 @@ bool parseId(const std::string& text, unsigned int& id);
 
 // Throws the library's "not found" exception (UMException code `code`).
 [[noreturn]] void notFound(int code, const std::string& message);
+
+// An account named on the command line by NAME or UID, with its profile gid.
+struct Account {
+    unsigned int uid = 0;
+    std::string name;
+    unsigned int profileGid = 0;
+};
+// Looks the account up through the library; "no such user" (code 5) when it has none.
+Account resolveUser(const std::string& nameOrUid);
 
 std::vector<Command> lookupCommands();
 std::vector<Command> settingsCommands();

@@ -5,7 +5,6 @@
 #include <iostream>
 #include <string>
 
-#include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/SystemPermission.h>
 #include <usermanagement/UserDefinition.h>
 #include <usermanagement/Utilities.h>
@@ -16,9 +15,6 @@ namespace umctl {
 
 namespace {
 
-// Code 5 of usermanagement::UMException: "User not found".
-constexpr int kUserNotFound = 5;
-
 int whoami(const Args&) {
     const usermanagement::SystemPermission snapshot;
     std::cout << "ruid: " << snapshot.getRuid() << "\neuid: " << snapshot.getEuid() << "\nsuid: " << snapshot.getSuid()
@@ -28,12 +24,7 @@ int whoami(const Args&) {
 }
 
 int tally(const Args& args) {
-    unsigned int uid = 0;
-    unsigned int profile = 0;
-    std::string name = args[0];
-    bool found = parseId(args[0], uid) ? systemutilities::LinuxUserSystem::getUserName(uid, name, profile)
-                                       : systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, &profile);
-    if (!found) notFound(kUserNotFound, "no such user: " + args[0]);
+    const unsigned int uid = resolveUser(args[0]).uid;
     const std::string path = usermanagement::UserDefinition::GetUserDefinition().getTallyFilePath();
     std::cout << "uid: " << uid << "\nfailures: " << usermanagement::utilities::getLockCount(uid, path) << "\n";
     return kOk;

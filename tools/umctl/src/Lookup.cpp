@@ -11,19 +11,14 @@ namespace umctl {
 
 namespace {
 
-// Codes of usermanagement::UMException: 5 is "User not found"; an unknown group is reported
-// as 2, "Role error", since the device's groups are its profiles and roles.
-constexpr int kUserNotFound = 5;
+// An unknown group is reported as usermanagement::UMException code 2, "Role error", since
+// the device's groups are its profiles and roles.
 constexpr int kRoleError = 2;
 
 int user(const Args& args) {
-    unsigned int uid = 0;
-    unsigned int profile = 0;
-    std::string name = args[0];
-    bool found = parseId(args[0], uid) ? LinuxUserSystem::getUserName(uid, name, profile)
-                                       : LinuxUserSystem::getUserIds(name.c_str(), &uid, &profile);
-    if (!found) notFound(kUserNotFound, "no such user: " + args[0]);
-    std::cout << "uid: " << uid << "\nname: " << name << "\nprofile gid: " << profile << "\n";
+    const Account account = resolveUser(args[0]);
+    std::cout << "uid: " << account.uid << "\nname: " << account.name << "\nprofile gid: " << account.profileGid
+              << "\n";
     return kOk;
 }
 

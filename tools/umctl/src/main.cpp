@@ -45,6 +45,17 @@ void notFound(int code, const std::string& message) {
     throw usermanagement::UMException(code, message, umlog::Ctx::getCtx().getUsername(), true);
 }
 
+Account resolveUser(const std::string& nameOrUid) {
+    Account account;
+    account.name = nameOrUid;
+    const bool found =
+        parseId(nameOrUid, account.uid)
+            ? systemutilities::LinuxUserSystem::getUserName(account.uid, account.name, account.profileGid)
+            : systemutilities::LinuxUserSystem::getUserIds(nameOrUid.c_str(), &account.uid, &account.profileGid);
+    if (!found) notFound(kUserNotFound, "no such user: " + nameOrUid);
+    return account;
+}
+
 namespace {
 
 // The audit trail of a command-line run goes to stderr, next to the errors.
