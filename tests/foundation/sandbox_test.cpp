@@ -7,9 +7,12 @@
 #include <pwd.h>
 #include <shadow.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -86,6 +89,43 @@ TEST_F(SampleDevice, FixtureUndidTheDamage) {
     EXPECT_NE(getpwnam("admin"), nullptr);
     expectOwnerAndMode("/etc/shadow", 0, 42, 0640);
     EXPECT_NE(getspnam("admin"), nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+// A sandbox that is told to stop must not leave its command running without the sandbox's
+// scratch file system (and the pristine copies) underneath it.
+TEST_F(SampleDevice, StoppedSandboxEndsItsCommandBeforeLeaving) {
+    char pidFile[] = "/tmp/tvc-sandbox-test.XXXXXX";
+    int fd = mkstemp(pidFile);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    const std::string script = std::string("echo $$ >") + pidFile + "; exec sleep 30";
+
+    pid_t sandbox = fork();
+    ASSERT_GE(sandbox, 0);
+    if (sandbox == 0) {
+        execl(tvc::test::sandboxScript(), tvc::test::sandboxScript(), "--", "sh", "-c", script.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    pid_t command = 0;
+    for (int i = 0; i < 500 && command <= 0; ++i) {
+        usleep(10000);
+        command = std::atoi(readFile(pidFile).c_str());
+    }
+    std::remove(pidFile);
+    ASSERT_GT(command, 0) << "the nested sandbox never started its command";
+
+    ASSERT_EQ(kill(sandbox, SIGTERM), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(sandbox, &status, 0), sandbox);
+    const bool commandLeft = kill(command, 0) == 0;
+    if (commandLeft) kill(command, SIGKILL);
+    EXPECT_FALSE(commandLeft) << "the command outlived its sandbox";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGTERM) << status;
 }
 
 }  // namespace

@@ -50,6 +50,8 @@ std::string sandboxError() { return sandboxActive() ? "" : env("TVC_SANDBOX_ERRO
 
 std::string pristineDir() { return env("TVC_SANDBOX_PRISTINE"); }
 
+const char* sandboxScript() { return TVC_SANDBOX_SCRIPT; }
+
 std::string readFile(const std::string& path) {
     Fd file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
     if (file.fd < 0) fail("open", path);

@@ -21,6 +21,8 @@ bool sandboxActive();
 std::string sandboxError();
 // Directory with the untouched sample passwd, group, shadow and gshadow.
 std::string pristineDir();
+// Path of tools/sandbox/tvc-sandbox, for tests of the sandbox itself.
+const char* sandboxScript();
 
 // Whole file; throws std::system_error when it cannot be read.
 std::string readFile(const std::string& path);
