@@ -19,6 +19,17 @@
 // the live one, so both must lie on the same file system; otherwise the configured update
 // command (getUpdateFileScript()) is run with both paths.
 //
+// The temporary file is always a fresh regular file of the transaction's own: whatever its
+// name holds (a leftover, a planted link) is removed and the file is created exclusively with
+// mode 0600, without following links and without touching the process's creation mask.  A
+// temporary path that names the live file or the reference copy, directly or through links,
+// is refused (UMSystemErrorException 13) before the lock is taken.  A live file that is a
+// symbolic link stays one: the file it leads to is replaced, so the temporary file must lie
+// on that file's file system.
+//
+// An operation that changes two files installs them with finalyzeSystemFilesTogether(), which
+// puts the first file back when the second cannot be installed.
+//
 // The lock (lckpwdf) is process-wide and can be held once: among the transactions of one
 // operation exactly the first is built with `lock` true.  A second lock-taking transaction in
 // the same process fails with UMSystemErrorException 11.  Every other failure is
@@ -53,9 +64,9 @@ public:
     FileSystemUpdate(FileSystemUpdate&&) = delete;
     FileSystemUpdate& operator=(FileSystemUpdate&&) = delete;
 
-    // Creates (or truncates) the temporary file with mode 0600, opens the live file and the
-    // reference copy for reading; as root, gives the temporary file the live file's owner,
-    // group and mode.  The live file is not written.
+    // Creates the temporary file afresh with mode 0600, opens the live file and the reference
+    // copy for reading; as root, gives the temporary file the live file's owner, group and
+    // mode.  The live file is not written.
     void prepareSystemFiles();
     // Closes the live file and the reference copy, flushes, syncs and closes the temporary
     // file and installs it.  The lock stays held until destruction.
@@ -74,5 +85,14 @@ public:
     // The object took the password-file lock and releases it on destruction.
     bool m_lock;
 };
+
+// Finalizes two prepared transactions of one operation (password file, then shadow file) so
+// that the operation succeeds or fails whole: both temporary files are flushed and synced
+// before either is installed, and the live file of `first` is kept aside until `second` is
+// installed.  When `second` cannot be installed, `first` is put back as it was and the
+// failure of `second` is thrown; when even that fails, UMSystemErrorException 13 names both.
+// The kept file lies next to the temporary file of `first` (its name followed by ".old") and
+// is removed on every way out.
+TVC_UM_EXPORT void finalyzeSystemFilesTogether(FileSystemUpdate& first, FileSystemUpdate& second);
 
 }  // namespace usermanagement

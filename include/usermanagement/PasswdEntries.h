@@ -3,13 +3,13 @@
 // temporary file (one call per transaction, between prepareSystemFiles() and
 // finalyzeSystemFiles()).  Entries are matched by name byte for byte or by uid.
 //
-// Failures: UMException 0 (name already used), UMException 6 (no free uid),
-// UMSystemErrorException 10 (the temporary file cannot be written, or the live file cannot
-// be read).  After a failure the temporary file is incomplete; destroying the transaction
-// discards it and the live file stays as it was.
-//
-// A name holding ':' or a newline cannot be written (the entry writer refuses it) and fails
-// with the function's write error; nothing of that entry reaches the file.
+// Failures: UMException 0 (name already used), UMException 6 (no free uid), UMException 7 (a
+// name the file cannot hold faithfully: empty, longer than 32 bytes, holding a NUL byte, ':',
+// a newline or another control character, or starting with '+', '-' or '#'; refused before
+// anything is read), UMSystemErrorException 10 (the temporary file cannot be written, the live
+// file cannot be read, or one of its lines is no valid entry: the rewrite would lose it, so
+// the message names the file and the line).  After a failure the temporary file is
+// incomplete; destroying the transaction discards it and the live file stays as it was.
 #pragma once
 
 #include <string>

@@ -9,10 +9,18 @@
 // Password field: an optional prefix "!!" (the account is disabled) followed by the hash.  A
 // single "!" is no disabled mark; it stays part of the hash.
 //
-// Failures: UMException 0 (name already used), UMSystemErrorException 10 (the temporary file
-// cannot be written, the live file cannot be read, or crypt made no hash),
-// UpdatePasswordException 19 (password too long).  After a failure the temporary file is
-// incomplete; destroying the transaction discards it and the live file stays as it was.
+// Failures: UMException 1 (a plaintext password holding a NUL byte; a ready-made hash holding
+// ':', a newline or a NUL byte; an enabled account that would be left with an empty hash
+// field, which PAM accepts with any password), UMException 7 (a new name the file cannot hold,
+// as for the password file), UMSystemErrorException 10 (the temporary file cannot be written,
+// the live file cannot be read or holds a line that is no valid entry, no random salt, or
+// crypt made no hash), UpdatePasswordException 19 (password too long).  After a failure the
+// temporary file is incomplete; destroying the transaction discards it and the live file
+// stays as it was.
+//
+// The shadow file is installed after the password file: a process killed in between leaves a
+// shadow entry without its passwd entry.  No function relies on the two files matching: an
+// entry added or renamed to a name that already has one replaces that stale entry.
 #pragma once
 
 #include <string>
@@ -47,7 +55,9 @@ struct TVC_UM_EXPORT LookUpdateShadow {
 // Copies the file and appends `name`: hash field "" or "!!" (enabled false) followed by
 // `password` (type.encrypted) or cryptPwd(password); last change 0 (mustChange) or today;
 // minimum age `minAge`, maximum age `maxAge`, account expiration `thirdAge`; warning,
-// inactivity and flag empty.  UMException 0 "<name> :user already exists" when taken.
+// inactivity and flag empty.  An entry already named `name` is stale (account creation
+// refuses names the password file has) and is left out: the new account never inherits its
+// password.
 TVC_UM_EXPORT void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name,
                                         const std::string& password, const PasswordType& type, int maxAge,
                                         int minAge, int thirdAge, bool enabled, bool mustChange);
@@ -55,7 +65,9 @@ TVC_UM_EXPORT void addEntryInShadowFile(FileSystemUpdate& transaction, const std
 // Every entry named `name` takes `*newName`, the enabled state `*enabled` (keeping the old hash
 // unless a new password is given), the new password `*newPassword` (hashed unless
 // type.encrypted) and, for `*mustChange`, the last-change day 0 (true) or today (false).  A
-// null pointer leaves its item unchanged.  An unknown name copies the file unchanged.
+// null pointer leaves its item unchanged.  An unknown name copies the file unchanged.  Another
+// entry already named `*newName` is stale and is left out.  Enabling an account whose hash
+// field is only "!!", or giving an enabled account an empty hash, is refused (UMException 1).
 TVC_UM_EXPORT void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name,
                                            const std::string* newName, const std::string* newPassword,
                                            const PasswordType& type, const bool* enabled, const bool* mustChange,
@@ -79,8 +91,9 @@ TVC_UM_EXPORT void updateExpirationDate();
 
 // Appends to `out` the SHA-512 crypt hash ("$6$" + 16 salt characters + "$" + hash) of
 // `password` with a fresh random salt.  UpdatePasswordException 19 "cryptPwd" when the
-// password is longer than getDBPasswordMaxLen() bytes, UMSystemErrorException 10 when crypt
-// makes no hash; `out` is unchanged then.  Callers put the "!!" prefix into `out` first.
+// password is longer than getDBPasswordMaxLen() bytes, UMException 1 when it holds a NUL byte,
+// UMSystemErrorException 10 when the random source gives no salt or crypt makes no hash; `out`
+// is unchanged then.  Callers put the "!!" prefix into `out` first.
 TVC_UM_EXPORT void cryptPwd(const std::string& password, std::string& out);
 
 }  // namespace usermanagement

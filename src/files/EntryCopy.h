@@ -1,4 +1,4 @@
-// The one copy loop behind every entry function of the passwd and shadow files.
+// The one copy loop behind every entry function of the account files.
 //
 //     copyEntries<PasswdFile>(transaction, [&](passwd& entry) { ...; return EntryAction::Write; },
 //                             "removeEntryInPasswordFile", writeFailureMessage);
@@ -10,17 +10,23 @@
 // it returns the next time (point them at strings the caller owns, not at locals of the
 // callback).
 //
-// The reentrant readers (fgetpwent_r, fgetspent_r) are used with a buffer of the loop's own:
-// the plain readers share one static buffer per process, and only the reentrant ones tell a
-// read error from the end of the file.  The readers skip lines they cannot parse (comments,
-// malformed entries), so such lines do not survive a rewrite.
+// Every line is accounted for.  The C library's entry readers silently skip what they cannot
+// parse (a comment, a broken entry, a number out of range), and a rewrite would then drop
+// that line for good: a hand-edited file would lose an account, or an account its password.
+// So EntryReader reads the file line by line itself and hands each line alone to the reentrant
+// parser; a non-blank line that does not parse as one whole entry stops the rewrite
+// (UMSystemErrorException 10 naming the file and the line) before anything is installed.
+// Blank lines carry nothing and are the only lines a rewrite leaves out.
 #pragma once
 
+#include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -35,8 +41,8 @@ enum class EntryAction { Write, Drop };
 
 struct PasswdFile {
     using Entry = struct passwd;
-    static int read(FILE* file, Entry& entry, char* buffer, std::size_t size, Entry** result) {
-        return fgetpwent_r(file, &entry, buffer, size, result);
+    static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
+        return fgetpwent_r(line, &entry, buffer, size, result);
     }
     // Refuses (EINVAL, nothing written) a name holding ':' or a newline.
     static int write(const Entry& entry, FILE* file) { return putpwent(&entry, file); }
@@ -44,17 +50,111 @@ struct PasswdFile {
 
 struct ShadowFile {
     using Entry = struct spwd;
-    static int read(FILE* file, Entry& entry, char* buffer, std::size_t size, Entry** result) {
-        return fgetspent_r(file, &entry, buffer, size, result);
+    static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
+        return fgetspent_r(line, &entry, buffer, size, result);
     }
     // Writes -1 fields empty; refuses (EINVAL, nothing written) a name or password field
     // holding ':' or a newline.
     static int write(const Entry& entry, FILE* file) { return putspent(&entry, file); }
 };
 
+struct GroupFile {
+    using Entry = struct group;
+    static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
+        return fgetgrent_r(line, &entry, buffer, size, result);
+    }
+    static int write(const Entry& entry, FILE* file) { return putgrent(&entry, file); }
+};
+
 // Longest entry line accepted; a longer one is reported as a read failure rather than
 // silently dropped.
 constexpr std::size_t kMaxEntryLine = 1u << 20;
+
+// Reads the entries of one stream of a transaction (the live file or the reference copy),
+// one line per entry.  `function` names the caller in the messages.
+template <class File>
+class EntryReader {
+public:
+    EntryReader(FILE* source, const std::string& path, const char* function)
+        : m_source(source), m_path(path), m_function(function), m_parseBuffer(1024) {
+        if (m_source == nullptr) raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+    }
+    ~EntryReader() { std::free(m_line); }
+    EntryReader(const EntryReader&) = delete;
+    EntryReader& operator=(const EntryReader&) = delete;
+
+    // The next entry, or null at the end of the file.  The entry points into the reader's
+    // buffers and stays valid until the next call.
+    typename File::Entry* next() {
+        for (;;) {
+            errno = 0;
+            const ssize_t length = getline(&m_line, &m_capacity, m_source);
+            if (length < 0) {
+                // errno stays 0 at the end of the file; a read error or a failed allocation sets it.
+                if (std::ferror(m_source) != 0 || errno != 0)
+                    raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+                return nullptr;
+            }
+            ++m_lineNumber;
+            const std::size_t size = static_cast<std::size_t>(length);
+            if (size > kMaxEntryLine) raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+            if (isBlank(m_line, size)) continue;
+            // A NUL byte would hide the rest of the line from the parser.
+            if (std::memchr(m_line, '\0', size) != nullptr) refuseLine();
+            return parseLine(size);
+        }
+    }
+
+    // Line number of the entry returned last (1 for the first line of the file).
+    unsigned long lineNumber() const { return m_lineNumber; }
+
+private:
+    static bool isBlank(const char* line, std::size_t size) {
+        for (std::size_t i = 0; i < size; ++i)
+            if (line[i] != ' ' && line[i] != '\t' && line[i] != '\n' && line[i] != '\r' && line[i] != '\v' &&
+                line[i] != '\f')
+                return false;
+        return true;
+    }
+
+    [[noreturn]] void refuseLine() const {
+        raise<UMSystemErrorException>(10, m_function, " error, line ", m_lineNumber, " of ", m_path,
+                                      " is no valid entry; the file is not rewritten");
+    }
+
+    // The line alone, as a stream of its own: the parser can skip nothing but this line, and a
+    // skipped line is a refused one.
+    typename File::Entry* parseLine(std::size_t size) {
+        FILE* line = fmemopen(m_line, size, "r");
+        if (line == nullptr) raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+        struct Closer {
+            FILE* stream;
+            ~Closer() { std::fclose(stream); }
+        } closer{line};
+        for (;;) {
+            typename File::Entry* result = nullptr;
+            const int status = File::parse(line, m_entry, m_parseBuffer.data(), m_parseBuffer.size(), &result);
+            if (status == ERANGE && m_parseBuffer.size() < 2 * kMaxEntryLine) {
+                // The entry needs more room than the buffer has (a group's member list takes a
+                // pointer per member): parse the line again with twice the room.
+                m_parseBuffer.resize(m_parseBuffer.size() * 2);
+                std::rewind(line);
+                continue;
+            }
+            if (status != 0 || result == nullptr) refuseLine();
+            return result;
+        }
+    }
+
+    FILE* m_source;
+    const std::string m_path;
+    const char* m_function;
+    char* m_line = nullptr;  // getline's buffer, malloc'ed
+    std::size_t m_capacity = 0;
+    unsigned long m_lineNumber = 0;
+    std::vector<char> m_parseBuffer;
+    typename File::Entry m_entry{};
+};
 
 template <class File>
 void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entry,
@@ -68,23 +168,9 @@ void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entr
 template <class File, class Decide>
 void copyEntries(FileSystemUpdate& transaction, Decide&& decide, const char* function,
                  const std::string& writeFailure) {
-    if (transaction.m_file == nullptr)
-        raise<UMSystemErrorException>(10, function, " error in reading ", transaction.m_filePath);
-    std::vector<char> buffer(1024);
-    typename File::Entry entry{};
-    for (;;) {
-        typename File::Entry* result = nullptr;
-        const int status = File::read(transaction.m_file, entry, buffer.data(), buffer.size(), &result);
-        if (status == ERANGE && buffer.size() < kMaxEntryLine) {
-            // The reader went back to the start of the line: read it again with more room.
-            buffer.resize(buffer.size() * 2);
-            continue;
-        }
-        if (status == ENOENT && !std::ferror(transaction.m_file)) return;
-        if (status != 0 || result == nullptr)
-            raise<UMSystemErrorException>(10, function, " error in reading ", transaction.m_filePath);
-        if (decide(entry) == EntryAction::Write) appendEntry<File>(transaction, entry, writeFailure);
-    }
+    EntryReader<File> reader(transaction.m_file, transaction.m_filePath, function);
+    while (typename File::Entry* entry = reader.next())
+        if (decide(*entry) == EntryAction::Write) appendEntry<File>(transaction, *entry, writeFailure);
 }
 
 }  // namespace usermanagement::detail

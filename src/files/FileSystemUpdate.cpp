@@ -1,6 +1,11 @@
 // The account-file transaction.  Order of events that keeps the live file safe: the new
 // contents go to a temporary file, which is flushed and synced before anything replaces the
 // live file, and replacing is one rename (atomic on one file system) or the update command.
+//
+// The process runs as root and the temporary file lies in a directory others may reach, so
+// the temporary name is never trusted: whatever is found there (a leftover, or a link planted
+// to redirect the write) is removed and a fresh file is created exclusively, without following
+// links.  A temporary name that leads to the live file or the reference copy is refused.
 #include <usermanagement/FileSystemUpdate.h>
 
 #include <fcntl.h>
@@ -11,8 +16,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include <usermanagement/UMException.h>
@@ -33,16 +41,188 @@ void closeStream(FILE*& stream) {
     }
 }
 
+std::string directoryOf(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// realpath(3) as a string; "" when the path does not resolve.
+std::string resolved(const std::string& path) {
+    std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+    return real ? std::string(real.get()) : std::string();
+}
+
+// The directory entry `path` names: its directory resolved (links, "." and ".."), its last
+// component as written, since that is what unlink and rename act on.
+std::string entryOf(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (last.empty() || last == "." || last == "..") return resolved(path);
+    const std::string directory = resolved(directoryOf(path));
+    if (directory.empty()) return path;
+    return (directory == "/" ? "" : directory) + "/" + last;
+}
+
+// Whether creating, removing or renaming `temporary` would act on the file `other`: both name
+// the same directory entry, or `other` is a link to the entry `temporary` names.
+bool reaches(const std::string& temporary, const std::string& other) {
+    if (other.empty()) return false;
+    const std::string entry = entryOf(temporary);
+    if (entry == entryOf(other)) return true;
+    const std::string target = resolved(other);
+    return !target.empty() && entry == target;
+}
+
+bool temporaryIsSafe(const FileSystemUpdate& t) {
+    return !reaches(t.m_tmpFilePath, t.m_filePath) && !reaches(t.m_tmpFilePath, t.m_origFilePath);
+}
+
+// The temporary file is created, emptied and removed as root: a name that leads to the live
+// file or the reference copy would destroy the very file the transaction protects.
+void checkTemporaryPath(const FileSystemUpdate& t) {
+    if (!temporaryIsSafe(t))
+        raise<UMSystemErrorException>(13, "FileSystemUpdate:temporary file is the live file (", t.m_tmpFilePath,
+                                      ")");
+}
+
+// The file a rename must replace.  A live file that is a link (an /etc that is read-only with
+// the account files on a data partition) keeps its link: the file it leads to is replaced, in
+// one rename on its own file system.  Replacing the link itself would cut /etc off the data
+// partition for good.
+std::string installTarget(const std::string& live, const std::string& temporary) {
+    struct stat st {};
+    if (lstat(live.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return live;
+    const std::string target = resolved(live);
+    if (target.empty()) {
+        const int error = errno;
+        raise<UMSystemErrorException>(13, "rename error of:", temporary, " to ", live, " ", error,
+                                      std::strerror(error));
+    }
+    return target;
+}
+
 // The directory entry written by rename only survives a power cut once the directory itself
 // is synced.  The new file is in place either way, so a failure here is not reported.
 void syncParentDirectory(const std::string& path) {
-    const std::string::size_type slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return;
     (void)fsync(fd);
     close(fd);
 }
+
+// A regular file created by this call alone: never a leftover, never through a link.
+int createExclusively(const std::string& path) {
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+// Steps before installing: close the inputs; flush, sync and close the temporary file.
+void completeTemporary(FileSystemUpdate& t) {
+    closeStream(t.m_file);
+    closeStream(t.m_origFile);
+    // ferror: a write that failed earlier may have dropped buffered entries while a later
+    // flush succeeds; such a file is incomplete and must not replace the live one.
+    if (t.m_tmpFile == nullptr || std::ferror(t.m_tmpFile) != 0 || std::fflush(t.m_tmpFile) != 0 ||
+        fsync(fileno(t.m_tmpFile)) != 0) {
+        closeStream(t.m_tmpFile);
+        raise<UMSystemErrorException>(13, "fflush or fsync error of:", t.m_tmpFilePath);
+    }
+    const int closed = std::fclose(t.m_tmpFile);
+    t.m_tmpFile = nullptr;
+    if (closed != 0) raise<UMSystemErrorException>(13, "fclose error of:", t.m_tmpFilePath);
+}
+
+// Puts the file `source` in place of the live file of `t`: a rename as root, otherwise the
+// update command.
+void install(const FileSystemUpdate& t, const std::string& source) {
+    UserDefinition& definition = UserDefinition::GetUserDefinition();
+    if (definition.hasRootProfile()) {
+        const std::string target = installTarget(t.m_filePath, source);
+        if (rename(source.c_str(), target.c_str()) != 0) {
+            const int error = errno;
+            raise<UMSystemErrorException>(13, "rename error of:", source, " to ", t.m_filePath, " ", error,
+                                          std::strerror(error));
+        }
+        syncParentDirectory(target);
+        return;
+    }
+    // The command line is the configured script text followed by the two paths exactly as the
+    // configuration gives them, run by the shell: that is the interface of the update command.
+    // The paths are the host's own configuration, not user input; a host that configures paths
+    // with blanks or shell characters must quote them itself.
+    const std::string command = std::string(definition.getUpdateFileScript()) + source + " " + t.m_filePath;
+    const int status = std::system(command.c_str());
+    const int error = errno;
+    if (status != 0)
+        raise<UMSystemErrorException>(13, "Script update error ", status, " of:", source, " to ", t.m_filePath, " ",
+                                      error, std::strerror(error));
+}
+
+// The live file of a transaction as it was before its installation, kept next to its
+// temporary file until the operation is known to succeed, so that the installation can be
+// undone.  As root a second hard link (no copy; rename puts it back atomically); otherwise a
+// copy that the update command installs again.  Removed when the object goes.
+class KeptFile {
+public:
+    explicit KeptFile(const FileSystemUpdate& t) : m_transaction(t), m_path(t.m_tmpFilePath + ".old") {
+        // A leftover of an operation that died is of no use any more: the files it knew have
+        // been replaced since.
+        (void)unlink(m_path.c_str());
+        const bool kept = UserDefinition::GetUserDefinition().hasRootProfile()
+                              ? link(installTarget(t.m_filePath, t.m_tmpFilePath).c_str(), m_path.c_str()) == 0
+                              : copyLive();
+        if (!kept) {
+            const int error = errno;
+            (void)unlink(m_path.c_str());
+            raise<UMSystemErrorException>(13, "FileSystemUpdate:cannot keep ", t.m_filePath, " as ", m_path, " ",
+                                          error, std::strerror(error));
+        }
+    }
+    ~KeptFile() { (void)unlink(m_path.c_str()); }
+    KeptFile(const KeptFile&) = delete;
+    KeptFile& operator=(const KeptFile&) = delete;
+
+    // Installs the kept file again.  `failure` is what made the operation fail; when the
+    // file cannot be put back either, the error says both.
+    void putBack(const std::string& failure) {
+        try {
+            install(m_transaction, m_path);
+        } catch (tarvicexception::TvcException& e) {
+            raise<UMSystemErrorException>(13, "FileSystemUpdate:", m_transaction.m_filePath,
+                                          " could not be put back (", e.what(), ") after: ", failure);
+        }
+    }
+
+private:
+    bool copyLive() {
+        const int in = open(m_transaction.m_filePath.c_str(), O_RDONLY | O_CLOEXEC);
+        if (in < 0) return false;
+        const int out = createExclusively(m_path);
+        bool done = out >= 0;
+        char buffer[8192];
+        while (done) {
+            const ssize_t n = read(in, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) {
+                done = n == 0 && fsync(out) == 0;
+                break;
+            }
+            for (ssize_t written = 0; done && written < n;) {
+                const ssize_t w = write(out, buffer + written, static_cast<std::size_t>(n - written));
+                if (w < 0 && errno == EINTR) continue;
+                done = w > 0;
+                written += w > 0 ? w : 0;
+            }
+        }
+        const int error = errno;
+        close(in);
+        if (out >= 0 && close(out) != 0) done = false;
+        errno = error;
+        return done;
+    }
+
+    const FileSystemUpdate& m_transaction;
+    const std::string m_path;
+};
 
 }  // namespace
 
@@ -58,6 +238,9 @@ FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath
       m_tmpFile(nullptr),
       m_origFile(nullptr),
       m_lock(lock) {
+    // Refused before the lock is taken: the destructor, which removes the temporary file, does
+    // not run for an object whose construction failed.
+    checkTemporaryPath(*this);
     // No retry of our own: lckpwdf already waits for a holder in another process.  When this
     // throws, no object exists and its destructor (which would unlink the temporary path of
     // whoever holds the lock) does not run.
@@ -72,7 +255,14 @@ FileSystemUpdate::~FileSystemUpdate() {
     closeStream(m_tmpFile);
     closeStream(m_file);
     closeStream(m_origFile);
-    (void)unlink(m_tmpFilePath.c_str());
+    // The paths are public members: checked again rather than trusted since construction.
+    // Without memory for the check the file stays; the next preparation removes it.
+    bool removable = false;
+    try {
+        removable = temporaryIsSafe(*this);
+    } catch (const std::bad_alloc&) {
+    }
+    if (removable) (void)unlink(m_tmpFilePath.c_str());
     if (m_lock) (void)ulckpwdf();
 }
 
@@ -81,13 +271,19 @@ void FileSystemUpdate::prepareSystemFiles() {
     closeStream(m_tmpFile);
     closeStream(m_file);
     closeStream(m_origFile);
+    checkTemporaryPath(*this);
 
-    // The streams are close-on-exec ("e"): a child process started meanwhile by another
-    // thread of the host must not inherit a descriptor on the shadow file.  The mask makes a
-    // newly created temporary file 0600 from its first moment, before fchmod below.
-    const mode_t previousMask = umask(077);
-    m_tmpFile = std::fopen(m_tmpFilePath.c_str(), "we");
-    umask(previousMask);
+    // Whatever the name holds goes first (a failure shows in the exclusive creation).  The
+    // file is created 0600 by the open itself: the process's creation mask is not touched,
+    // since other threads of the host create files meanwhile.  The streams are close-on-exec:
+    // a child process started meanwhile by another thread of the host must not inherit a
+    // descriptor on the shadow file.
+    (void)unlink(m_tmpFilePath.c_str());
+    const int tmp = createExclusively(m_tmpFilePath);
+    if (tmp >= 0) {
+        m_tmpFile = fdopen(tmp, "w");
+        if (m_tmpFile == nullptr) close(tmp);
+    }
     if (m_tmpFile == nullptr) raise<UMSystemErrorException>(13, "fopen ", m_tmpFilePath, " prepareSystemFiles");
 
     m_file = std::fopen(m_filePath.c_str(), "re");
@@ -102,10 +298,10 @@ void FileSystemUpdate::prepareSystemFiles() {
     // Without root the update command installs the file and decides its owner and mode.
     if (!UserDefinition::GetUserDefinition().hasRootProfile()) return;
 
+    // fstat of the open stream: for a live file that is a link, the file it leads to.
     struct stat live {};
     if (fstat(fileno(m_file), &live) != 0)
         raise<UMSystemErrorException>(13, "fstat ", m_filePath, " prepareSystemFiles");
-    const int tmp = fileno(m_tmpFile);
     if (fchown(tmp, live.st_uid, live.st_gid) != 0)
         raise<UMSystemErrorException>(13, "fchown st_uid ", m_tmpFilePath, " prepareSystemFiles");
     if (fchmod(tmp, live.st_mode & 07777) != 0)
@@ -113,42 +309,26 @@ void FileSystemUpdate::prepareSystemFiles() {
 }
 
 void FileSystemUpdate::finalyzeSystemFiles() {
-    closeStream(m_file);
-    closeStream(m_origFile);
-
-    // ferror: a write that failed earlier may have dropped buffered entries while a later
-    // flush succeeds; such a file is incomplete and must not replace the live one.
-    if (m_tmpFile == nullptr || std::ferror(m_tmpFile) != 0 || std::fflush(m_tmpFile) != 0 ||
-        fsync(fileno(m_tmpFile)) != 0) {
-        closeStream(m_tmpFile);
-        raise<UMSystemErrorException>(13, "fflush or fsync error of:", m_tmpFilePath);
-    }
-    const int closed = std::fclose(m_tmpFile);
-    m_tmpFile = nullptr;
-    if (closed != 0) raise<UMSystemErrorException>(13, "fclose error of:", m_tmpFilePath);
-
-    UserDefinition& definition = UserDefinition::GetUserDefinition();
-    if (definition.hasRootProfile()) {
-        if (rename(m_tmpFilePath.c_str(), m_filePath.c_str()) != 0) {
-            const int error = errno;
-            raise<UMSystemErrorException>(13, "rename error of:", m_tmpFilePath, " to ", m_filePath, " ", error,
-                                          std::strerror(error));
-        }
-        syncParentDirectory(m_filePath);
-    } else {
-        // The command line is the configured script text followed by the two paths exactly as
-        // the configuration gives them, run by the shell: that is the interface of the update
-        // command.  The paths are the host's own configuration, not user input; a host that
-        // configures paths with blanks or shell characters must quote them itself.
-        const std::string command =
-            std::string(definition.getUpdateFileScript()) + m_tmpFilePath + " " + m_filePath;
-        const int status = std::system(command.c_str());
-        const int error = errno;
-        if (status != 0)
-            raise<UMSystemErrorException>(13, "Script update error ", status, " of:", m_tmpFilePath, " to ",
-                                          m_filePath, " ", error, std::strerror(error));
-    }
+    completeTemporary(*this);
+    install(*this, m_tmpFilePath);
+    // After a rename there is nothing left; after the update command the copy goes here.
     (void)unlink(m_tmpFilePath.c_str());
+}
+
+void finalyzeSystemFilesTogether(FileSystemUpdate& first, FileSystemUpdate& second) {
+    // Both new files are complete on disk before either is installed.
+    completeTemporary(first);
+    completeTemporary(second);
+    KeptFile kept(first);
+    install(first, first.m_tmpFilePath);
+    (void)unlink(first.m_tmpFilePath.c_str());
+    try {
+        install(second, second.m_tmpFilePath);
+    } catch (const std::exception& failure) {
+        kept.putBack(failure.what());
+        throw;
+    }
+    (void)unlink(second.m_tmpFilePath.c_str());
 }
 
 }  // namespace usermanagement

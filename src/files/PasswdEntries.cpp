@@ -8,13 +8,14 @@
 #include <climits>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/UmProfile.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/DatabaseLookup.h"
+#include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
 #include "foundation/Raise.h"
 
@@ -30,26 +31,16 @@ using detail::raise;
 // counts as free: a lookup that fails for another reason must not hand out an id that may be
 // in use.
 bool uidInUse(unsigned int uid) {
-    long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 1024);
-    for (;;) {
-        struct passwd entry {};
-        struct passwd* result = nullptr;
-        const int status = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result);
-        if (status == ERANGE && buffer.size() < detail::kMaxEntryLine) {
-            buffer.resize(buffer.size() * 2);
-            continue;
-        }
-        if (status == 0) return result != nullptr;
-        // getpwuid_r(3) lists these as "not found" answers of some name services.
-        if (status == ENOENT || status == ESRCH || status == EBADF || status == EPERM) return false;
-        raise<UMSystemErrorException>(12, "generateUID error, getpwuid_r ", uid, " ", std::strerror(status));
-    }
+    const auto account = detail::userById(uid);
+    if (account.status == detail::LookupStatus::Failed)
+        raise<UMSystemErrorException>(12, "generateUID error, getpwuid_r ", uid, " ", std::strerror(account.error));
+    return account.found();
 }
 
 }  // namespace
 
 unsigned int addEntryInPasswordFile(FileSystemUpdate& transaction, const std::string& name, unsigned int gid) {
+    detail::checkUserName(name, "addEntryInPasswordFile");
     detail::copyEntries<PasswdFile>(
         transaction,
         [&](struct passwd& entry) {
@@ -76,6 +67,7 @@ unsigned int addEntryInPasswordFile(FileSystemUpdate& transaction, const std::st
 
 void updateEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid, unsigned int gid,
                                const std::string* newName, LookUpdatePasswd& record) {
+    if (newName != nullptr) detail::checkUserName(*newName, "updateEntryInPasswordFile");
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     detail::copyEntries<PasswdFile>(
         transaction,

@@ -19,6 +19,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "files/CryptSetting.h"
+#include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
 #include "foundation/Raise.h"
 
@@ -51,12 +52,32 @@ struct CryptWorkArea {
 // A setting with a fresh random salt.
 std::string freshSha512Setting() {
     unsigned char random[16] = {};
-    // The result is not examined: the salt is made of whatever the buffer holds.  RAND_bytes
-    // only fails when OpenSSL cannot seed itself, and the hash stays a SHA-512 crypt hash.
-    (void)RAND_bytes(random, sizeof random);
+    // A failed RAND_bytes (OpenSSL could not seed itself) would leave the zeroed buffer: every
+    // account would get the same salt, and equal passwords equal hashes.  No salt, no hash.
+    if (RAND_bytes(random, sizeof random) != 1)
+        raise<UMSystemErrorException>(10, "cryptPwd error, no random salt: RAND_bytes failed");
     std::string setting = detail::sha512Setting(random);
     explicit_bzero(random, sizeof random);
     return setting;
+}
+
+// Appends to `field` the password as stored: a ready-made hash as given (refused when it
+// cannot stand in one field), plaintext through cryptPwd.
+void appendPassword(std::string& field, const std::string& password, const PasswordType& type,
+                    const char* function) {
+    if (!type.encrypted) {
+        cryptPwd(password, field);
+        return;
+    }
+    detail::checkStoredHash(password, function);
+    field += password;
+}
+
+// pam_unix lets anyone in to an enabled account whose hash field is empty: the library never
+// makes one.  (A field that is only "!!" is a disabled account without a hash.)
+void refuseEnabledWithoutPassword(const std::string& hashField, const std::string& name, const char* function) {
+    if (hashField.empty())
+        raise<UMException>(1, function, " error, an enabled account needs a password: ", name);
 }
 
 bool isManaged(unsigned int uid, UserDefinition& definition) {
@@ -72,6 +93,7 @@ void cryptPwd(const std::string& password, std::string& out) {
         // user, the only throw of the library that does not carry the context's user.
         throw UpdatePasswordException(19, std::string("cryptPwd"), std::string(), true);
     }
+    detail::checkPlainPassword(password, "cryptPwd");
     const std::string setting = freshSha512Setting();
     CryptWorkArea work;
     errno = 0;
@@ -88,19 +110,20 @@ void cryptPwd(const std::string& password, std::string& out) {
 void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name, const std::string& password,
                           const PasswordType& type, int maxAge, int minAge, int thirdAge, bool enabled,
                           bool mustChange) {
+    constexpr const char* kFunction = "addEntryInShadowFile";
+    detail::checkUserName(name, kFunction);
+    std::string hashField = enabled ? "" : kDisabledMark;
+    appendPassword(hashField, password, type, kFunction);
+    if (enabled) refuseEnabledWithoutPassword(hashField, name, kFunction);
+
+    // An entry of that name here is stale: account creation adds the passwd entry first and
+    // refuses a name passwd already has, so only a shadow entry left behind by an operation
+    // that died between its two files can match.  It is replaced, never kept beside the new
+    // one: its old password must not log in to the new account.
     detail::copyEntries<ShadowFile>(
         transaction,
-        [&](const struct spwd& entry) {
-            if (name == entry.sp_namp) raise<UMException>(0, name, " :user already exists");
-            return EntryAction::Write;
-        },
-        "addEntryInShadowFile", "addEntryInShadowFile error in writing in " + transaction.m_tmpFilePath);
-
-    std::string hashField = enabled ? "" : kDisabledMark;
-    if (type.encrypted)
-        hashField += password;
-    else
-        cryptPwd(password, hashField);
+        [&](const struct spwd& entry) { return name == entry.sp_namp ? EntryAction::Drop : EntryAction::Write; },
+        kFunction, "addEntryInShadowFile error in writing in " + transaction.m_tmpFilePath);
 
     struct spwd entry {};
     entry.sp_namp = const_cast<char*>(name.c_str());
@@ -119,11 +142,17 @@ void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name
 void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name, const std::string* newName,
                              const std::string* newPassword, const PasswordType& type, const bool* enabled,
                              const bool* mustChange, LookUpdateShadow& record) {
+    constexpr const char* kFunction = "updateEntryInShadowFile";
+    if (newName != nullptr) detail::checkUserName(*newName, kFunction);
+    const bool renaming = newName != nullptr && *newName != name;
     // The entry points at this text until it is written.
     std::string hashField;
     detail::copyEntries<ShadowFile>(
         transaction,
         [&](struct spwd& entry) {
+            // Another entry already named like the new name is stale (the passwd rewrite refuses
+            // a name in use): the renamed account replaces it rather than standing beside it.
+            if (renaming && *newName == entry.sp_namp) return EntryAction::Drop;
             if (name != entry.sp_namp) return EntryAction::Write;
             if (newName != nullptr) entry.sp_namp = const_cast<char*>(newName->c_str());
 
@@ -136,14 +165,15 @@ void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
             }
             hashField = disable ? kDisabledMark : "";
             if (newPassword != nullptr) {
-                if (type.encrypted)
-                    hashField += *newPassword;
-                else
-                    cryptPwd(*newPassword, hashField);
+                appendPassword(hashField, *newPassword, type, kFunction);
                 record.passwordUpdated = true;
             } else {
                 hashField += oldHash;
             }
+            // Only a change made here is refused: an account that was enabled with an empty
+            // field before keeps it through a rename, but is not enabled or given one by us.
+            if (!disable && (enabled != nullptr || newPassword != nullptr))
+                refuseEnabledWithoutPassword(hashField, name, kFunction);
             entry.sp_pwdp = const_cast<char*>(hashField.c_str());
 
             if (mustChange != nullptr) {
@@ -152,7 +182,7 @@ void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
             }
             return EntryAction::Write;
         },
-        "updateEntryInShadowFile", "updateEntryInShadowFile error in writing to " + transaction.m_tmpFilePath);
+        kFunction, "updateEntryInShadowFile error in writing to " + transaction.m_tmpFilePath);
 }
 
 void removeEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name) {

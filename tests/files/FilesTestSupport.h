@@ -78,8 +78,8 @@ struct Snapshot {
     std::map<std::string, std::string> files;
     std::vector<std::string> temporaries;
 
-    explicit Snapshot(const std::vector<std::string>& live = {"/etc/passwd", "/etc/shadow"},
-                      std::vector<std::string> tmp = {"/etc/tmppassd", "/etc/tmpshadow"})
+    explicit Snapshot(const std::vector<std::string>& live = {"/etc/passwd", "/etc/shadow", "/etc/group"},
+                      std::vector<std::string> tmp = {"/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
         : temporaries(std::move(tmp)) {
         for (const std::string& path : live) files[path] = readFile(path);
     }
@@ -101,16 +101,19 @@ inline void rewrite(const std::string& live, const std::string& tmp, const Body&
 inline void inPasswd(const Body& body) { rewrite("/etc/passwd", "/etc/tmppassd", body); }
 inline void inShadow(const Body& body) { rewrite("/etc/shadow", "/etc/tmpshadow", body); }
 
-// Expects `body` to throw exactly the class `type` with `code` and `message`.
+// Expects `body` to throw exactly the class `type` with `code` and `message` (or a message
+// that begins with it, when the rest names a system error text).
+enum class Match { Whole, Start };
 inline void expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
-                          const std::string& message) {
+                          const std::string& message, Match match = Match::Whole) {
     try {
         body();
         ADD_FAILURE() << "no exception, expected " << code << " " << message;
     } catch (tarvicexception::TvcException& e) {
         EXPECT_TRUE(typeid(e) == type) << typeid(e).name() << " instead of " << type.name();
         EXPECT_EQ(e.getErrorId(), code) << e.what();
-        EXPECT_EQ(std::string(e.what()), message);
+        const std::string what = e.what();
+        EXPECT_EQ(match == Match::Whole ? what : what.substr(0, message.size()), message) << what;
     }
 }
 

@@ -95,7 +95,6 @@ TEST_F(ShadowEntries, UpdateSplitsTheDisabledMarkAndReportsWhatChanged) {
         {"H", &no, nullptr, nullptr, "!!H:20454", 1},
         {"!!H", &no, nullptr, nullptr, "!!H:20454", 2},
         {"!!H", &yes, nullptr, nullptr, "H:20454", 0},
-        {"!!", &yes, nullptr, nullptr, ":20454", 0},
         {"!H", &yes, nullptr, nullptr, "!H:20454", 2},  // a single "!" is part of the hash
         {"!H", &no, nullptr, nullptr, "!!!H:20454", 1},
         {"!!H", nullptr, &fresh, &yes, "!!$6$new$P:0", 2},  // a new password keeps it disabled
