@@ -1,6 +1,9 @@
 // Lookups in the system's user and group database (the glibc name service).  All lookups are
 // reentrant and static; results come through out-parameters, which are written only when the
-// lookup answers true.
+// lookup answers true.  False means "not found" or "the database could not answer".  An entry
+// is found also when a long line comes before it (a group with thousands of members): the
+// lookup buffer grows up to 16 MiB.  A buffer that cannot be allocated raises
+// UMSystemErrorException 12.
 //
 // Profile gid: an account's primary group id if it lies in 10000..19999; otherwise the first
 // id in that range among the groups getgrouplist() reports for the account; otherwise the
@@ -38,8 +41,7 @@ public:
 
     // Appends one UmGroup per group of the account: its profile group and every group naming
     // it as a member, in getgrouplist() order.  False, with `groups` untouched, for an unknown
-    // account or an unreadable group list.  Uses the non-reentrant getgrgid: not safe against
-    // concurrent getgrgid/getgrnam callers in the same process.
+    // account or an unreadable group list or group database.
     static bool getGroups(unsigned int uid, std::vector<usermanagement::UmGroup>& groups);
     static bool getGroups(const char* name, std::vector<usermanagement::UmGroup>& groups);
 

@@ -24,10 +24,14 @@ public:
 
     // Runs `command` in a child whose real, effective and saved user and group ids all become
     // the calling thread's effective ids first (SystemPermission::setUserPermissionDefinitely),
-    // so the command cannot regain root.  `mode` as for popen: "r" reads the command's
-    // standard output, "w" writes to its standard input.  Null on failure (the command
-    // then did not run); raises nothing.  A child that cannot drop its ids or start the shell
-    // ends with status 127.
+    // so the command cannot regain root.  Unless the effective user id is 0, the child's
+    // supplementary groups become those of that account (the groups listing its name, plus the
+    // effective group id; the effective group id alone for an id without an account), not
+    // the ones the thread happens to carry.  `mode` as for popen: "r" reads the command's
+    // standard output, "w" writes to its standard input.  Null with errno set on failure, the
+    // command then did not run: also when the child could not take that identity (the thread
+    // has no root id left to regain, groups refused) or start the shell; that child has been
+    // reaped.  Raises nothing.
     static FILE* Popen(const char* command, const char* mode);
     // Popen without the identity step: the command keeps the thread's real, effective and
     // saved ids.  From a thread that switched to an account but kept a root id, the command can

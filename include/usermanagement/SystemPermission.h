@@ -75,8 +75,12 @@ public:
     // when the thread could still regain root afterwards.
     void setUserPermissionDefinitely();
 
-    // Writes the snapshot to standard output and appends it to "/tmp/download/sessionP.txt"
-    // (lost silently when the file cannot be opened).
+    // Writes the snapshot to standard output and appends it to "/tmp/download/sessionP.txt".
+    // The file is created (mode 0600) when nothing is at the path.  The trace is lost silently,
+    // standard output still written, when the file cannot be opened or is not safe to write
+    // with the thread's identity: "/tmp/download" or the file is a symbolic link, the file is
+    // not a regular file (a FIFO there does not block), has more than one link or belongs to
+    // another user than the effective one.
     void print() const;
     // print() of a fresh snapshot.
     void printCurrentUids();

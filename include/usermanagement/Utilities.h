@@ -9,8 +9,9 @@ namespace usermanagement::utilities {
 
 // Failed-login count of `uid` in the pam_tally2 file `tallyFilePath`: the unsigned 16-bit
 // count (host byte order) at offset 54 of the 64-byte record at byte uid * 64.  One record is
-// read, with the calling thread's identity; 0 when the file cannot be opened or the record lies
-// beyond its end.  Raises nothing.
+// read, with the calling thread's identity; 0 when the file cannot be opened, is no regular
+// file (a FIFO there does not block the caller) or the record lies beyond its end.  Raises
+// nothing.
 TVC_UM_EXPORT int getLockCount(const unsigned int& uid, const std::string& tallyFilePath);
 
 }  // namespace usermanagement::utilities

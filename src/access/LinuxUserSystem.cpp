@@ -1,5 +1,5 @@
-// Account and group lookups through the reentrant glibc calls.  Each lookup sizes its buffer
-// once from sysconf and never grows it: an entry that does not fit reads as "not found".
+// Account and group lookups through the reentrant glibc calls, all made by DatabaseLookup.h:
+// an entry behind a line that does not fit the first buffer is still found.
 #include <systemutilities/LinuxUserSystem.h>
 
 #include <grp.h>
@@ -11,6 +11,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UmGroup.h>
 
+#include "access/DatabaseLookup.h"
 #include "foundation/Raise.h"
 
 namespace systemutilities {
@@ -18,16 +19,9 @@ namespace systemutilities {
 namespace {
 
 using usermanagement::UMSystemErrorException;
+using usermanagement::detail::LookupStatus;
 using usermanagement::detail::raise;
-
-// A malloc'ed lookup buffer sized by sysconf(`sizeName`); throws code 12 when it cannot be had
-// (sysconf answering -1 included).
-std::shared_ptr<char> lookupBuffer(int sizeName, long& size) {
-    size = sysconf(sizeName);
-    char* block = size > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(size))) : nullptr;
-    if (block == nullptr) raise<UMSystemErrorException>(12, "getGroupGid malloc error");
-    return std::shared_ptr<char>(block, free_delete());
-}
+namespace db = usermanagement::detail;
 
 // The profile gid of an account whose primary group is `primary`: see the header.
 unsigned int profileGidOf(const char* name, unsigned int primary) {
@@ -65,8 +59,10 @@ bool appendGroups(const char* name, unsigned int profileGid, std::shared_ptr<uns
     std::vector<usermanagement::UmGroup> found;
     for (int i = 0; i < count; ++i) {
         const unsigned int gid = list.get()[i];
+        const LookupStatus status = db::groupById(gid).status;
+        if (status == LookupStatus::Failed) return false;
         // An id without a group entry (a stale primary gid) has no name to offer: skip it.
-        if (getgrgid(gid) == nullptr) continue;
+        if (status == LookupStatus::NotFound) continue;
         found.emplace_back(gid);
     }
     groups.insert(groups.end(), found.begin(), found.end());
@@ -94,49 +90,33 @@ bool LinuxUserSystem::getGroups(const char* name, std::vector<usermanagement::Um
 
 bool LinuxUserSystem::getUserIds(const char* name, unsigned int* uid, unsigned int* gid) {
     if (name == nullptr) return false;
-    long size = 0;
-    std::shared_ptr<char> buffer = lookupBuffer(_SC_GETPW_R_SIZE_MAX, size);
-    struct passwd entry {};
-    struct passwd* found = nullptr;
-    if (getpwnam_r(name, &entry, buffer.get(), static_cast<size_t>(size), &found) != 0 || found == nullptr)
-        return false;
-    if (uid != nullptr) *uid = entry.pw_uid;
-    if (gid != nullptr) *gid = profileGidOf(entry.pw_name, entry.pw_gid);
+    const auto user = db::userByName(name);
+    if (!user.found()) return false;
+    if (uid != nullptr) *uid = user.entry.pw_uid;
+    if (gid != nullptr) *gid = profileGidOf(user.entry.pw_name, user.entry.pw_gid);
     return true;
 }
 
 bool LinuxUserSystem::getUserName(unsigned int uid, std::string& name, unsigned int& gid) {
-    long size = 0;
-    std::shared_ptr<char> buffer = lookupBuffer(_SC_GETPW_R_SIZE_MAX, size);
-    struct passwd entry {};
-    struct passwd* found = nullptr;
-    if (getpwuid_r(uid, &entry, buffer.get(), static_cast<size_t>(size), &found) != 0 || found == nullptr)
-        return false;
-    name = entry.pw_name;
-    gid = profileGidOf(entry.pw_name, entry.pw_gid);
+    const auto user = db::userById(uid);
+    if (!user.found()) return false;
+    name = user.entry.pw_name;
+    gid = profileGidOf(user.entry.pw_name, user.entry.pw_gid);
     return true;
 }
 
 bool LinuxUserSystem::getGroupGid(const char* name, unsigned int& gid) {
     if (name == nullptr) return false;
-    long size = 0;
-    std::shared_ptr<char> buffer = lookupBuffer(_SC_GETGR_R_SIZE_MAX, size);
-    struct group entry {};
-    struct group* found = nullptr;
-    if (getgrnam_r(name, &entry, buffer.get(), static_cast<size_t>(size), &found) != 0 || found == nullptr)
-        return false;
-    gid = entry.gr_gid;
+    const auto group = db::groupByName(name);
+    if (!group.found()) return false;
+    gid = group.entry.gr_gid;
     return true;
 }
 
 bool LinuxUserSystem::getGroupName(unsigned int gid, std::string& name) {
-    long size = 0;
-    std::shared_ptr<char> buffer = lookupBuffer(_SC_GETGR_R_SIZE_MAX, size);
-    struct group entry {};
-    struct group* found = nullptr;
-    if (getgrgid_r(gid, &entry, buffer.get(), static_cast<size_t>(size), &found) != 0 || found == nullptr)
-        return false;
-    name = entry.gr_name;
+    const auto group = db::groupById(gid);
+    if (!group.found()) return false;
+    name = group.entry.gr_name;
     return true;
 }
 

@@ -2,9 +2,14 @@
 // header.  The library never writes it; unlocking goes through the pam_tally2 tool.
 #include <usermanagement/Utilities.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstring>
-#include <fstream>
+
+#include "foundation/Descriptor.h"
 
 namespace usermanagement::utilities {
 
@@ -14,15 +19,16 @@ constexpr std::size_t kCountOffset = 54;
 }  // namespace
 
 int getLockCount(const unsigned int& uid, const std::string& tallyFilePath) {
-    std::ifstream tally(tallyFilePath, std::ios::in | std::ios::binary);
-    if (!tally) return 0;
+    // Non-blocking: a FIFO planted at the path must not hold the caller in open(); only a
+    // regular file is read (a FIFO, a device or a directory reads as "no failures").
+    const detail::Descriptor tally(open(tallyFilePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!tally || fstat(tally.get(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
     // 64-bit before multiplying: uid * 64 leaves 32 bits from uid 67108864 on.
     const std::uint64_t offset = static_cast<std::uint64_t>(uid) * kRecordSize;
-    tally.seekg(static_cast<std::streamoff>(offset), std::ios::beg);
-    if (!tally) return 0;
     char record[kRecordSize];
-    tally.read(record, sizeof record);
-    if (tally.gcount() != static_cast<std::streamsize>(sizeof record)) return 0;
+    if (pread(tally.get(), record, sizeof record, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof record))
+        return 0;
     std::uint16_t count = 0;
     std::memcpy(&count, record + kCountOffset, sizeof count);
     return static_cast<int>(count);

@@ -5,20 +5,24 @@
 // that matters is checked after it was made instead of trusting the return codes.
 #include <usermanagement/SystemPermission.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
 #include "system/IdSyscalls.h"
 
@@ -30,7 +34,8 @@ namespace ids = detail::ids;
 using detail::raise;
 
 constexpr unsigned int kUnknownId = 4294967295u;
-constexpr const char* kTracePath = "/tmp/download/sessionP.txt";
+constexpr const char* kTraceDirectory = "/tmp/download";
+constexpr const char* kTraceName = "sessionP.txt";
 
 bool rootProfile() { return UserDefinition::GetUserDefinition().hasRootProfile(); }
 
@@ -83,6 +88,35 @@ void restoreOrAbort(uid_t euid, gid_t egid, const unsigned int* groups, int coun
         (void)ignored;
     }
     std::abort();
+}
+
+// The trace file, ready for appending, or nothing.  print() runs as root in a directory anyone
+// may be able to write to, so whatever is found at the path must not become a way to make root
+// write elsewhere: links are not followed (neither the directory nor the file), the file is
+// created only where nothing exists (O_EXCL), a FIFO or device neither blocks the open nor is
+// written, and a file with a second name (a hard link to a file elsewhere) or another owner is
+// left alone.
+detail::Descriptor openTrace() {
+    const detail::Descriptor directory(open(kTraceDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) return {};
+    constexpr int kAppend = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    detail::Descriptor trace(openat(directory.get(), kTraceName, kAppend));
+    if (!trace && errno == ENOENT) trace.reset(openat(directory.get(), kTraceName, kAppend | O_CREAT | O_EXCL, 0600));
+    struct stat status {};
+    if (!trace || fstat(trace.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
+        status.st_uid != geteuid())
+        return {};
+    return trace;
+}
+
+// Writes all of `text`, giving up at the first error: the trace is best effort.
+void appendAll(int fd, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        done += static_cast<std::size_t>(written);
+    }
 }
 
 }  // namespace
@@ -196,10 +230,10 @@ void SystemPermission::setUserPermissionDefinitely() {
 }
 
 void SystemPermission::print() const {
-    std::ofstream trace(kTracePath, std::ios::app);
+    std::ostringstream trace;
     auto line = [&trace](const std::string& label, auto value) {
         std::cout << label << value << '\n';
-        if (trace) trace << label << value << '\n';
+        trace << label << value << '\n';
     };
     line("m_euid ", m_euid);
     line("m_ruid ", m_ruid);
@@ -212,6 +246,8 @@ void SystemPermission::print() const {
     if (m_groups != nullptr)
         for (int i = 0; i < m_nbreGroup; ++i) line("grp:", m_groups[i]);
     std::cout << '\n' << std::flush;
+    const detail::Descriptor file = openTrace();
+    if (file) appendAll(file.get(), trace.str());
 }
 
 void SystemPermission::printCurrentUids() {

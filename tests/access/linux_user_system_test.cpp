@@ -96,6 +96,55 @@ TEST_F(LinuxUserSystemTest, GroupIdsWithoutAnEntryAreSkipped) {
     EXPECT_EQ(namesOf(groups), (Names{"log-read"}));
 }
 
+// The files backend answers "does not fit" for any line it parses on the way, so a fixed buffer
+// would make every entry after a long line look missing.
+TEST_F(LinuxUserSystemTest, EntriesBehindAVeryLongLineAreFound) {
+    std::string crowd = "crowd:x:4300:";
+    for (int i = 0; i < 5000; ++i) crowd += "member" + std::to_string(i) + ",";
+    tvc::test::writeFile("/etc/group", crowd + "viewer\n" + tvc::test::readFile("/etc/group"));
+    tvc::test::writeFile("/etc/passwd", "long:x:3100:4300:" + std::string(100000, 'g') + ":/nonexistent:/bin/sh\n" +
+                                            tvc::test::readFile("/etc/passwd"));
+    const std::string missing = "not found";
+    const auto gidOf = [&](const char* group) {
+        unsigned int gid = 0;
+        return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : missing;
+    };
+    const auto groupNameOf = [&](unsigned int gid) {
+        std::string name;
+        return LinuxUserSystem::getGroupName(gid, name) ? name : missing;
+    };
+    const auto idsOf = [&](const char* account) {
+        unsigned int uid = 0, gid = 0;
+        if (!LinuxUserSystem::getUserIds(account, &uid, &gid)) return missing;
+        return std::to_string(uid) + "/" + std::to_string(gid);
+    };
+    const auto userNameOf = [&](unsigned int uid) {
+        std::string name;
+        unsigned int gid = 0;
+        return LinuxUserSystem::getUserName(uid, name, gid) ? name : missing;
+    };
+    const auto groupsOf = [&](auto account) {
+        std::vector<UmGroup> groups;
+        return LinuxUserSystem::getGroups(account, groups) ? testing::PrintToString(namesOf(groups)) : missing;
+    };
+    const struct {
+        std::string got, expected;
+    } cases[] = {
+        {gidOf("viewers"), "10002"},
+        {gidOf("crowd"), "4300"},
+        {groupNameOf(10003), "maintainers"},
+        {groupNameOf(4300), "crowd"},
+        {idsOf("viewer"), "10002/10002"},
+        {idsOf("long"), "3100/4300"},
+        {userNameOf(10003), "tech"},
+        {userNameOf(3100), "long"},
+        {groupsOf("viewer"),
+         R"({ "viewers", "crowd", "role-user-configure-self", "role-log-read", "log-read" })"},
+        {groupsOf(3100u), R"({ "crowd" })"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.got, c.expected);
+}
+
 TEST(ProfileRange, Bounds) {
     EXPECT_FALSE(LinuxUserSystem::isProfileGid(9999));
     EXPECT_TRUE(LinuxUserSystem::isProfileGid(10000));

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 
 #include <systemutilities/ScriptLauncher.h>
@@ -124,28 +125,55 @@ TEST(ScriptLauncherDeathTest, DescriptorBeyondTheTableIsRefused) {
 
 pid_t g_configuringProcess = 0;
 
-TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsOnly) {
+// The child's /proc/self/status: ids, groups, and how many of CapPrm and CapEff are empty.
+std::string childStatus(unsigned int id, const char* groups, int emptyCaps) {
+    const std::string ids = "\t" + std::to_string(id);
+    return "Uid:" + ids + ids + ids + ids + "\nGid:" + ids + ids + ids + ids + "\nGroups:\t" + groups + "\n" +
+           std::to_string(emptyCaps);
+}
+
+TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOnly) {
     TVC_REQUIRE_ROOT();
     // Asked in the child, this configuration would let the command keep its root ids.
     g_configuringProcess = getpid();
     ScopedRootProfile parentOnly([] { return getpid() == g_configuringProcess; });
+    const char* command =
+        "grep -E '^(Uid|Gid|Groups):' /proc/self/status | sed 's/ *$//';"
+        "grep -cE '^Cap(Prm|Eff):[[:space:]]0+$' /proc/self/status";
+    const struct {
+        unsigned int real, effective, saved;
+        std::vector<unsigned int> groups;
+        std::optional<std::string> output;  // none: the launch fails
+    } cases[] = {
+        // operator with part of its groups, viewer with root's and another profile's: each gets
+        // exactly its account's groups from the sample group file.
+        {0, 10001, 0, {4201, 10001}, childStatus(10001, "4102 4103 4104 4200 4201 10001", 2)},
+        {0, 10002, 0, {0, 4200}, childStatus(10002, "4102 4104 4201 10002", 2)},
+        {0, 3000, 0, {0, 4200}, childStatus(3000, "3000", 2)},  // no account: its group id alone
+        {0, 0, 0, {4200, 10001}, childStatus(0, "4200 10001", 0)},  // root keeps its groups
+        {10001, 10001, 10001, {4201}, std::nullopt},  // no root id left to give up
+    };
+    for (const auto& c : cases)
+        inThread([&c, command] {
+            SCOPED_TRACE(c.effective);
+            becomeThread(c.real, c.effective, c.saved, c.groups);
+            if (c.output) {
+                EXPECT_EQ(ScriptLauncher::exec(command, true), *c.output);
+            } else {
+                errno = 0;
+                EXPECT_EQ(ScriptLauncher::Popen("echo must-not-run", "r"), nullptr);
+                EXPECT_EQ(errno, EPERM);
+                EXPECT_THROW(ScriptLauncher::exec("echo must-not-run", true), std::runtime_error);
+                EXPECT_TRUE(noChildren());  // reaped
+            }
+            // The calling thread itself keeps its ids, and so its way back to root.
+            EXPECT_EQ(myIds().uid, triple(c.real, c.effective, c.saved));
+        });
     inThread([] {
-        becomeThread(0, 10001, 0, {4201, 10001});
-        EXPECT_EQ(ScriptLauncher::exec("grep -E '^(Uid|Gid|CapPrm|CapEff):' /proc/self/status", true),
-                  "Uid:\t10001\t10001\t10001\t10001\nGid:\t10001\t10001\t10001\t10001\n"
-                  "CapPrm:\t0000000000000000\nCapEff:\t0000000000000000");
-        // The calling thread itself keeps its way back to root.
-        EXPECT_EQ(myIds().uid, triple(0, 10001, 0));
+        becomeThread(0, 10001, 0, {});
         // Without the identity step the child keeps the real and saved root ids, and the
         // shell, finding real and effective ids differ, even goes back to the real one: root.
         EXPECT_EQ(ScriptLauncher::exec("grep '^Uid:' /proc/self/status | cut -f2", false), "0");
-
-        // No root left to give up: the child ends before the shell starts.
-        becomeThread(10001, 10001, 10001, {});
-        std::string output;
-        const int status = drainAndClose(ScriptLauncher::Popen("echo must-not-run", "r"), &output);
-        EXPECT_EQ(output, "");
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 127) << status;
     });
     EXPECT_EQ(ScriptLauncher::exec("id -u", true), "0");
 }

@@ -1,10 +1,17 @@
 // Identity switching of single threads, observed through /proc (the kernel's view).  Every
 // switch happens in a worker thread so that the test's main thread stays root.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <functional>
+#include <future>
 #include <optional>
 #include <utility>
 
@@ -12,6 +19,8 @@
 #include <usermanagement/UMException.h>
 
 #include "ThreadIdentity.h"
+#include "foundation/Descriptor.h"
+#include "support/Sandbox.h"
 
 using usermanagement::PMException;
 using usermanagement::SystemPermission;
@@ -164,32 +173,42 @@ TEST(SystemPermission, CopyAndMoveCarryTheSnapshotAndTheDutyToRestore) {
     });
 }
 
-// The trace file lives in /tmp/download; the fixture leaves both as it found them.
-class SystemPermissionTrace : public ::testing::Test {
+// The trace directory is a tmpfs of the test's own, mounted in the sandbox's private mount
+// namespace: the host's /tmp sees at most an empty mount point, and a host's own trace stays
+// hidden and untouched.
+class SystemPermissionTrace : public SandboxTest {
 protected:
+    static constexpr const char* kDir = "/tmp/download";
     static constexpr const char* kFile = "/tmp/download/sessionP.txt";
     void SetUp() override {
-        m_createdDir = mkdir("/tmp/download", 0755) == 0;
-        if (access(kFile, F_OK) == 0) m_before = slurp();
+        SandboxTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        m_createdDir = mkdir(kDir, 0755) == 0;
+        ASSERT_EQ(mount("tvc-trace", kDir, "tmpfs", MS_NOSUID, "mode=0755,size=1m"), 0) << std::strerror(errno);
+        m_mounted = true;
     }
     void TearDown() override {
-        if (m_before) std::ofstream(kFile, std::ios::trunc) << *m_before;
-        else std::remove(kFile);
-        if (m_createdDir) rmdir("/tmp/download");
+        if (m_overTmp) umount2("/tmp", MNT_DETACH);
+        if (m_mounted) umount2(kDir, MNT_DETACH);
+        if (m_createdDir) rmdir(kDir);
     }
-    std::string appended() const { return slurp().substr(m_before.value_or("").size()); }
-    static std::string slurp() {
-        std::ostringstream text;
-        text << std::ifstream(kFile).rdbuf();
-        return text.str();
+    // Whatever can be read at `path` right away (a FIFO gives what was written into it).
+    static std::string contents(const std::string& path) {
+        const usermanagement::detail::Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        std::string text;
+        char piece[256];
+        for (ssize_t n; file && (n = read(file.get(), piece, sizeof piece)) > 0;)
+            text.append(piece, static_cast<size_t>(n));
+        return text;
     }
     bool m_createdDir = false;
-    std::optional<std::string> m_before;  // none: there was no file
+    bool m_mounted = false;
+    bool m_overTmp = false;  // a tmpfs over all of /tmp, for a link in place of the directory
 };
 
 TEST_F(SystemPermissionTrace, LinesGoToStandardOutputAndAreAppendedToTheFile) {
     TVC_REQUIRE_ROOT();
-    inThread([this] {
+    inThread([] {
         becomeThread(0, 10001, 0, kOperatorGroups);
         SystemPermission snapshot;
         snapshot.setRealPermissions();  // the trace directory belongs to root
@@ -204,17 +223,74 @@ TEST_F(SystemPermissionTrace, LinesGoToStandardOutputAndAreAppendedToTheFile) {
         snapshot.printCurrentUids();
         snapshot.whoAmi();
         EXPECT_EQ(testing::internal::GetCapturedStdout(), block + "\n" + block + "\n" + now + "\nruid 0 euid 0 saveuid 0\n");
-        EXPECT_EQ(appended(), block + block + now);
+        EXPECT_EQ(contents(kFile), block + block + now);
 
         // As 10001 the root-owned file cannot be opened: standard output is still written.
         snapshot.restorePermission();
         testing::internal::CaptureStdout();
         snapshot.print();
         EXPECT_EQ(testing::internal::GetCapturedStdout(), block + "\n");
-        if (!m_before) {
-            EXPECT_EQ(appended(), block + block + now);
-        }
+        snapshot.setRealPermissions();  // to read the file
+        EXPECT_EQ(contents(kFile), block + block + now);
     });
+}
+
+// print() as root with something planted at the trace path: only a regular file of root's
+// with one name is written, and nothing blocks.
+TEST_F(SystemPermissionTrace, WritesOnlyARegularFileOfItsOwnWithOneName) {
+    const std::string other = std::string(kDir) + "/other";
+    const SystemPermission snapshot;
+    testing::internal::CaptureStdout();
+    snapshot.print();
+    const std::string block = testing::internal::GetCapturedStdout();
+    const std::string trace = block.substr(0, block.size() - 1);  // without the blank line
+    usermanagement::detail::Descriptor reader;
+    const struct {
+        const char* what;
+        std::function<void()> plant;
+        std::string watched, expected;  // contents of `watched` afterwards
+        mode_t mode;                    // of what is at the path afterwards, 0: nothing
+    } cases[] = {
+        {"nothing", [] {}, kFile, trace, S_IFREG | 0600},
+        {"an earlier trace", [] { writeFile(kFile, "earlier\n"); }, kFile, "earlier\n" + trace, S_IFREG | 0644},
+        {"a symbolic link", [&] { writeFile(other, "other\n"); ASSERT_EQ(symlink(other.c_str(), kFile), 0); },
+         other, "other\n", S_IFLNK | 0777},
+        {"a hard link", [&] { writeFile(other, "other\n"); ASSERT_EQ(link(other.c_str(), kFile), 0); },
+         other, "other\n", S_IFREG | 0644},
+        {"another user's file", [] { writeFile(kFile, "other\n"); ASSERT_EQ(chown(kFile, 10001, 10001), 0); },
+         kFile, "other\n", S_IFREG | 0644},
+        {"a FIFO nobody reads", [] { ASSERT_EQ(mkfifo(kFile, 0600), 0); }, kFile, "", S_IFIFO | 0600},
+        {"a FIFO with a reader", [&] {
+             ASSERT_EQ(mkfifo(kFile, 0600), 0);
+             reader.reset(open(kFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+         }, kFile, "", S_IFIFO | 0600},
+        // Last: from here on a tmpfs covers all of /tmp, until TearDown.
+        {"a link in place of the directory", [this] {
+             ASSERT_EQ(mount("tvc-trace", "/tmp", "tmpfs", MS_NOSUID, "mode=1777,size=1m"), 0);
+             m_overTmp = true;
+             ASSERT_TRUE(mkdir("/tmp/elsewhere", 0755) == 0 && symlink("elsewhere", kDir) == 0);
+         }, "/tmp/elsewhere/sessionP.txt", "", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::remove(kFile);
+        std::remove(other.c_str());
+        reader.reset();
+        c.plant();
+        testing::internal::CaptureStdout();
+        auto printing = std::async(std::launch::async, [&snapshot] { snapshot.print(); });
+        if (printing.wait_for(std::chrono::seconds(3)) != std::future_status::ready) {
+            ADD_FAILURE() << "print() blocked";
+            // A reader lets a blocked open return.
+            const usermanagement::detail::Descriptor release(open(kFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+            printing.wait();
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), block);
+        EXPECT_EQ(contents(c.watched), c.expected);
+        struct stat status {};
+        lstat(kFile, &status);
+        EXPECT_EQ(status.st_mode, c.mode);
+    }
 }
 
 }  // namespace

@@ -1,0 +1,112 @@
+// The one way the library reads a single entry of the account or group database through the
+// reentrant glibc calls (getpwnam_r, getpwuid_r, getgrnam_r, getgrgid_r).
+//
+// Those calls parse the entries into a buffer of the caller, and the files backend answers
+// ERANGE as soon as *any* line it has to parse on the way does not fit, not only the one
+// looked for: behind a group with thousands of members, every later group would read as
+// missing with a fixed buffer.  So the buffer starts at the size sysconf suggests and doubles
+// on ERANGE up to kMaxLookupBuffer.
+//
+// Callers must be able to tell "no such entry" from "the database could not answer": handing
+// out a uid because a lookup failed could give two accounts the same id.  The result says
+// which, with the error number of a failure.
+//
+// Header-only and internal (hidden with the library's other inline code): src/files uses it
+// too.
+#pragma once
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+
+#include <systemutilities/LinuxUserSystem.h>
+#include <usermanagement/UMException.h>
+
+#include "foundation/Raise.h"
+
+namespace usermanagement::detail {
+
+// Largest buffer a lookup grows to; an entry needing more is a failure (ERANGE), not a miss.
+constexpr std::size_t kMaxLookupBuffer = std::size_t{16} << 20;
+
+enum class LookupStatus { Found, NotFound, Failed };
+
+template <class Entry>
+struct DatabaseLookup {
+    LookupStatus status = LookupStatus::NotFound;
+    // The error number of a Failed lookup, else 0.
+    int error = 0;
+    // Valid when Found; its strings point into `buffer`, which the result keeps alive.
+    Entry entry{};
+    std::shared_ptr<char> buffer;
+
+    bool found() const { return status == LookupStatus::Found; }
+};
+
+// `read(entry, buffer, size, result)` is one call of a *_r function.  Throws
+// UMSystemErrorException 12 when a buffer cannot be allocated.
+template <class Entry, class Read>
+DatabaseLookup<Entry> lookUpEntry(int sizeName, Read read) {
+    DatabaseLookup<Entry> lookup;
+    const long suggested = sysconf(sizeName);
+    std::size_t size = suggested > 0 ? std::min(static_cast<std::size_t>(suggested), kMaxLookupBuffer) : 1024;
+    for (;;) {
+        lookup.buffer.reset(static_cast<char*>(std::malloc(size)), systemutilities::free_delete());
+        if (!lookup.buffer) raise<UMSystemErrorException>(12, "getGroupGid malloc error");
+        Entry* result = nullptr;
+        const int status = read(&lookup.entry, lookup.buffer.get(), size, &result);
+        if (status == ERANGE && size < kMaxLookupBuffer) {
+            size = std::min(size * 2, kMaxLookupBuffer);
+            continue;
+        }
+        // getpwnam_r(3) lists ENOENT, ESRCH, EBADF and EPERM as the "not found" answers of
+        // some name services.
+        if ((status == 0 && result == nullptr) || status == ENOENT || status == ESRCH || status == EBADF ||
+            status == EPERM) {
+            lookup.status = LookupStatus::NotFound;
+        } else if (status == 0) {
+            lookup.status = LookupStatus::Found;
+        } else {
+            lookup.status = LookupStatus::Failed;
+            lookup.error = status;
+        }
+        return lookup;
+    }
+}
+
+inline DatabaseLookup<passwd> userByName(const char* name) {
+    return lookUpEntry<passwd>(_SC_GETPW_R_SIZE_MAX, [name](passwd* entry, char* buffer, std::size_t size,
+                                                            passwd** result) {
+        return getpwnam_r(name, entry, buffer, size, result);
+    });
+}
+
+inline DatabaseLookup<passwd> userById(uid_t uid) {
+    return lookUpEntry<passwd>(_SC_GETPW_R_SIZE_MAX, [uid](passwd* entry, char* buffer, std::size_t size,
+                                                           passwd** result) {
+        return getpwuid_r(uid, entry, buffer, size, result);
+    });
+}
+
+inline DatabaseLookup<group> groupByName(const char* name) {
+    return lookUpEntry<group>(_SC_GETGR_R_SIZE_MAX, [name](group* entry, char* buffer, std::size_t size,
+                                                           group** result) {
+        return getgrnam_r(name, entry, buffer, size, result);
+    });
+}
+
+inline DatabaseLookup<group> groupById(gid_t gid) {
+    return lookUpEntry<group>(_SC_GETGR_R_SIZE_MAX, [gid](group* entry, char* buffer, std::size_t size,
+                                                          group** result) {
+        return getgrgid_r(gid, entry, buffer, size, result);
+    });
+}
+
+}  // namespace usermanagement::detail
