@@ -3,6 +3,7 @@
 #pragma once
 
 #include <tarvicexception/TvcException.h>
+#include <usermanagement/ErrorCodes.h>
 
 namespace authnz {
 

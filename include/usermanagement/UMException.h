@@ -1,12 +1,14 @@
-// Exceptions of the account management: one numbering of error codes shared by three classes.
-//   UMException               0..9   account-level failures (exists, not found, bad name...)
-//   UMSystemErrorException    10..13 account files and system database failures
-//   PMException               14..17 process privilege failures
-// Code 40 of UMException reports that no log sink, catalogue or configuration is installed.
+// Exceptions of the account management: one numbering of error codes shared by three classes
+// (named in ErrorCodes.h).
+//   UMException               0..9   account-level failures (UMError: exists, not found...)
+//   UMSystemErrorException    10..13 account files and system database failures (UMSystemError)
+//   PMException               14..17 process privilege failures (PMError)
+// UMError::NothingInstalled (40) reports that no log sink, catalogue or configuration is installed.
 // All three answer with JSON class code 0 and log in the user-account category.
 #pragma once
 
 #include <tarvicexception/TvcException.h>
+#include <usermanagement/ErrorCodes.h>
 
 namespace usermanagement {
 

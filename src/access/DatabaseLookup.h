@@ -59,7 +59,7 @@ DatabaseLookup<Entry> lookUpEntry(int sizeName, Read read) {
     std::size_t size = suggested > 0 ? std::min(static_cast<std::size_t>(suggested), kMaxLookupBuffer) : 1024;
     for (;;) {
         lookup.buffer.reset(static_cast<char*>(std::malloc(size)), systemutilities::free_delete());
-        if (!lookup.buffer) raise<UMSystemErrorException>(12, "getGroupGid malloc error");
+        if (!lookup.buffer) raise<UMSystemErrorException>(UMSystemError::DatabaseLookup, "getGroupGid malloc error");
         Entry* result = nullptr;
         const int status = read(&lookup.entry, lookup.buffer.get(), size, &result);
         if (status == ERANGE && size < kMaxLookupBuffer) {

@@ -125,7 +125,7 @@ void ProfileDefinition::setProfileDefinition(ProfileDefinition& definition) {
 ProfileDefinition& ProfileDefinition::GetProfileDefinition() {
     // Not detail::raise: this failure names the missing catalogue as its user, not the caller.
     if (m_ptrDefaultProfileDefinition == nullptr)
-        throw UMException(40, "No Profile Database", "No Profile Database", true);
+        throw UMException(UMError::NothingInstalled, "No Profile Database", "No Profile Database", true);
     return *m_ptrDefaultProfileDefinition;
 }
 

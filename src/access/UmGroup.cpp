@@ -20,7 +20,7 @@ UmGroup::UmGroup(std::string name) : m_name(std::move(name)), m_gid(kUnresolvedG
     try {
         unsigned int gid = 0;
         if (!LinuxUserSystem::getGroupGid(m_name.c_str(), gid))
-            detail::raise<UMException>(2, m_name, " (group): POSIX Group not found");
+            detail::raise<UMException>(UMError::RoleError, m_name, " (group): POSIX Group not found");
         m_gid = gid;
     } catch (...) {
         // Exception mode lets a host build a catalogue on a device whose group file lacks some
@@ -33,7 +33,7 @@ UmGroup::UmGroup(const char* name) : UmGroup(std::string(name == nullptr ? "" : 
 
 UmGroup::UmGroup(unsigned int gid) : m_gid(gid) {
     if (!LinuxUserSystem::getGroupName(gid, m_name))
-        detail::raise<UMException>(2, gid, " (group): POSIX Group not found");
+        detail::raise<UMException>(UMError::RoleError, gid, " (group): POSIX Group not found");
 }
 
 UmGroup::UmGroup(const UmGroup& other) = default;

@@ -20,38 +20,38 @@ constexpr LogSeverity kDebug = LogSeverity::Debug;
 
 constexpr LogDefaults kAuthNZDefaults{kSession, 27, kDebug};
 constexpr LogEntry kAuthNZTable[] = {
-    {0, "RootNotAllowed", "Session - Root not allowed", kSession, 8, kDebug},
-    {1, "", "Session - Init pam failed", kSession, 9, kDebug},
-    {2, "SetUserUidFailed", "Session - Set user UID failed", kSession, 10, kDebug},
-    {3, "InitError", "Session - Init error", kSession, 11, kDebug},
-    {4, "InvalidPAM", "Session - Invalid PAM", kSession, 12, kDebug},
+    {authnz::AuthNZError::RootNotAllowed, "RootNotAllowed", "Session - Root not allowed", kSession, 8, kDebug},
+    {authnz::AuthNZError::InitPamFailed, "", "Session - Init pam failed", kSession, 9, kDebug},
+    {authnz::AuthNZError::SetUserUidFailed, "SetUserUidFailed", "Session - Set user UID failed", kSession, 10, kDebug},
+    {authnz::AuthNZError::InitError, "InitError", "Session - Init error", kSession, 11, kDebug},
+    {authnz::AuthNZError::InvalidPAM, "InvalidPAM", "Session - Invalid PAM", kSession, 12, kDebug},
 };
 
 constexpr LogDefaults kAuthenticationDefaults{kSession, 5, kDebug};
 constexpr LogEntry kAuthenticationTable[] = {
     // The trailing blank is part of the audit text.
-    {200, "InvalidCredentials", "Session - Authentication failed ", kSession, 4, kNotice},
-    {201, "NoToken", "Session - Token not found", kSession, 6, kDebug},
-    {202, "InvalidToken", "Session - Invalid token", kSession, 3, kNotice},
-    {203, "", "Session - Strong authentication wrong password", kSession, 5, kDebug},
-    {204, "", "Session - Invalid token", kSession, 3, kNotice},
+    {authnz::AuthenticationError::InvalidCredentials, "InvalidCredentials", "Session - Authentication failed ", kSession, 4, kNotice},
+    {authnz::AuthenticationError::NoToken, "NoToken", "Session - Token not found", kSession, 6, kDebug},
+    {authnz::AuthenticationError::InvalidToken, "InvalidToken", "Session - Invalid token", kSession, 3, kNotice},
+    {authnz::AuthenticationError::StrongAuthenticationWrongPassword, "", "Session - Strong authentication wrong password", kSession, 5, kDebug},
+    {authnz::AuthenticationError::TokenRefused, "", "Session - Invalid token", kSession, 3, kNotice},
 };
 
 constexpr LogDefaults kAuthorizationDefaults{kSession, 16, kDebug};
 constexpr LogEntry kAuthorizationTable[] = {
-    {301, "ExpiredCredentials", "User account - Password expired", kAccount, 7, kWarning},
-    {302, "NotAuthorized", "Session - Unauthorized", kSession, 7, kDebug},
-    {303, "ConcurrentSession", "Session - Concurrent session forbidden", kSession, 8, kDebug},
-    {304, "", "Session - Strong authentication wrong password", kSession, 5, kDebug},
+    {authnz::AuthorizationError::ExpiredCredentials, "ExpiredCredentials", "User account - Password expired", kAccount, 7, kWarning},
+    {authnz::AuthorizationError::NotAuthorized, "NotAuthorized", "Session - Unauthorized", kSession, 7, kDebug},
+    {authnz::AuthorizationError::ConcurrentSession, "ConcurrentSession", "Session - Concurrent session forbidden", kSession, 8, kDebug},
+    {authnz::AuthorizationError::StrongAuthenticationWrongPassword, "", "Session - Strong authentication wrong password", kSession, 5, kDebug},
 };
 
 constexpr LogDefaults kUpdatePasswordDefaults{kAccount, 17, kDebug};
 // Codes 22..39 name password-quality rules: no keyword, no text, the default message id.
 constexpr LogEntry kUpdatePasswordTable[] = {
-    {18, "InvalidCredentials", "User account - Invalid credentials", kAccount, 20, kDebug},
-    {19, "NewPasswordTooLong", "User account - New password too long", kAccount, 17, kDebug},
-    {20, "PasswordSecurityRules", "User account - Password security rules", kAccount, 18, kDebug},
-    {21, "InvalidNewPassword", "User account - Invalid new password", kAccount, 19, kDebug},
+    {usermanagement::UpdatePasswordError::InvalidCredentials, "InvalidCredentials", "User account - Invalid credentials", kAccount, 20, kDebug},
+    {usermanagement::UpdatePasswordError::NewPasswordTooLong, "NewPasswordTooLong", "User account - New password too long", kAccount, 17, kDebug},
+    {usermanagement::UpdatePasswordError::PasswordSecurityRules, "PasswordSecurityRules", "User account - Password security rules", kAccount, 18, kDebug},
+    {usermanagement::UpdatePasswordError::InvalidNewPassword, "InvalidNewPassword", "User account - Invalid new password", kAccount, 19, kDebug},
 };
 
 template <std::size_t N>

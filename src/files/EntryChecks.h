@@ -47,19 +47,19 @@ inline void checkUserName(const std::string& name, const char* function) {
                 break;
             }
         }
-    if (reason != nullptr) raise<UMException>(7, function, " error, bad user name: ", reason);
+    if (reason != nullptr) raise<UMException>(UMError::BadUserName, function, " error, bad user name: ", reason);
 }
 
 // UMException 1: a plaintext password must reach crypt whole.
 inline void checkPlainPassword(const std::string& password, const char* function) {
     if (password.find('\0') != std::string::npos)
-        raise<UMException>(1, function, " error, the password holds a NUL byte");
+        raise<UMException>(UMError::PasswordError, function, " error, the password holds a NUL byte");
 }
 
 // UMException 1: a ready-made hash must fit into one field of one line.
 inline void checkStoredHash(const std::string& hash, const char* function) {
     if (hash.find_first_of(std::string(":\n\0", 3)) != std::string::npos)
-        raise<UMException>(1, function, " error, the stored password holds ':', a newline or a NUL byte");
+        raise<UMException>(UMError::PasswordError, function, " error, the stored password holds ':', a newline or a NUL byte");
 }
 
 }  // namespace usermanagement::detail

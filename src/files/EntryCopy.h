@@ -77,7 +77,7 @@ class EntryReader {
 public:
     EntryReader(FILE* source, const std::string& path, const char* function)
         : m_source(source), m_path(path), m_function(function), m_parseBuffer(1024) {
-        if (m_source == nullptr) raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+        if (m_source == nullptr) raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
     }
     ~EntryReader() { std::free(m_line); }
     EntryReader(const EntryReader&) = delete;
@@ -92,12 +92,12 @@ public:
             if (length < 0) {
                 // errno stays 0 at the end of the file; a read error or a failed allocation sets it.
                 if (std::ferror(m_source) != 0 || errno != 0)
-                    raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+                    raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
                 return nullptr;
             }
             ++m_lineNumber;
             const std::size_t size = static_cast<std::size_t>(length);
-            if (size > kMaxEntryLine) raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+            if (size > kMaxEntryLine) raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
             if (isBlank(m_line, size)) continue;
             // A NUL byte would hide the rest of the line from the parser.
             if (std::memchr(m_line, '\0', size) != nullptr) refuseLine();
@@ -118,7 +118,7 @@ private:
     }
 
     [[noreturn]] void refuseLine() const {
-        raise<UMSystemErrorException>(10, m_function, " error, line ", m_lineNumber, " of ", m_path,
+        raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error, line ", m_lineNumber, " of ", m_path,
                                       " is no valid entry; the file is not rewritten");
     }
 
@@ -126,7 +126,7 @@ private:
     // skipped line is a refused one.
     typename File::Entry* parseLine(std::size_t size) {
         FILE* line = fmemopen(m_line, size, "r");
-        if (line == nullptr) raise<UMSystemErrorException>(10, m_function, " error in reading ", m_path);
+        if (line == nullptr) raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
         struct Closer {
             FILE* stream;
             ~Closer() { std::fclose(stream); }
@@ -160,7 +160,7 @@ template <class File>
 void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entry,
                  const std::string& writeFailure) {
     if (transaction.m_tmpFile == nullptr || File::write(entry, transaction.m_tmpFile) != 0)
-        raise<UMSystemErrorException>(10, writeFailure);
+        raise<UMSystemErrorException>(UMSystemError::FileContents, writeFailure);
 }
 
 // `function` names the caller in the message of a read failure: function + " error in

@@ -81,7 +81,7 @@ bool temporaryIsSafe(const FileSystemUpdate& t) {
 // file or the reference copy would destroy the very file the transaction protects.
 void checkTemporaryPath(const FileSystemUpdate& t) {
     if (!temporaryIsSafe(t))
-        raise<UMSystemErrorException>(13, "FileSystemUpdate:temporary file is the live file (", t.m_tmpFilePath,
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "FileSystemUpdate:temporary file is the live file (", t.m_tmpFilePath,
                                       ")");
 }
 
@@ -95,7 +95,7 @@ std::string installTarget(const std::string& live, const std::string& temporary)
     const std::string target = resolved(live);
     if (target.empty()) {
         const int error = errno;
-        raise<UMSystemErrorException>(13, "rename error of:", temporary, " to ", live, " ", error,
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "rename error of:", temporary, " to ", live, " ", error,
                                       std::strerror(error));
     }
     return target;
@@ -124,11 +124,11 @@ void completeTemporary(FileSystemUpdate& t) {
     if (t.m_tmpFile == nullptr || std::ferror(t.m_tmpFile) != 0 || std::fflush(t.m_tmpFile) != 0 ||
         fsync(fileno(t.m_tmpFile)) != 0) {
         closeStream(t.m_tmpFile);
-        raise<UMSystemErrorException>(13, "fflush or fsync error of:", t.m_tmpFilePath);
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fflush or fsync error of:", t.m_tmpFilePath);
     }
     const int closed = std::fclose(t.m_tmpFile);
     t.m_tmpFile = nullptr;
-    if (closed != 0) raise<UMSystemErrorException>(13, "fclose error of:", t.m_tmpFilePath);
+    if (closed != 0) raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fclose error of:", t.m_tmpFilePath);
 }
 
 // Puts the file `source` in place of the live file of `t`: a rename as root, otherwise the
@@ -139,7 +139,7 @@ void install(const FileSystemUpdate& t, const std::string& source) {
         const std::string target = installTarget(t.m_filePath, source);
         if (rename(source.c_str(), target.c_str()) != 0) {
             const int error = errno;
-            raise<UMSystemErrorException>(13, "rename error of:", source, " to ", t.m_filePath, " ", error,
+            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "rename error of:", source, " to ", t.m_filePath, " ", error,
                                           std::strerror(error));
         }
         syncParentDirectory(target);
@@ -153,7 +153,7 @@ void install(const FileSystemUpdate& t, const std::string& source) {
     const int status = std::system(command.c_str());
     const int error = errno;
     if (status != 0)
-        raise<UMSystemErrorException>(13, "Script update error ", status, " of:", source, " to ", t.m_filePath, " ",
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "Script update error ", status, " of:", source, " to ", t.m_filePath, " ",
                                       error, std::strerror(error));
 }
 
@@ -173,7 +173,7 @@ public:
         if (!kept) {
             const int error = errno;
             (void)unlink(m_path.c_str());
-            raise<UMSystemErrorException>(13, "FileSystemUpdate:cannot keep ", t.m_filePath, " as ", m_path, " ",
+            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "FileSystemUpdate:cannot keep ", t.m_filePath, " as ", m_path, " ",
                                           error, std::strerror(error));
         }
     }
@@ -187,7 +187,7 @@ public:
         try {
             install(m_transaction, m_path);
         } catch (tarvicexception::TvcException& e) {
-            raise<UMSystemErrorException>(13, "FileSystemUpdate:", m_transaction.m_filePath,
+            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "FileSystemUpdate:", m_transaction.m_filePath,
                                           " could not be put back (", e.what(), ") after: ", failure);
         }
     }
@@ -245,7 +245,7 @@ FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath
     // throws, no object exists and its destructor (which would unlink the temporary path of
     // whoever holds the lock) does not run.
     if (lock && lckpwdf() != 0)
-        raise<UMSystemErrorException>(11, "FileSystemUpdate:password files locked (", m_filePath, ")");
+        raise<UMSystemErrorException>(UMSystemError::FilesLocked, "FileSystemUpdate:password files locked (", m_filePath, ")");
 }
 
 FileSystemUpdate::~FileSystemUpdate() {
@@ -284,15 +284,15 @@ void FileSystemUpdate::prepareSystemFiles() {
         m_tmpFile = fdopen(tmp, "w");
         if (m_tmpFile == nullptr) close(tmp);
     }
-    if (m_tmpFile == nullptr) raise<UMSystemErrorException>(13, "fopen ", m_tmpFilePath, " prepareSystemFiles");
+    if (m_tmpFile == nullptr) raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", m_tmpFilePath, " prepareSystemFiles");
 
     m_file = std::fopen(m_filePath.c_str(), "re");
-    if (m_file == nullptr) raise<UMSystemErrorException>(13, "fopen ", m_filePath, " prepareSystemFiles");
+    if (m_file == nullptr) raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", m_filePath, " prepareSystemFiles");
 
     if (!m_origFilePath.empty()) {
         m_origFile = std::fopen(m_origFilePath.c_str(), "re");
         if (m_origFile == nullptr)
-            raise<UMSystemErrorException>(13, "fopen ", m_origFilePath, " prepareSystemFiles");
+            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", m_origFilePath, " prepareSystemFiles");
     }
 
     // Without root the update command installs the file and decides its owner and mode.
@@ -301,11 +301,11 @@ void FileSystemUpdate::prepareSystemFiles() {
     // fstat of the open stream: for a live file that is a link, the file it leads to.
     struct stat live {};
     if (fstat(fileno(m_file), &live) != 0)
-        raise<UMSystemErrorException>(13, "fstat ", m_filePath, " prepareSystemFiles");
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fstat ", m_filePath, " prepareSystemFiles");
     if (fchown(tmp, live.st_uid, live.st_gid) != 0)
-        raise<UMSystemErrorException>(13, "fchown st_uid ", m_tmpFilePath, " prepareSystemFiles");
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fchown st_uid ", m_tmpFilePath, " prepareSystemFiles");
     if (fchmod(tmp, live.st_mode & 07777) != 0)
-        raise<UMSystemErrorException>(13, "fchmod st_mode ", m_tmpFilePath, " prepareSystemFiles");
+        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fchmod st_mode ", m_tmpFilePath, " prepareSystemFiles");
 }
 
 void FileSystemUpdate::finalyzeSystemFiles() {

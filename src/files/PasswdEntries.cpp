@@ -33,7 +33,7 @@ using detail::raise;
 bool uidInUse(unsigned int uid) {
     const auto account = detail::userById(uid);
     if (account.status == detail::LookupStatus::Failed)
-        raise<UMSystemErrorException>(12, "generateUID error, getpwuid_r ", uid, " ", std::strerror(account.error));
+        raise<UMSystemErrorException>(UMSystemError::DatabaseLookup, "generateUID error, getpwuid_r ", uid, " ", std::strerror(account.error));
     return account.found();
 }
 
@@ -44,7 +44,7 @@ unsigned int addEntryInPasswordFile(FileSystemUpdate& transaction, const std::st
     detail::copyEntries<PasswdFile>(
         transaction,
         [&](struct passwd& entry) {
-            if (name == entry.pw_name) raise<UMException>(0, name, " :user already exists");
+            if (name == entry.pw_name) raise<UMException>(UMError::UserAlreadyExists, name, " :user already exists");
             return EntryAction::Write;
         },
         "addEntryInPasswordFile", "addEntryInPasswordFile error in writing to " + transaction.m_tmpFilePath);
@@ -74,7 +74,7 @@ void updateEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid, 
         [&](struct passwd& entry) {
             if (entry.pw_uid != uid) {
                 if (newName != nullptr && *newName == entry.pw_name)
-                    raise<UMException>(0, "updateEntryInPasswordFile error, update username with a name already used:",
+                    raise<UMException>(UMError::UserAlreadyExists, "updateEntryInPasswordFile error, update username with a name already used:",
                                        *newName);
                 return EntryAction::Write;
             }
@@ -110,7 +110,7 @@ unsigned int generateUID(unsigned int base, unsigned int count) {
         for (unsigned int uid = base; uid <= limit && uid != UINT_MAX; ++uid)
             if (!uidInUse(uid)) return uid;
     }
-    raise<UMException>(6, "generateUID error, max uid reached");
+    raise<UMException>(UMError::MaxUsersReached, "generateUID error, max uid reached");
 }
 
 bool isPresentInListName(char** list, const std::string& name, int& count) {

@@ -55,7 +55,7 @@ std::string freshSha512Setting() {
     // A failed RAND_bytes (OpenSSL could not seed itself) would leave the zeroed buffer: every
     // account would get the same salt, and equal passwords equal hashes.  No salt, no hash.
     if (RAND_bytes(random, sizeof random) != 1)
-        raise<UMSystemErrorException>(10, "cryptPwd error, no random salt: RAND_bytes failed");
+        raise<UMSystemErrorException>(UMSystemError::FileContents, "cryptPwd error, no random salt: RAND_bytes failed");
     std::string setting = detail::sha512Setting(random);
     explicit_bzero(random, sizeof random);
     return setting;
@@ -77,7 +77,7 @@ void appendPassword(std::string& field, const std::string& password, const Passw
 // makes one.  (A field that is only "!!" is a disabled account without a hash.)
 void refuseEnabledWithoutPassword(const std::string& hashField, const std::string& name, const char* function) {
     if (hashField.empty())
-        raise<UMException>(1, function, " error, an enabled account needs a password: ", name);
+        raise<UMException>(UMError::PasswordError, function, " error, an enabled account needs a password: ", name);
 }
 
 bool isManaged(unsigned int uid, UserDefinition& definition) {
@@ -91,7 +91,7 @@ void cryptPwd(const std::string& password, std::string& out) {
     if (password.size() > UserDefinition::GetUserDefinition().getDBPasswordMaxLen()) {
         // Built by hand, not with raise(): the interface reports this refusal with an empty
         // user, the only throw of the library that does not carry the context's user.
-        throw UpdatePasswordException(19, std::string("cryptPwd"), std::string(), true);
+        throw UpdatePasswordException(UpdatePasswordError::NewPasswordTooLong, std::string("cryptPwd"), std::string(), true);
     }
     detail::checkPlainPassword(password, "cryptPwd");
     const std::string setting = freshSha512Setting();
@@ -102,7 +102,7 @@ void cryptPwd(const std::string& password, std::string& out) {
     // failure token of the other forms); neither is a hash to store in an account.
     if (hash == nullptr || hash[0] == '*') {
         const int error = errno;
-        raise<UMSystemErrorException>(10, "cryptPwd error, crypt gave no hash: ", std::strerror(error));
+        raise<UMSystemErrorException>(UMSystemError::FileContents, "cryptPwd error, crypt gave no hash: ", std::strerror(error));
     }
     out += hash;
 }

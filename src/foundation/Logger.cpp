@@ -19,7 +19,7 @@ Logger::~Logger() = default;
 void Logger::setLogger(Logger& logger) { m_ptrDefaultSLogger = &logger; }
 
 Logger& Logger::GetLogger() {
-    if (m_ptrDefaultSLogger == nullptr) throw UMException(40, "No umlog Database", "No umlog Database", true);
+    if (m_ptrDefaultSLogger == nullptr) throw UMException(UMError::NothingInstalled, "No umlog Database", "No umlog Database", true);
     return *m_ptrDefaultSLogger;
 }
 

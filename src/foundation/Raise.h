@@ -1,6 +1,6 @@
 // The throw convention of the library in one place: every exception carries the user name of
 // the calling thread's log context and has logging enabled.  Throw sites write
-//     raise<UMSystemErrorException>(13, "fopen ", path, " prepareSystemFiles");
+//     raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", path, " prepareSystemFiles");
 // and the message parts are concatenated without separators.
 #pragma once
 

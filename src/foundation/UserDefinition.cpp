@@ -48,7 +48,7 @@ void UserDefinition::setUserDefinition(UserDefinition& definition) { m_ptrDefaul
 
 UserDefinition& UserDefinition::GetUserDefinition() {
     if (m_ptrDefaultUserDefinition == nullptr)
-        throw UMException(40, "No User Database", "No User Database", true);
+        throw UMException(UMError::NothingInstalled, "No User Database", "No User Database", true);
     return *m_ptrDefaultUserDefinition;
 }
 

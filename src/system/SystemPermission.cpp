@@ -157,7 +157,7 @@ SystemPermission::SystemPermission(SystemPermission& other)
     if (other.m_groups != nullptr && other.m_nbreGroup > 0) {
         size_t bytes = sizeof(unsigned int) * static_cast<size_t>(other.m_nbreGroup);
         m_groups = static_cast<unsigned int*>(std::malloc(bytes));
-        if (m_groups == nullptr) raise<PMException>(15, "Memory realloc failed");
+        if (m_groups == nullptr) raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
         std::memcpy(m_groups, other.m_groups, bytes);
     }
 }
@@ -194,7 +194,7 @@ unsigned int SystemPermission::getSgid() const { return m_savegid; }
 
 void SystemPermission::setUpPermission() {
     if (!rootProfile()) return;
-    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1) raise<PMException>(15, "setUpPermission");
+    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1) raise<PMException>(PMError::UpdatePrivilegeFailed, "setUpPermission");
 }
 
 void SystemPermission::setRealPermissions() {
@@ -211,7 +211,7 @@ void SystemPermission::restorePermission() {
         if (groupsKnown(m_groups, m_nbreGroup)) ids::setGroups(m_nbreGroup, m_groups);
         ids::setResGid(ids::kUnchanged, m_egid, 0);
         ids::setResUid(ids::kUnchanged, m_euid, 0);
-        if (!hasEffectiveIds(m_euid, m_egid)) raise<PMException>(15, "restorePermission");
+        if (!hasEffectiveIds(m_euid, m_egid)) raise<PMException>(PMError::UpdatePrivilegeFailed, "restorePermission");
     }
     m_permissionChanged = false;
 }
@@ -223,9 +223,9 @@ void SystemPermission::setUserPermissionDefinitely() {
         case ids::KeepOnly::Done:
             return;
         case ids::KeepOnly::GidRefused:
-            raise<PMException>(15, "setUserPermission sys_setresgid");
+            raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresgid");
         case ids::KeepOnly::UidRefused:
-            raise<PMException>(15, "setUserPermission sys_setresuid");
+            raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid");
     }
 }
 

@@ -42,7 +42,7 @@ int groups(const Args& args) {
     unsigned int uid = 0;
     const bool found = parseId(args[0], uid) ? LinuxUserSystem::getGroups(uid, list)
                                              : LinuxUserSystem::getGroups(args[0].c_str(), list);
-    if (!found) notFound(kUserNotFound, "no such user: " + args[0]);
+    if (!found) notFound(usermanagement::UMError::UserNotFound, "no such user: " + args[0]);
     for (const UmGroup& group : list) std::cout << group.m_gid << " " << group.m_name << "\n";
     return kOk;
 }

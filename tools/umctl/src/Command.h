@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <usermanagement/ErrorCodes.h>
+
 namespace umctl {
 
 // Exit statuses.
@@ -14,8 +16,6 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;  // not found, or the library refused
 constexpr int kUsage = 2;
 
-// usermanagement::UMException code 5, "User not found".
-constexpr int kUserNotFound = 5;
 
 using Args = std::vector<std::string>;
 

@@ -13,7 +13,6 @@ namespace {
 
 // An unknown group is reported as usermanagement::UMException code 2, "Role error", since
 // the device's groups are its profiles and roles.
-constexpr int kRoleError = 2;
 
 int user(const Args& args) {
     const Account account = resolveUser(args[0]);
@@ -27,7 +26,7 @@ int group(const Args& args) {
     std::string name = args[0];
     bool found = parseId(args[0], gid) ? LinuxUserSystem::getGroupName(gid, name)
                                        : LinuxUserSystem::getGroupGid(name.c_str(), gid);
-    if (!found) notFound(kRoleError, "no such group: " + args[0]);
+    if (!found) notFound(usermanagement::UMError::RoleError, "no such group: " + args[0]);
     std::cout << "gid: " << gid << "\nname: " << name << "\n";
     return kOk;
 }

@@ -52,7 +52,7 @@ Account resolveUser(const std::string& nameOrUid) {
         parseId(nameOrUid, account.uid)
             ? systemutilities::LinuxUserSystem::getUserName(account.uid, account.name, account.profileGid)
             : systemutilities::LinuxUserSystem::getUserIds(nameOrUid.c_str(), &account.uid, &account.profileGid);
-    if (!found) notFound(kUserNotFound, "no such user: " + nameOrUid);
+    if (!found) notFound(usermanagement::UMError::UserNotFound, "no such user: " + nameOrUid);
     return account;
 }
 

@@ -1,0 +1,102 @@
+// The error codes of the library's exceptions, by name: one place declares them all.  The
+// library, its tests and its hosts write the names; the numbers are what getErrorId() and the
+// JSON answer ("errorCode") carry to a web client, so they never change.
+//
+//     catch (usermanagement::UMException& e) {
+//         if (e.getErrorId() == usermanagement::UMError::UserNotFound) ...
+//     }
+//
+// Each family is a struct holding an unscoped enumeration, so that a code converts to the int
+// that the exception constructors take, and reads as Family::Name.
+#pragma once
+
+namespace usermanagement {
+
+// UMException: account-level failures (JSON class code 0).
+struct UMError {
+    enum : int {
+        UserAlreadyExists = 0,
+        PasswordError = 1,  // a password or hash the account files cannot hold
+        RoleError = 2,      // a group, role or profile that does not resolve
+        MainAccountUnremovable = 3,
+        MainAccountUndisable = 4,
+        UserNotFound = 5,
+        MaxUsersReached = 6,  // no free user id in the managed range
+        BadUserName = 7,
+        RemoveUserForbidden = 8,
+        MissingParameter = 9,
+        // No log sink, profile catalogue or configuration provider is installed.
+        NothingInstalled = 40,
+    };
+};
+
+// UMSystemErrorException: the account files and the system database.
+struct UMSystemError {
+    enum : int {
+        FileContents = 10,      // reading or writing the entries of an account file
+        FilesLocked = 11,       // the password-file lock could not be taken
+        DatabaseLookup = 12,    // the account or group database could not answer
+        FileTransaction = 13,   // preparing or installing a file update transaction
+    };
+};
+
+// PMException: switching the identity of a thread.
+struct PMError {
+    enum : int {
+        UserNotFound = 14,
+        UpdatePrivilegeFailed = 15,
+        UpdateUserFailed = 16,
+        MemoryAllocation = 17,
+    };
+};
+
+// UpdatePasswordException: a password change refused.  Codes from FirstQualityRule to
+// LastQualityRule name the password-quality rule that refused it.
+struct UpdatePasswordError {
+    enum : int {
+        InvalidCredentials = 18,
+        NewPasswordTooLong = 19,
+        PasswordSecurityRules = 20,
+        InvalidNewPassword = 21,
+        FirstQualityRule = 22,
+        LastQualityRule = 39,
+    };
+};
+
+}  // namespace usermanagement
+
+namespace authnz {
+
+// AuthNZException: setting a PAM session up (JSON class code 1, as the two below).
+struct AuthNZError {
+    enum : int {
+        RootNotAllowed = 0,
+        InitPamFailed = 1,
+        SetUserUidFailed = 2,
+        InitError = 3,
+        InvalidPAM = 4,
+    };
+};
+
+// AuthenticationException: the caller could not be authenticated.
+struct AuthenticationError {
+    enum : int {
+        InvalidCredentials = 200,
+        NoToken = 201,
+        InvalidToken = 202,
+        StrongAuthenticationWrongPassword = 203,
+        TokenRefused = 204,
+    };
+};
+
+// AuthorizationException: the caller may not do what it asked.
+struct AuthorizationError {
+    enum : int {
+        ExpiredCredentials = 301,
+        NotAuthorized = 302,
+        ConcurrentSession = 303,
+        StrongAuthenticationWrongPassword = 304,
+    };
+};
+
+}  // namespace authnz
