@@ -43,11 +43,12 @@ public:
     virtual std::string getUser() const;
 
 protected:
+    // What logCdsMessage does, once for every class: builds the line (virtual buildLogMessage),
+    // ends a severity-7 line with `detailsPrefix` and the details, and hands it to the sink with
+    // the thread's client address.  Nothing when logging is disabled.
+    void logWithDetails(const std::string& detailsPrefix);
     // Appends ",(" code ")" what() "," description: the details every severity-7 log line ends with.
     void appendDetails(std::string& text) const;
-    // Hands a finished log line to the installed sink with the thread's client address.
-    static void sendToSink(const std::string& text, usermanagement::LogCategory category, int messageId,
-                           usermanagement::LogSeverity severity);
 
     int m_errorId;
     std::string m_message;

@@ -46,7 +46,8 @@ std::shared_ptr<unsigned int> groupIdList(int& count) {
     long max = sysconf(_SC_NGROUPS_MAX);
     unsigned int* block =
         max > 0 ? static_cast<unsigned int*>(std::malloc(sizeof(unsigned int) * static_cast<size_t>(max))) : nullptr;
-    if (block == nullptr) raise<UMSystemErrorException>(usermanagement::UMSystemError::DatabaseLookup, "getGroups malloc error");
+    if (block == nullptr)
+        raise<UMSystemErrorException>(usermanagement::UMSystemError::DatabaseLookup, "getGroups malloc error");
     count = static_cast<int>(max);
     return std::shared_ptr<unsigned int>(block, free_delete());
 }

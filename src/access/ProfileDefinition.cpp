@@ -2,6 +2,8 @@
 
 #include <usermanagement/UMException.h>
 
+#include "foundation/Provider.h"
+
 namespace usermanagement {
 
 namespace {
@@ -41,66 +43,44 @@ std::map<int, UmRole> ProfileDefinition::getRoles() {
     return g_roles;
 }
 
+// The one search behind the six lookups: the first entry, in ascending id order, that
+// `matches` (id, value), or `notFound`.  The placeholder exists before the table is read, and
+// the table is the one the virtual getter returns, so a host catalogue that overrides the
+// getter is searched as well.
+template <class Value, class Table, class Matches>
+Value firstMatch(Value notFound, Table table, Matches matches) {
+    for (const auto& [id, value] : table())
+        if (matches(id, value)) return value;
+    return notFound;
+}
+
 UmProfile ProfileDefinition::getProfile(const std::string& name) {
-    UmProfile result = noProfile();
-    const std::map<int, UmProfile> profiles = getProfiles(false);
-    for (const auto& entry : profiles) {
-        if (entry.second.m_name == name) {
-            result = entry.second;
-            break;
-        }
-    }
-    return result;
+    return firstMatch(noProfile(), [this] { return getProfiles(false); },
+                      [&](int, const UmProfile& p) { return p.m_name == name; });
 }
 
 UmProfile ProfileDefinition::getProfile(int id) {
-    UmProfile result = noProfile();
-    const std::map<int, UmProfile> profiles = getProfiles(false);
-    auto found = profiles.find(id);
-    if (found != profiles.end()) result = found->second;
-    return result;
+    return firstMatch(noProfile(), [this] { return getProfiles(false); },
+                      [&](int key, const UmProfile&) { return key == id; });
 }
 
 UmProfile ProfileDefinition::getProfile(unsigned int gid) {
-    UmProfile result = noProfile();
-    const std::map<int, UmProfile> profiles = getProfiles(false);
-    for (const auto& entry : profiles) {
-        if (entry.second.m_gid == gid) {
-            result = entry.second;
-            break;
-        }
-    }
-    return result;
+    return firstMatch(noProfile(), [this] { return getProfiles(false); },
+                      [&](int, const UmProfile& p) { return p.m_gid == gid; });
 }
 
 UmRole ProfileDefinition::getRole(const std::string& name) {
-    UmRole result = noRole();
-    const std::map<int, UmRole> roles = getRoles();
-    for (const auto& entry : roles) {
-        if (entry.second.m_name == name) {
-            result = entry.second;
-            break;
-        }
-    }
-    return result;
+    return firstMatch(noRole(), [this] { return getRoles(); },
+                      [&](int, const UmRole& r) { return r.m_name == name; });
 }
 
 UmRole ProfileDefinition::getRole(int id) {
-    UmRole result = noRole();
-    const std::map<int, UmRole> roles = getRoles();
-    auto found = roles.find(id);
-    if (found != roles.end()) result = found->second;
-    return result;
+    return firstMatch(noRole(), [this] { return getRoles(); },
+                      [&](int key, const UmRole&) { return key == id; });
 }
 
 // Hosts call this with role ids held in unsigned variables; it is keyed like getRole(int).
-UmRole ProfileDefinition::getRole(unsigned int id) {
-    UmRole result = noRole();
-    const std::map<int, UmRole> roles = getRoles();
-    auto found = roles.find(static_cast<int>(id));
-    if (found != roles.end()) result = found->second;
-    return result;
-}
+UmRole ProfileDefinition::getRole(unsigned int id) { return ProfileDefinition::getRole(static_cast<int>(id)); }
 
 ProfileDefinition::~ProfileDefinition() = default;
 
@@ -123,10 +103,7 @@ void ProfileDefinition::setProfileDefinition(ProfileDefinition& definition) {
 }
 
 ProfileDefinition& ProfileDefinition::GetProfileDefinition() {
-    // Not detail::raise: this failure names the missing catalogue as its user, not the caller.
-    if (m_ptrDefaultProfileDefinition == nullptr)
-        throw UMException(UMError::NothingInstalled, "No Profile Database", "No Profile Database", true);
-    return *m_ptrDefaultProfileDefinition;
+    return detail::installedProvider(m_ptrDefaultProfileDefinition, "No Profile Database");
 }
 
 void ProfileDefinition::addProfile(UmProfile& profile) {

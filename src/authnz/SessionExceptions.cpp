@@ -7,8 +7,12 @@
 
 namespace {
 
+using authnz::AuthenticationError;
+using authnz::AuthNZError;
+using authnz::AuthorizationError;
 using usermanagement::LogCategory;
 using usermanagement::LogSeverity;
+using usermanagement::UpdatePasswordError;
 using usermanagement::detail::LogDefaults;
 using usermanagement::detail::LogEntry;
 
@@ -20,38 +24,47 @@ constexpr LogSeverity kDebug = LogSeverity::Debug;
 
 constexpr LogDefaults kAuthNZDefaults{kSession, 27, kDebug};
 constexpr LogEntry kAuthNZTable[] = {
-    {authnz::AuthNZError::RootNotAllowed, "RootNotAllowed", "Session - Root not allowed", kSession, 8, kDebug},
-    {authnz::AuthNZError::InitPamFailed, "", "Session - Init pam failed", kSession, 9, kDebug},
-    {authnz::AuthNZError::SetUserUidFailed, "SetUserUidFailed", "Session - Set user UID failed", kSession, 10, kDebug},
-    {authnz::AuthNZError::InitError, "InitError", "Session - Init error", kSession, 11, kDebug},
-    {authnz::AuthNZError::InvalidPAM, "InvalidPAM", "Session - Invalid PAM", kSession, 12, kDebug},
+    {AuthNZError::RootNotAllowed, "RootNotAllowed", "Session - Root not allowed", kSession, 8, kDebug},
+    {AuthNZError::InitPamFailed, "", "Session - Init pam failed", kSession, 9, kDebug},
+    {AuthNZError::SetUserUidFailed, "SetUserUidFailed", "Session - Set user UID failed", kSession, 10, kDebug},
+    {AuthNZError::InitError, "InitError", "Session - Init error", kSession, 11, kDebug},
+    {AuthNZError::InvalidPAM, "InvalidPAM", "Session - Invalid PAM", kSession, 12, kDebug},
 };
 
 constexpr LogDefaults kAuthenticationDefaults{kSession, 5, kDebug};
 constexpr LogEntry kAuthenticationTable[] = {
     // The trailing blank is part of the audit text.
-    {authnz::AuthenticationError::InvalidCredentials, "InvalidCredentials", "Session - Authentication failed ", kSession, 4, kNotice},
-    {authnz::AuthenticationError::NoToken, "NoToken", "Session - Token not found", kSession, 6, kDebug},
-    {authnz::AuthenticationError::InvalidToken, "InvalidToken", "Session - Invalid token", kSession, 3, kNotice},
-    {authnz::AuthenticationError::StrongAuthenticationWrongPassword, "", "Session - Strong authentication wrong password", kSession, 5, kDebug},
-    {authnz::AuthenticationError::TokenRefused, "", "Session - Invalid token", kSession, 3, kNotice},
+    {AuthenticationError::InvalidCredentials, "InvalidCredentials", "Session - Authentication failed ", kSession, 4,
+     kNotice},
+    {AuthenticationError::NoToken, "NoToken", "Session - Token not found", kSession, 6, kDebug},
+    {AuthenticationError::InvalidToken, "InvalidToken", "Session - Invalid token", kSession, 3, kNotice},
+    {AuthenticationError::StrongAuthenticationWrongPassword, "", "Session - Strong authentication wrong password",
+     kSession, 5, kDebug},
+    {AuthenticationError::TokenRefused, "", "Session - Invalid token", kSession, 3, kNotice},
 };
 
 constexpr LogDefaults kAuthorizationDefaults{kSession, 16, kDebug};
 constexpr LogEntry kAuthorizationTable[] = {
-    {authnz::AuthorizationError::ExpiredCredentials, "ExpiredCredentials", "User account - Password expired", kAccount, 7, kWarning},
-    {authnz::AuthorizationError::NotAuthorized, "NotAuthorized", "Session - Unauthorized", kSession, 7, kDebug},
-    {authnz::AuthorizationError::ConcurrentSession, "ConcurrentSession", "Session - Concurrent session forbidden", kSession, 8, kDebug},
-    {authnz::AuthorizationError::StrongAuthenticationWrongPassword, "", "Session - Strong authentication wrong password", kSession, 5, kDebug},
+    {AuthorizationError::ExpiredCredentials, "ExpiredCredentials", "User account - Password expired", kAccount, 7,
+     kWarning},
+    {AuthorizationError::NotAuthorized, "NotAuthorized", "Session - Unauthorized", kSession, 7, kDebug},
+    {AuthorizationError::ConcurrentSession, "ConcurrentSession", "Session - Concurrent session forbidden", kSession, 8,
+     kDebug},
+    {AuthorizationError::StrongAuthenticationWrongPassword, "", "Session - Strong authentication wrong password",
+     kSession, 5, kDebug},
 };
 
 constexpr LogDefaults kUpdatePasswordDefaults{kAccount, 17, kDebug};
 // Codes 22..39 name password-quality rules: no keyword, no text, the default message id.
 constexpr LogEntry kUpdatePasswordTable[] = {
-    {usermanagement::UpdatePasswordError::InvalidCredentials, "InvalidCredentials", "User account - Invalid credentials", kAccount, 20, kDebug},
-    {usermanagement::UpdatePasswordError::NewPasswordTooLong, "NewPasswordTooLong", "User account - New password too long", kAccount, 17, kDebug},
-    {usermanagement::UpdatePasswordError::PasswordSecurityRules, "PasswordSecurityRules", "User account - Password security rules", kAccount, 18, kDebug},
-    {usermanagement::UpdatePasswordError::InvalidNewPassword, "InvalidNewPassword", "User account - Invalid new password", kAccount, 19, kDebug},
+    {UpdatePasswordError::InvalidCredentials, "InvalidCredentials", "User account - Invalid credentials", kAccount, 20,
+     kDebug},
+    {UpdatePasswordError::NewPasswordTooLong, "NewPasswordTooLong", "User account - New password too long", kAccount,
+     17, kDebug},
+    {UpdatePasswordError::PasswordSecurityRules, "PasswordSecurityRules", "User account - Password security rules",
+     kAccount, 18, kDebug},
+    {UpdatePasswordError::InvalidNewPassword, "InvalidNewPassword", "User account - Invalid new password", kAccount, 19,
+     kDebug},
 };
 
 template <std::size_t N>
@@ -69,8 +82,7 @@ namespace authnz {
 
 AuthNZException::~AuthNZException() = default;
 
-void AuthNZException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
-                                      LogSeverity& severity) {
+void AuthNZException::buildLogMessage(std::string& text, LogCategory& category, int& messageId, LogSeverity& severity) {
     buildBracketed(kAuthNZTable, kAuthNZDefaults, m_errorId, getUser(), text, category, messageId, severity);
 }
 
@@ -82,8 +94,8 @@ AuthenticationException::~AuthenticationException() = default;
 
 void AuthenticationException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
                                               LogSeverity& severity) {
-    buildBracketed(kAuthenticationTable, kAuthenticationDefaults, m_errorId, getUser(), text, category,
-                   messageId, severity);
+    buildBracketed(kAuthenticationTable, kAuthenticationDefaults, m_errorId, getUser(), text, category, messageId,
+                   severity);
 }
 
 const char* AuthenticationException::getError() const { return keywordOf(kAuthenticationTable, m_errorId); }
@@ -94,25 +106,12 @@ AuthorizationException::~AuthorizationException() = default;
 
 const char* AuthorizationException::what() const noexcept { return m_message.c_str(); }
 
-void AuthorizationException::logCdsMessage() {
-    if (!m_logEnabled) return;
-    std::string text;
-    LogCategory category = LogCategory::General;
-    int messageId = 0;
-    LogSeverity severity = LogSeverity::Debug;
-    buildLogMessage(text, category, messageId, severity);
-    if (severity == LogSeverity::Debug) {
-        text += ",for user:";
-        text += m_user;
-        appendDetails(text);
-    }
-    sendToSink(text, category, messageId, severity);
-}
+void AuthorizationException::logCdsMessage() { logWithDetails(",for user:" + m_user); }
 
 void AuthorizationException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
                                              LogSeverity& severity) {
-    buildBracketed(kAuthorizationTable, kAuthorizationDefaults, m_errorId, getUser(), text, category,
-                   messageId, severity);
+    buildBracketed(kAuthorizationTable, kAuthorizationDefaults, m_errorId, getUser(), text, category, messageId,
+                   severity);
 }
 
 const char* AuthorizationException::getError() const { return keywordOf(kAuthorizationTable, m_errorId); }
@@ -129,8 +128,8 @@ UpdatePasswordException::~UpdatePasswordException() = default;
 
 void UpdatePasswordException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
                                               LogSeverity& severity) {
-    buildBracketed(kUpdatePasswordTable, kUpdatePasswordDefaults, m_errorId, getUser(), text, category,
-                   messageId, severity);
+    buildBracketed(kUpdatePasswordTable, kUpdatePasswordDefaults, m_errorId, getUser(), text, category, messageId,
+                   severity);
 }
 
 const char* UpdatePasswordException::getError() const { return keywordOf(kUpdatePasswordTable, m_errorId); }

@@ -59,7 +59,8 @@ inline void checkPlainPassword(const std::string& password, const char* function
 // UMException 1: a ready-made hash must fit into one field of one line.
 inline void checkStoredHash(const std::string& hash, const char* function) {
     if (hash.find_first_of(std::string(":\n\0", 3)) != std::string::npos)
-        raise<UMException>(UMError::PasswordError, function, " error, the stored password holds ':', a newline or a NUL byte");
+        raise<UMException>(UMError::PasswordError, function,
+                           " error, the stored password holds ':', a newline or a NUL byte");
 }
 
 }  // namespace usermanagement::detail

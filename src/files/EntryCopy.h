@@ -77,7 +77,7 @@ class EntryReader {
 public:
     EntryReader(FILE* source, const std::string& path, const char* function)
         : m_source(source), m_path(path), m_function(function), m_parseBuffer(1024) {
-        if (m_source == nullptr) raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
+        if (m_source == nullptr) readFailure(EBADF);
     }
     ~EntryReader() { std::free(m_line); }
     EntryReader(const EntryReader&) = delete;
@@ -91,13 +91,12 @@ public:
             const ssize_t length = getline(&m_line, &m_capacity, m_source);
             if (length < 0) {
                 // errno stays 0 at the end of the file; a read error or a failed allocation sets it.
-                if (std::ferror(m_source) != 0 || errno != 0)
-                    raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
+                if (std::ferror(m_source) != 0 || errno != 0) readFailure(errno);
                 return nullptr;
             }
             ++m_lineNumber;
             const std::size_t size = static_cast<std::size_t>(length);
-            if (size > kMaxEntryLine) raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
+            if (size > kMaxEntryLine) readFailure(EFBIG);
             if (isBlank(m_line, size)) continue;
             // A NUL byte would hide the rest of the line from the parser.
             if (std::memchr(m_line, '\0', size) != nullptr) refuseLine();
@@ -117,16 +116,21 @@ private:
         return true;
     }
 
+    [[noreturn]] void readFailure(int error) const {
+        raiseErrno<UMSystemErrorException>(error, UMSystemError::FileContents, m_function, " error in reading ",
+                                           m_path);
+    }
+
     [[noreturn]] void refuseLine() const {
-        raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error, line ", m_lineNumber, " of ", m_path,
-                                      " is no valid entry; the file is not rewritten");
+        raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error, line ", m_lineNumber, " of ",
+                                      m_path, " is no valid entry; the file is not rewritten");
     }
 
     // The line alone, as a stream of its own: the parser can skip nothing but this line, and a
     // skipped line is a refused one.
     typename File::Entry* parseLine(std::size_t size) {
         FILE* line = fmemopen(m_line, size, "r");
-        if (line == nullptr) raise<UMSystemErrorException>(UMSystemError::FileContents, m_function, " error in reading ", m_path);
+        if (line == nullptr) readFailure(errno);
         struct Closer {
             FILE* stream;
             ~Closer() { std::fclose(stream); }
@@ -157,10 +161,9 @@ private:
 };
 
 template <class File>
-void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entry,
-                 const std::string& writeFailure) {
+void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entry, const std::string& writeFailure) {
     if (transaction.m_tmpFile == nullptr || File::write(entry, transaction.m_tmpFile) != 0)
-        raise<UMSystemErrorException>(UMSystemError::FileContents, writeFailure);
+        raiseErrno<UMSystemErrorException>(errno, UMSystemError::FileContents, writeFailure);
 }
 
 // `function` names the caller in the message of a read failure: function + " error in

@@ -32,7 +32,12 @@ namespace usermanagement {
 
 namespace {
 
-using detail::raise;
+// Every failure of a transaction but the lock: UMSystemErrorException FileTransaction, its
+// message worded as hosts match on it, the reason of the failed call (errno) as description.
+template <class... Parts>
+[[noreturn]] void failTransaction(int error, Parts&&... parts) {
+    detail::raiseErrno<UMSystemErrorException>(error, UMSystemError::FileTransaction, std::forward<Parts>(parts)...);
+}
 
 void closeStream(FILE*& stream) {
     if (stream != nullptr) {
@@ -81,8 +86,7 @@ bool temporaryIsSafe(const FileSystemUpdate& t) {
 // file or the reference copy would destroy the very file the transaction protects.
 void checkTemporaryPath(const FileSystemUpdate& t) {
     if (!temporaryIsSafe(t))
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "FileSystemUpdate:temporary file is the live file (", t.m_tmpFilePath,
-                                      ")");
+        failTransaction(0, "FileSystemUpdate:temporary file is the live file (", t.m_tmpFilePath, ")");
 }
 
 // The file a rename must replace.  A live file that is a link (an /etc that is read-only with
@@ -95,8 +99,7 @@ std::string installTarget(const std::string& live, const std::string& temporary)
     const std::string target = resolved(live);
     if (target.empty()) {
         const int error = errno;
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "rename error of:", temporary, " to ", live, " ", error,
-                                      std::strerror(error));
+        failTransaction(error, "rename error of:", temporary, " to ", live, " ", error, std::strerror(error));
     }
     return target;
 }
@@ -123,12 +126,13 @@ void completeTemporary(FileSystemUpdate& t) {
     // flush succeeds; such a file is incomplete and must not replace the live one.
     if (t.m_tmpFile == nullptr || std::ferror(t.m_tmpFile) != 0 || std::fflush(t.m_tmpFile) != 0 ||
         fsync(fileno(t.m_tmpFile)) != 0) {
+        const int error = t.m_tmpFile == nullptr ? EBADF : errno;
         closeStream(t.m_tmpFile);
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fflush or fsync error of:", t.m_tmpFilePath);
+        failTransaction(error, "fflush or fsync error of:", t.m_tmpFilePath);
     }
     const int closed = std::fclose(t.m_tmpFile);
     t.m_tmpFile = nullptr;
-    if (closed != 0) raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fclose error of:", t.m_tmpFilePath);
+    if (closed != 0) failTransaction(errno, "fclose error of:", t.m_tmpFilePath);
 }
 
 // Puts the file `source` in place of the live file of `t`: a rename as root, otherwise the
@@ -139,8 +143,7 @@ void install(const FileSystemUpdate& t, const std::string& source) {
         const std::string target = installTarget(t.m_filePath, source);
         if (rename(source.c_str(), target.c_str()) != 0) {
             const int error = errno;
-            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "rename error of:", source, " to ", t.m_filePath, " ", error,
-                                          std::strerror(error));
+            failTransaction(error, "rename error of:", source, " to ", t.m_filePath, " ", error, std::strerror(error));
         }
         syncParentDirectory(target);
         return;
@@ -153,8 +156,8 @@ void install(const FileSystemUpdate& t, const std::string& source) {
     const int status = std::system(command.c_str());
     const int error = errno;
     if (status != 0)
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "Script update error ", status, " of:", source, " to ", t.m_filePath, " ",
-                                      error, std::strerror(error));
+        failTransaction(error, "Script update error ", status, " of:", source, " to ", t.m_filePath, " ", error,
+                        std::strerror(error));
 }
 
 // The live file of a transaction as it was before its installation, kept next to its
@@ -173,8 +176,8 @@ public:
         if (!kept) {
             const int error = errno;
             (void)unlink(m_path.c_str());
-            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "FileSystemUpdate:cannot keep ", t.m_filePath, " as ", m_path, " ",
-                                          error, std::strerror(error));
+            failTransaction(error, "FileSystemUpdate:cannot keep ", t.m_filePath, " as ", m_path, " ", error,
+                            std::strerror(error));
         }
     }
     ~KeptFile() { (void)unlink(m_path.c_str()); }
@@ -187,8 +190,8 @@ public:
         try {
             install(m_transaction, m_path);
         } catch (tarvicexception::TvcException& e) {
-            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "FileSystemUpdate:", m_transaction.m_filePath,
-                                          " could not be put back (", e.what(), ") after: ", failure);
+            failTransaction(0, "FileSystemUpdate:", m_transaction.m_filePath, " could not be put back (", e.what(),
+                            ") after: ", failure);
         }
     }
 
@@ -229,8 +232,7 @@ private:
 FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath, bool lock)
     : FileSystemUpdate(std::move(filePath), std::move(tmpFilePath), std::string(), lock) {}
 
-FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath, std::string origFilePath,
-                                   bool lock)
+FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath, std::string origFilePath, bool lock)
     : m_filePath(std::move(filePath)),
       m_tmpFilePath(std::move(tmpFilePath)),
       m_origFilePath(std::move(origFilePath)),
@@ -245,7 +247,8 @@ FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath
     // throws, no object exists and its destructor (which would unlink the temporary path of
     // whoever holds the lock) does not run.
     if (lock && lckpwdf() != 0)
-        raise<UMSystemErrorException>(UMSystemError::FilesLocked, "FileSystemUpdate:password files locked (", m_filePath, ")");
+        detail::raiseErrno<UMSystemErrorException>(errno, UMSystemError::FilesLocked,
+                                                   "FileSystemUpdate:password files locked (", m_filePath, ")");
 }
 
 FileSystemUpdate::~FileSystemUpdate() {
@@ -284,15 +287,14 @@ void FileSystemUpdate::prepareSystemFiles() {
         m_tmpFile = fdopen(tmp, "w");
         if (m_tmpFile == nullptr) close(tmp);
     }
-    if (m_tmpFile == nullptr) raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", m_tmpFilePath, " prepareSystemFiles");
+    if (m_tmpFile == nullptr) failTransaction(errno, "fopen ", m_tmpFilePath, " prepareSystemFiles");
 
     m_file = std::fopen(m_filePath.c_str(), "re");
-    if (m_file == nullptr) raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", m_filePath, " prepareSystemFiles");
+    if (m_file == nullptr) failTransaction(errno, "fopen ", m_filePath, " prepareSystemFiles");
 
     if (!m_origFilePath.empty()) {
         m_origFile = std::fopen(m_origFilePath.c_str(), "re");
-        if (m_origFile == nullptr)
-            raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen ", m_origFilePath, " prepareSystemFiles");
+        if (m_origFile == nullptr) failTransaction(errno, "fopen ", m_origFilePath, " prepareSystemFiles");
     }
 
     // Without root the update command installs the file and decides its owner and mode.
@@ -300,12 +302,11 @@ void FileSystemUpdate::prepareSystemFiles() {
 
     // fstat of the open stream: for a live file that is a link, the file it leads to.
     struct stat live {};
-    if (fstat(fileno(m_file), &live) != 0)
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fstat ", m_filePath, " prepareSystemFiles");
+    if (fstat(fileno(m_file), &live) != 0) failTransaction(errno, "fstat ", m_filePath, " prepareSystemFiles");
     if (fchown(tmp, live.st_uid, live.st_gid) != 0)
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fchown st_uid ", m_tmpFilePath, " prepareSystemFiles");
+        failTransaction(errno, "fchown st_uid ", m_tmpFilePath, " prepareSystemFiles");
     if (fchmod(tmp, live.st_mode & 07777) != 0)
-        raise<UMSystemErrorException>(UMSystemError::FileTransaction, "fchmod st_mode ", m_tmpFilePath, " prepareSystemFiles");
+        failTransaction(errno, "fchmod st_mode ", m_tmpFilePath, " prepareSystemFiles");
 }
 
 void FileSystemUpdate::finalyzeSystemFiles() {

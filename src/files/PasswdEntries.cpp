@@ -33,7 +33,8 @@ using detail::raise;
 bool uidInUse(unsigned int uid) {
     const auto account = detail::userById(uid);
     if (account.status == detail::LookupStatus::Failed)
-        raise<UMSystemErrorException>(UMSystemError::DatabaseLookup, "generateUID error, getpwuid_r ", uid, " ", std::strerror(account.error));
+        raise<UMSystemErrorException>(UMSystemError::DatabaseLookup, "generateUID error, getpwuid_r ", uid, " ",
+                                      std::strerror(account.error));
     return account.found();
 }
 
@@ -74,8 +75,9 @@ void updateEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid, 
         [&](struct passwd& entry) {
             if (entry.pw_uid != uid) {
                 if (newName != nullptr && *newName == entry.pw_name)
-                    raise<UMException>(UMError::UserAlreadyExists, "updateEntryInPasswordFile error, update username with a name already used:",
-                                       *newName);
+                    raise<UMException>(
+                        UMError::UserAlreadyExists,
+                        "updateEntryInPasswordFile error, update username with a name already used:", *newName);
                 return EntryAction::Write;
             }
             if (newName != nullptr && *newName != entry.pw_name) {

@@ -28,8 +28,8 @@ namespace usermanagement {
 namespace {
 
 using detail::EntryAction;
-using detail::ShadowFile;
 using detail::raise;
+using detail::ShadowFile;
 
 constexpr char kDisabledMark[] = "!!";
 
@@ -63,8 +63,7 @@ std::string freshSha512Setting() {
 
 // Appends to `field` the password as stored: a ready-made hash as given (refused when it
 // cannot stand in one field), plaintext through cryptPwd.
-void appendPassword(std::string& field, const std::string& password, const PasswordType& type,
-                    const char* function) {
+void appendPassword(std::string& field, const std::string& password, const PasswordType& type, const char* function) {
     if (!type.encrypted) {
         cryptPwd(password, field);
         return;
@@ -91,7 +90,8 @@ void cryptPwd(const std::string& password, std::string& out) {
     if (password.size() > UserDefinition::GetUserDefinition().getDBPasswordMaxLen()) {
         // Built by hand, not with raise(): the interface reports this refusal with an empty
         // user, the only throw of the library that does not carry the context's user.
-        throw UpdatePasswordException(UpdatePasswordError::NewPasswordTooLong, std::string("cryptPwd"), std::string(), true);
+        throw UpdatePasswordException(UpdatePasswordError::NewPasswordTooLong, std::string("cryptPwd"), std::string(),
+                                      true);
     }
     detail::checkPlainPassword(password, "cryptPwd");
     const std::string setting = freshSha512Setting();
@@ -102,7 +102,8 @@ void cryptPwd(const std::string& password, std::string& out) {
     // failure token of the other forms); neither is a hash to store in an account.
     if (hash == nullptr || hash[0] == '*') {
         const int error = errno;
-        raise<UMSystemErrorException>(UMSystemError::FileContents, "cryptPwd error, crypt gave no hash: ", std::strerror(error));
+        raise<UMSystemErrorException>(UMSystemError::FileContents,
+                                      "cryptPwd error, crypt gave no hash: ", std::strerror(error));
     }
     out += hash;
 }

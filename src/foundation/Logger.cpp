@@ -1,6 +1,6 @@
 #include <usermanagement/Logger.h>
 
-#include <usermanagement/UMException.h>
+#include "foundation/Provider.h"
 
 namespace usermanagement {
 
@@ -18,9 +18,6 @@ Logger::~Logger() = default;
 
 void Logger::setLogger(Logger& logger) { m_ptrDefaultSLogger = &logger; }
 
-Logger& Logger::GetLogger() {
-    if (m_ptrDefaultSLogger == nullptr) throw UMException(UMError::NothingInstalled, "No umlog Database", "No umlog Database", true);
-    return *m_ptrDefaultSLogger;
-}
+Logger& Logger::GetLogger() { return detail::installedProvider(m_ptrDefaultSLogger, "No umlog Database"); }
 
 }  // namespace usermanagement

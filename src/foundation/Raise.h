@@ -4,6 +4,7 @@
 // and the message parts are concatenated without separators.
 #pragma once
 
+#include <cstring>
 #include <locale>
 #include <sstream>
 #include <string>
@@ -26,6 +27,15 @@ std::string concat(Parts&&... parts) {
 template <class E, class... Parts>
 [[noreturn]] void raise(int code, Parts&&... messageParts) {
     throw E(code, concat(std::forward<Parts>(messageParts)...), umlog::Ctx::getCtx().getUsername(), true);
+}
+
+// Throws E(code, message, strerror(error), context user, true): a failed system call keeps its
+// reason beside a message whose wording hosts match on.  `error` 0 gives no description.
+template <class E, class... Parts>
+[[noreturn]] void raiseErrno(int error, int code, Parts&&... messageParts) {
+    const std::string reason = error == 0 ? std::string() : std::string(std::strerror(error));
+    throw E(code, concat(std::forward<Parts>(messageParts)...).c_str(), reason, umlog::Ctx::getCtx().getUsername(),
+            true);
 }
 
 // Throws E(code, message, description, context user, true).

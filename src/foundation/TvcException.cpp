@@ -41,13 +41,7 @@ void TvcException::appendDetails(std::string& text) const {
     text += getErrorDescription();
 }
 
-void TvcException::sendToSink(const std::string& text, LogCategory category, int messageId,
-                              LogSeverity severity) {
-    usermanagement::Logger::GetLogger().logMessage(category, messageId, 0, severity,
-                                                   umlog::Ctx::getCtx().getIp(), 0, text);
-}
-
-void TvcException::logCdsMessage() {
+void TvcException::logWithDetails(const std::string& detailsPrefix) {
     if (!m_logEnabled) return;
     std::string text;
     LogCategory category = LogCategory::General;
@@ -55,9 +49,15 @@ void TvcException::logCdsMessage() {
     LogSeverity severity = LogSeverity::Debug;
     buildLogMessage(text, category, messageId, severity);
     // Only debug-severity lines carry the technical details; audit lines stay readable.
-    if (severity == LogSeverity::Debug) appendDetails(text);
-    sendToSink(text, category, messageId, severity);
+    if (severity == LogSeverity::Debug) {
+        text += detailsPrefix;
+        appendDetails(text);
+    }
+    usermanagement::Logger::GetLogger().logMessage(category, messageId, 0, severity,
+                                                   umlog::Ctx::getCtx().getIp(), 0, text);
 }
+
+void TvcException::logCdsMessage() { logWithDetails(std::string()); }
 
 void TvcException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
                                    LogSeverity& severity) {

@@ -44,10 +44,8 @@ constexpr LogEntry kPmTable[] = {
 
 UMException::~UMException() = default;
 
-void UMException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
-                                  LogSeverity& severity) {
-    applyLogEntry(kUmTable, m_errorId, LogDefaults{kAccount, 17, kDebug}, text, category, messageId,
-                  severity);
+void UMException::buildLogMessage(std::string& text, LogCategory& category, int& messageId, LogSeverity& severity) {
+    applyLogEntry(kUmTable, m_errorId, LogDefaults{kAccount, 17, kDebug}, text, category, messageId, severity);
 }
 
 int UMException::getRangeClass() const { return 0; }
@@ -56,16 +54,13 @@ UMSystemErrorException::~UMSystemErrorException() = default;
 
 void UMSystemErrorException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
                                              LogSeverity& severity) {
-    applyLogEntry(kSystemTable, m_errorId, LogDefaults{kAccount, 27, kDebug}, text, category, messageId,
-                  severity);
+    applyLogEntry(kSystemTable, m_errorId, LogDefaults{kAccount, 27, kDebug}, text, category, messageId, severity);
 }
 
 PMException::~PMException() = default;
 
-void PMException::buildLogMessage(std::string& text, LogCategory& category, int& messageId,
-                                  LogSeverity& severity) {
-    applyLogEntry(kPmTable, m_errorId, LogDefaults{kAccount, 32, kDebug}, text, category, messageId,
-                  severity);
+void PMException::buildLogMessage(std::string& text, LogCategory& category, int& messageId, LogSeverity& severity) {
+    applyLogEntry(kPmTable, m_errorId, LogDefaults{kAccount, 32, kDebug}, text, category, messageId, severity);
 }
 
 }  // namespace usermanagement

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include <usermanagement/UMException.h>
+#include "foundation/Provider.h"
 
 namespace usermanagement {
 
@@ -47,9 +47,7 @@ UserDefinition::~UserDefinition() = default;
 void UserDefinition::setUserDefinition(UserDefinition& definition) { m_ptrDefaultUserDefinition = &definition; }
 
 UserDefinition& UserDefinition::GetUserDefinition() {
-    if (m_ptrDefaultUserDefinition == nullptr)
-        throw UMException(UMError::NothingInstalled, "No User Database", "No User Database", true);
-    return *m_ptrDefaultUserDefinition;
+    return detail::installedProvider(m_ptrDefaultUserDefinition, "No User Database");
 }
 
 }  // namespace usermanagement

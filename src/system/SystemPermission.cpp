@@ -194,7 +194,8 @@ unsigned int SystemPermission::getSgid() const { return m_savegid; }
 
 void SystemPermission::setUpPermission() {
     if (!rootProfile()) return;
-    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1) raise<PMException>(PMError::UpdatePrivilegeFailed, "setUpPermission");
+    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1)
+        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUpPermission");
 }
 
 void SystemPermission::setRealPermissions() {

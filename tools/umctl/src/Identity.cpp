@@ -18,8 +18,8 @@ namespace {
 int whoami(const Args&) {
     const usermanagement::SystemPermission snapshot;
     std::cout << "ruid: " << snapshot.getRuid() << "\neuid: " << snapshot.getEuid() << "\nsuid: " << snapshot.getSuid()
-              << "\nrgid: " << snapshot.getRgid() << "\negid: " << snapshot.getEgid() << "\nsgid: " << snapshot.getSgid()
-              << "\ngroups: " << getgroups(0, nullptr) << "\n";
+              << "\nrgid: " << snapshot.getRgid() << "\negid: " << snapshot.getEgid()
+              << "\nsgid: " << snapshot.getSgid() << "\ngroups: " << getgroups(0, nullptr) << "\n";
     return kOk;
 }
 

@@ -61,10 +61,10 @@ namespace {
 // The audit trail of a command-line run goes to stderr, next to the errors.
 class StderrLogger : public usermanagement::Logger {
 public:
-    void logMessage(usermanagement::LogCategory category, int messageId, int, const usermanagement::LogSeverity& severity,
-                    std::string ip, int, std::string text) override {
-        std::cerr << "umctl: log: " << text << " [category " << static_cast<int>(category) << ", message "
-                  << messageId << ", severity " << static_cast<int>(severity) << ", ip " << ip << "]\n";
+    void logMessage(usermanagement::LogCategory category, int messageId, int,
+                    const usermanagement::LogSeverity& severity, std::string ip, int, std::string text) override {
+        std::cerr << "umctl: log: " << text << " [category " << static_cast<int>(category) << ", message " << messageId
+                  << ", severity " << static_cast<int>(severity) << ", ip " << ip << "]\n";
     }
 };
 
