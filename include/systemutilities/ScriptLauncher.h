@@ -31,7 +31,7 @@ public:
     // standard output, "w" writes to its standard input.  Null with errno set on failure, the
     // command then did not run: also when the child could not take that identity (the thread
     // has no root id left to regain, groups refused) or start the shell; that child has been
-    // reaped.  Raises nothing.
+    // reaped.  Raises nothing but std::bad_alloc when memory runs out.
     static FILE* Popen(const char* command, const char* mode);
     // Popen without the identity step: the command keeps the thread's real, effective and
     // saved ids.  From a thread that switched to an account but kept a root id, the command can

@@ -52,6 +52,11 @@ struct TVC_UM_EXPORT LookUpdateShadow {
     bool selfUpdate = false;
 };
 
+// `thirdAge`, the name the interface gives the third value of the configuration's ageing policy
+// (UserDefinition::getDBPasswordExpirationAge), means two things: for a new entry the day the
+// account expires (a day number), for the all-accounts update the inactivity period (days
+// after the password expired during which a login may still change it).
+
 // Copies the file and appends `name`: hash field "" or "!!" (enabled false) followed by
 // `password` (type.encrypted) or cryptPwd(password); last change 0 (mustChange) or today;
 // minimum age `minAge`, maximum age `maxAge`, account expiration `thirdAge`; warning,

@@ -54,7 +54,9 @@ public:
     // Failed-login limit; the caller presets -1 (never locked).  The default writes -1.
     virtual void getDBLockCount(int& count);
     // Password ageing (max age, min age, third value, base-user exemption); the caller presets
-    // the day values to -1 and the default writes nothing.
+    // the day values to -1 and the default writes nothing.  `thirdAge` is the inactivity period
+    // when the policy is applied to every managed account, and the account-expiration day
+    // when a new account is created with it.
     virtual void getDBPasswordExpirationAge(int& maxAge, int& minAge, int& thirdAge,
                                             bool& exemptBaseUser);
     // Seconds to wait before reporting an unknown user name or id.

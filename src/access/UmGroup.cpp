@@ -22,9 +22,10 @@ UmGroup::UmGroup(std::string name) : m_name(std::move(name)), m_gid(kUnresolvedG
         if (!LinuxUserSystem::getGroupGid(m_name.c_str(), gid))
             detail::raise<UMException>(UMError::RoleError, m_name, " (group): POSIX Group not found");
         m_gid = gid;
-    } catch (...) {
+    } catch (const tarvicexception::TvcException&) {
         // Exception mode lets a host build a catalogue on a device whose group file lacks some
-        // of its groups; the object is then usable by name only.
+        // of its groups; the object is then usable by name only.  Only the library's own
+        // failures are let go: running out of memory is never a missing group.
         if (!m_exceptionMode) throw;
     }
 }

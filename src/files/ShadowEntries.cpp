@@ -109,7 +109,7 @@ void cryptPwd(const std::string& password, std::string& out) {
 }
 
 void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name, const std::string& password,
-                          const PasswordType& type, int maxAge, int minAge, int thirdAge, bool enabled,
+                          const PasswordType& type, int maxAge, int minAge, int expirationDay, bool enabled,
                           bool mustChange) {
     constexpr const char* kFunction = "addEntryInShadowFile";
     detail::checkUserName(name, kFunction);
@@ -134,7 +134,7 @@ void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name
     entry.sp_max = maxAge;
     entry.sp_warn = -1;
     entry.sp_inact = -1;
-    entry.sp_expire = thirdAge;
+    entry.sp_expire = expirationDay;
     entry.sp_flag = ~0ul;
     detail::appendEntry<ShadowFile>(transaction, entry,
                                     "addEntryInShadowFile error in writing to " + transaction.m_tmpFilePath);
@@ -194,7 +194,7 @@ void removeEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
 }
 
 void updateAllUserEntryInShadowFile(FileSystemUpdate& transaction, bool exemptBaseUser, int maxAge, int minAge,
-                                    int thirdAge, LookUpdateShadow&) {
+                                    int inactivityDays, LookUpdateShadow&) {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     detail::copyEntries<ShadowFile>(
         transaction,
@@ -211,7 +211,7 @@ void updateAllUserEntryInShadowFile(FileSystemUpdate& transaction, bool exemptBa
                 entry.sp_lstchg = today();
                 entry.sp_max = maxAge;
                 entry.sp_min = minAge;
-                entry.sp_inact = thirdAge;
+                entry.sp_inact = inactivityDays;
             }
             return EntryAction::Write;
         },
@@ -223,12 +223,13 @@ void updateAllUserEntryInShadowFile(FileSystemUpdate& transaction, bool exemptBa
 void updateExpirationDate() {
     int maxAge = -1;
     int minAge = -1;
-    int thirdAge = -1;
+    // The configuration's third value: for all accounts at once it is the inactivity period.
+    int inactivityDays = -1;
     // Read only when a configuration set the day values, and expected to be set with them.
     bool exemptBaseUser = false;
     LookUpdateShadow record;
     UserDefinition& definition = UserDefinition::GetUserDefinition();
-    definition.getDBPasswordExpirationAge(maxAge, minAge, thirdAge, exemptBaseUser);
+    definition.getDBPasswordExpirationAge(maxAge, minAge, inactivityDays, exemptBaseUser);
 
     // Declared first, destroyed last: the identity comes back after the transaction has
     // released the lock and removed its temporary file.
@@ -236,7 +237,7 @@ void updateExpirationDate() {
     permission.setRealPermissions();
     FileSystemUpdate transaction(definition.getShadowFilePath(), definition.getShadowTmpFilePath(), true);
     transaction.prepareSystemFiles();
-    updateAllUserEntryInShadowFile(transaction, exemptBaseUser, maxAge, minAge, thirdAge, record);
+    updateAllUserEntryInShadowFile(transaction, exemptBaseUser, maxAge, minAge, inactivityDays, record);
     transaction.finalyzeSystemFiles();
 }
 

@@ -42,6 +42,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include <tarvicexception/TvcException.h>
 #include <usermanagement/SystemPermission.h>
 #include <usermanagement/UserDefinition.h>
 
@@ -197,7 +198,9 @@ FILE* launch(const char* command, const char* mode, bool dropIds) {
                     identity->readBack.resize(identity->groups.size());
                 }
             }
-        } catch (...) {
+        } catch (const tarvicexception::TvcException&) {
+            // No configuration, or the database could not be asked: the command does not run.
+            // Running out of memory is not a launch failure to hide behind a null stream.
             return nullptr;
         }
     }

@@ -36,12 +36,13 @@ int settings(const Args&) {
     int lockCount = -1;
     d.getDBLockCount(lockCount);
     print("dbLockCount", static_cast<long long>(lockCount));
-    int maxAge = -1, minAge = -1, thirdAge = -1;
+    int maxAge = -1, minAge = -1, inactivityDays = -1;
     bool exemptBaseUser = false;
-    d.getDBPasswordExpirationAge(maxAge, minAge, thirdAge, exemptBaseUser);
+    d.getDBPasswordExpirationAge(maxAge, minAge, inactivityDays, exemptBaseUser);
     print("passwordMaxAge", static_cast<long long>(maxAge));
     print("passwordMinAge", static_cast<long long>(minAge));
-    print("passwordThirdAge", static_cast<long long>(thirdAge));
+    // The third value as the policy applies it to every managed account.
+    print("passwordInactivityDays", static_cast<long long>(inactivityDays));
     print("passwordAgeExemptsBaseUser", exemptBaseUser);
 
     print("dbDelayWrongCredential", static_cast<long long>(d.getDBDelayWrongCredential()));
