@@ -35,13 +35,13 @@ public:
     unsigned int count = 5;
     bool root = true;
     std::string script = "false ";
-    std::vector<int> ageing;  // maximum, minimum, third, exempt; nothing is written while empty
+    std::vector<int> ageing;  // maximum, minimum, inactivity, exempt; nothing is written while empty
 
     unsigned int getMaxUser() override { return count; }
     const char* getUserShell(unsigned int gid) override { return gid == 10003 ? "/bin/maintenance" : "/bin/sh"; }
-    void getDBPasswordExpirationAge(int& max, int& min, int& third, bool& exempt) override {
+    void getDBPasswordExpirationAge(int& max, int& min, int& inactivity, bool& exempt) override {
         if (ageing.size() != 4) return;
-        max = ageing[0], min = ageing[1], third = ageing[2], exempt = ageing[3] != 0;
+        max = ageing[0], min = ageing[1], inactivity = ageing[2], exempt = ageing[3] != 0;
     }
     bool hasRootProfile() override { return root; }
     const char* getUpdateFileScript() override { return script.c_str(); }

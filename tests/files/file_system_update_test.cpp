@@ -26,7 +26,8 @@ TEST_F(Transaction, LockIsTakenOnceAndStaleTemporaryFilesGo) {
     {
         FileSystemUpdate holder(kShadow, kTmp, true);
         expectFailure([] { FileSystemUpdate second("/etc/passwd", "/etc/tmppassd", true); },
-                      typeid(UMSystemErrorException), 11, "FileSystemUpdate:password files locked (/etc/passwd)");
+                      typeid(UMSystemErrorException), usermanagement::UMSystemError::FilesLocked,
+                      "FileSystemUpdate:password files locked (/etc/passwd)");
         // A lock-free transaction must not release the holder's lock.
         { FileSystemUpdate follower("/etc/passwd", "/etc/tmppassd", false); }
         EXPECT_FALSE(lockIsFree());
@@ -69,7 +70,7 @@ TEST_F(Transaction, WithoutRootTheUpdateCommandInstallsTheFile) {
         });
         ADD_FAILURE() << "the update command \"false \" succeeded";
     } catch (UMSystemErrorException& e) {
-        EXPECT_EQ(e.getErrorId(), 13);
+        EXPECT_EQ(e.getErrorId(), usermanagement::UMSystemError::FileTransaction);
         EXPECT_EQ(std::string(e.what()).rfind("Script update error 256 of:/etc/tmpshadow to /etc/shadow ", 0), 0u)
             << e.what();
     }

@@ -29,7 +29,8 @@ TEST_F(PasswdEntries, GenerateUidTakesTheFirstFreeIdOfTheRange) {
     EXPECT_EQ(generateUID(4294967294u, 1), 4294967294u);
     // A full range, an empty one, one that wraps past the largest id, and the "unknown" id.
     for (const auto& [base, count] : {std::pair{10000u, 5u}, {20000u, 0u}, {4294967290u, 20u}, {4294967295u, 1u}})
-        expectFailure([&] { generateUID(base, count); }, typeid(UMException), 6, "generateUID error, max uid reached");
+        expectFailure([&] { generateUID(base, count); }, typeid(UMException), UMError::MaxUsersReached,
+                      "generateUID error, max uid reached");
 }
 
 TEST_F(PasswdEntries, UpdateReportsRenamesAndProfileChanges) {

@@ -46,7 +46,7 @@ TEST(CryptPwd, FreshSaltedSha512HashUpToTheConfiguredLength) {
         cryptPwd(std::string(256, 'p'), refused);
         ADD_FAILURE() << "a 256-byte password was hashed";
     } catch (UpdatePasswordException& e) {
-        EXPECT_EQ(e.getErrorId(), 19);
+        EXPECT_EQ(e.getErrorId(), UpdatePasswordError::NewPasswordTooLong);
         EXPECT_STREQ(e.what(), "cryptPwd");
         EXPECT_EQ(e.getUser(), "");
     }
@@ -70,7 +70,7 @@ TEST_F(ShadowEntries, NewEntriesCarryHashStateAndAgeingWhereTheyBelong) {
     ASSERT_NE(entry, nullptr);
     expectHashOf("Fresh#1", entry->sp_pwdp);
 
-    // Disabled and must change; maximum 90, minimum 1, the third value is the expiration day.
+    // Disabled and must change; maximum 90, minimum 1, expiration day 21000.
     inShadow([](FileSystemUpdate& t) { addEntryInShadowFile(t, "later", "Later#1", {}, 90, 1, 21000, false, true); });
     const std::string later = lines(kShadow).back();
     ASSERT_EQ(later.rfind("later:!!", 0), 0u) << later;
@@ -128,11 +128,14 @@ TEST_F(ShadowEntries, UpdateSplitsTheDisabledMarkAndReportsWhatChanged) {
 }
 
 TEST_F(ShadowEntries, AgeingPolicyReachesManagedAccountsOnly) {
+    // uid 10005, the first id past the managed range, is not managed.
+    writeFile("/etc/passwd", readFile("/etc/passwd") + "beyond:x:10005:10002::/:/bin/sh\n");
+    writeFile(kShadow, readFile(kShadow) + "beyond:$6$b$h:20454:0:99999:7:::\n");
     const std::vector<std::string> old = lines(kShadow);  // admin..guest (10000-10004) are lines 6 to 10
     updateExpirationDate();                               // nothing configured: ageing off, last change kept
     for (std::size_t i = 6; i <= 10; ++i) EXPECT_EQ(ageingOf(lines(kShadow)[i]), "20454:::7:::") << old[i];
 
-    // Base account exempt; last change restarts today; the third value is the inactivity period.
+    // Base account exempt; last change restarts today; inactivity period 14 days.
     definition.ageing = {90, 1, 14, 1};
     updateExpirationDate();
     const std::vector<std::string> now = lines(kShadow);
@@ -140,7 +143,7 @@ TEST_F(ShadowEntries, AgeingPolicyReachesManagedAccountsOnly) {
     EXPECT_EQ(ageingOf(now[6]), "20454:::7:::");
     for (std::size_t i = 7; i <= 10; ++i) EXPECT_EQ(ageingOf(now[i]), today() + ":1:90:7:14::") << old[i];
     for (std::size_t i = 0; i < now.size(); ++i) EXPECT_EQ(fields(now[i])[1], fields(old[i])[1]) << "hash changed";
-    for (std::size_t i : {0, 1, 2, 3, 4, 5, 11}) EXPECT_EQ(now[i], old[i]) << "system account changed";
+    for (std::size_t i : {0, 1, 2, 3, 4, 5, 11, 12}) EXPECT_EQ(now[i], old[i]) << "unmanaged account changed";
     EXPECT_FALSE(exists("/etc/tmpshadow"));
     EXPECT_TRUE(lockIsFree());
 }
