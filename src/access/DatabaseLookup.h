@@ -50,10 +50,10 @@ struct DatabaseLookup {
     bool found() const { return status == LookupStatus::Found; }
 };
 
-// `read(entry, buffer, size, result)` is one call of a *_r function.  Throws
+// One lookup of `key` with the *_r function `read` (getpwnam_r and its siblings).  Throws
 // UMSystemErrorException 12 when a buffer cannot be allocated.
-template <class Entry, class Read>
-DatabaseLookup<Entry> lookUpEntry(int sizeName, Read read) {
+template <class Entry, class Key>
+DatabaseLookup<Entry> lookUpEntry(int sizeName, int (*read)(Key, Entry*, char*, std::size_t, Entry**), Key key) {
     DatabaseLookup<Entry> lookup;
     const long suggested = sysconf(sizeName);
     std::size_t size = suggested > 0 ? std::min(static_cast<std::size_t>(suggested), kMaxLookupBuffer) : 1024;
@@ -61,7 +61,7 @@ DatabaseLookup<Entry> lookUpEntry(int sizeName, Read read) {
         lookup.buffer.reset(static_cast<char*>(std::malloc(size)), systemutilities::free_delete());
         if (!lookup.buffer) raise<UMSystemErrorException>(UMSystemError::DatabaseLookup, "getGroupGid malloc error");
         Entry* result = nullptr;
-        const int status = read(&lookup.entry, lookup.buffer.get(), size, &result);
+        const int status = read(key, &lookup.entry, lookup.buffer.get(), size, &result);
         if (status == ERANGE && size < kMaxLookupBuffer) {
             size = std::min(size * 2, kMaxLookupBuffer);
             continue;
@@ -82,31 +82,12 @@ DatabaseLookup<Entry> lookUpEntry(int sizeName, Read read) {
 }
 
 inline DatabaseLookup<passwd> userByName(const char* name) {
-    return lookUpEntry<passwd>(_SC_GETPW_R_SIZE_MAX, [name](passwd* entry, char* buffer, std::size_t size,
-                                                            passwd** result) {
-        return getpwnam_r(name, entry, buffer, size, result);
-    });
+    return lookUpEntry(_SC_GETPW_R_SIZE_MAX, getpwnam_r, name);
 }
-
-inline DatabaseLookup<passwd> userById(uid_t uid) {
-    return lookUpEntry<passwd>(_SC_GETPW_R_SIZE_MAX, [uid](passwd* entry, char* buffer, std::size_t size,
-                                                           passwd** result) {
-        return getpwuid_r(uid, entry, buffer, size, result);
-    });
-}
-
+inline DatabaseLookup<passwd> userById(uid_t uid) { return lookUpEntry(_SC_GETPW_R_SIZE_MAX, getpwuid_r, uid); }
 inline DatabaseLookup<group> groupByName(const char* name) {
-    return lookUpEntry<group>(_SC_GETGR_R_SIZE_MAX, [name](group* entry, char* buffer, std::size_t size,
-                                                           group** result) {
-        return getgrnam_r(name, entry, buffer, size, result);
-    });
+    return lookUpEntry(_SC_GETGR_R_SIZE_MAX, getgrnam_r, name);
 }
-
-inline DatabaseLookup<group> groupById(gid_t gid) {
-    return lookUpEntry<group>(_SC_GETGR_R_SIZE_MAX, [gid](group* entry, char* buffer, std::size_t size,
-                                                          group** result) {
-        return getgrgid_r(gid, entry, buffer, size, result);
-    });
-}
+inline DatabaseLookup<group> groupById(gid_t gid) { return lookUpEntry(_SC_GETGR_R_SIZE_MAX, getgrgid_r, gid); }
 
 }  // namespace usermanagement::detail
