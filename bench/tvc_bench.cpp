@@ -90,8 +90,7 @@ void transaction(const std::string& passwd, const std::string& passwdTmp, const 
     passwdFile.prepareSystemFiles();
     shadowFile.prepareSystemFiles();
     body(passwdFile, shadowFile);
-    passwdFile.finalyzeSystemFiles();
-    shadowFile.finalyzeSystemFiles();
+    finalyzeSystemFilesTogether(passwdFile, shadowFile);
 }
 
 void BM_CryptPwd(benchmark::State& state) {
