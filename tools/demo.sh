@@ -18,7 +18,7 @@ show() {
     ((status == 0)) || echo "[exit status $status]"
 }
 
-echo "umctl on the sample device of tools/sandbox/tvc-sandbox (its header lists the accounts)"
+echo "umctl on the sample device that tools/sampledevice/sample-device.txt describes"
 show user admin
 show user 10002
 show group viewers

@@ -72,6 +72,17 @@ void writeFile(const std::string& path, const std::string& text) {
     writeAll(file.fd, text, path);
 }
 
+void addLines(const std::string& path, const std::string& text, bool inFront) {
+    writeFile(path, inFront ? text + readFile(path) : readFile(path) + text);
+}
+
+void removeEntry(const std::string& path, const std::string& name) {
+    const std::string text = "\n" + readFile(path);
+    const std::size_t at = text.find("\n" + name + ":");
+    ASSERT_NE(at, std::string::npos) << name << " in " << path;
+    writeFile(path, text.substr(1, at) + text.substr(text.find('\n', at + 1) + 1));
+}
+
 void restoreSampleDevice() {
     const std::string pristine = pristineDir();
     if (pristine.empty()) throw std::runtime_error("TVC_SANDBOX_PRISTINE is not set");

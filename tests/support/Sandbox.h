@@ -29,6 +29,11 @@ std::string readFile(const std::string& path);
 // Replaces the contents of `path`, keeping the owner and mode of an existing file (a new one
 // gets 0644); throws std::system_error on failure.
 void writeFile(const std::string& path, const std::string& text);
+// Adds `text` (whole lines) to the file at `path`, behind its lines or in front of them.
+void addLines(const std::string& path, const std::string& text, bool inFront = false);
+// Drops the line of entry `name` (the text before its first ':') from the file at `path`;
+// a test failure when there is none.
+void removeEntry(const std::string& path, const std::string& name);
 // Puts the sample /etc/passwd, group, shadow and gshadow back: contents, owner and mode.
 void restoreSampleDevice();
 

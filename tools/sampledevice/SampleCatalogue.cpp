@@ -1,7 +1,11 @@
 #include "SampleCatalogue.h"
 
+#include <map>
 #include <mutex>
+#include <string>
 #include <vector>
+
+#include "SampleDevice.h"
 
 using usermanagement::UmGroup;
 using usermanagement::UmProfile;
@@ -12,28 +16,18 @@ namespace tvc::sample {
 void SampleCatalogue::buildProfiles() {
     // Everything is resolved before the tables are touched: a group missing from the device
     // throws here and leaves the catalogue that was in place.
-    UmRole userManager("role-user-manager", -1);
-    UmRole configureSelf("role-user-configure-self", -1);
-    UmRole networkConfigure("role-network-configure", -1);
-    networkConfigure.add(UmGroup("net-admin"));
-    UmRole logRead("role-log-read", -1);
-    logRead.add(UmGroup("log-read"));
-
-    const int base = static_cast<int>(getProfileBaseGid());
-    auto profile = [base](const char* name, std::vector<const UmRole*> roles) {
-        UmProfile made(name, 0);
-        made.m_id = static_cast<int>(made.m_gid) - base;
-        for (const UmRole* role : roles) made.add(*role);
-        return made;
-    };
-    std::vector<UmProfile> profiles{
-        profile("administrators", {&userManager, &configureSelf, &networkConfigure, &logRead}),
-        profile("operators", {&configureSelf, &networkConfigure, &logRead}),
-        profile("viewers", {&configureSelf, &logRead}),
-        profile("maintainers", {&configureSelf, &logRead}),
-        UmProfile("root", -1),
-        UmProfile("www-data", -2),
-    };
+    std::map<std::string, UmRole> roles;
+    for (const Role& described : sampleDevice().roles) {
+        UmRole role(described.name, -1);
+        for (const std::string& granted : described.grants) role.add(UmGroup(granted));
+        roles.emplace(described.name, role);
+    }
+    std::vector<UmProfile> profiles;
+    for (const Profile& described : sampleDevice().profiles) {
+        UmProfile profile(described.name, described.id);
+        for (const std::string& role : described.roles) profile.add(roles.at(role));
+        profiles.push_back(profile);
+    }
 
     std::lock_guard<std::mutex> lock(m_mtx);
     g_profiles.clear();
