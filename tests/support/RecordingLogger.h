@@ -1,11 +1,10 @@
-// A log sink for tests: keeps every message the library hands to it.
+// A log sink for tests: keeps every message the library hands to it while it exists.
 //
 //     tvc::test::RecordingLogger sink;   // installed from here to the end of its scope
 //     ...call the library...
 //     ASSERT_EQ(sink.messages.size(), 1u);
 //
-// It installs itself when constructed and, when destroyed, installs a discarding Logger, so
-// nothing logs into a destroyed object afterwards.
+// When destroyed it puts back the sink installed before it, so nothing logs into a destroyed object.
 #pragma once
 
 #include <mutex>
@@ -31,24 +30,20 @@ struct LoggedMessage {
 class RecordingLogger : public usermanagement::Logger {
 public:
     RecordingLogger() { setLogger(*this); }
-    ~RecordingLogger() override {
-        static usermanagement::Logger discarding;
-        discarding.setLogger(discarding);
-    }
-    RecordingLogger(const RecordingLogger&) = delete;
-    RecordingLogger& operator=(const RecordingLogger&) = delete;
+    ~RecordingLogger() override { m_ptrDefaultSLogger = m_previous; }
 
     void logMessage(usermanagement::LogCategory category, int messageId, int third,
                     const usermanagement::LogSeverity& severity, std::string ip, int sixth,
                     std::string text) override {
         // The library may log from several threads; readers look once those are done.
-        std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         messages.push_back({category, messageId, third, severity, std::move(ip), sixth, std::move(text)});
     }
 
     std::vector<LoggedMessage> messages;
 
 private:
+    usermanagement::Logger* const m_previous = m_ptrDefaultSLogger;
     std::mutex m_mutex;
 };
 

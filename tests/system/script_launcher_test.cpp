@@ -1,9 +1,13 @@
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <linux/securebits.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <iterator>
 #include <optional>
@@ -19,15 +23,6 @@ using namespace tvc::test;
 
 namespace {
 
-// The whole output of a stream, then Pclose's result.
-int drainAndClose(FILE* stream, std::string* output = nullptr) {
-    if (stream == nullptr) return -2;
-    std::string text;
-    for (int c; (c = std::fgetc(stream)) != EOF;) text += static_cast<char>(c);
-    if (output != nullptr) *output = text;
-    return ScriptLauncher::Pclose(stream);
-}
-
 // True when the process has no child left, running or to be reaped.
 bool noChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
@@ -36,11 +31,9 @@ TEST(ScriptLauncher, ExecReturnsTheOutputWithoutItsLastNewline) {
         const char* command;
         std::string output;
     } cases[] = {
-        {"printf 'a\\nb\\n'", "a\nb"}, {"printf 'a\\nb'", "ab"}, {"printf ab", "ab"}, {"printf 'a\\n\\n'", "a\n"},
-        {"true", ""}, {"/nonexistent/command 2>/dev/null", ""},
+        {"printf 'a\\nb\\n'", "a\nb"}, {"printf 'a\\nb'", "ab"}, {"printf 'a\\n\\n'", "a\n"}, {"true", ""},
         {"echo out; exit 3", "out"},  // the status is not looked at
-        {"head -c 1000 /dev/zero | tr '\\0' x; echo; head -c 127 /dev/zero | tr '\\0' y; echo; echo z",
-         std::string(1000, 'x') + "\n" + std::string(127, 'y') + "\nz"},  // lines of several pieces
+        {"head -c 1000 /dev/zero | tr '\\0' x; echo; echo z", std::string(1000, 'x') + "\nz"},  // long lines
     };
     // Several threads at once, each running another command at a time: each gets its own output.
     std::vector<std::thread> threads;
@@ -56,16 +49,19 @@ TEST(ScriptLauncher, ExecReturnsTheOutputWithoutItsLastNewline) {
 }
 
 TEST(ScriptLauncher, PcloseReportsTheWaitStatusOfItsOwnStreamsOnly) {
-    EXPECT_EQ(WEXITSTATUS(drainAndClose(ScriptLauncher::PopenWithoutPerm("exit 3", "r"))), 3);
-    EXPECT_EQ(WEXITSTATUS(drainAndClose(ScriptLauncher::Popen("/nonexistent/command 2>/dev/null", "r"))), 127);
-
-    FILE* foreign = std::tmpfile();
+    auto statusOf = [](FILE* stream) {
+        while (stream != nullptr && std::fgetc(stream) != EOF) {
+        }
+        return WEXITSTATUS(ScriptLauncher::Pclose(stream));
+    };
+    EXPECT_EQ(statusOf(ScriptLauncher::PopenWithoutPerm("exit 3", "r")), 3);
+    EXPECT_EQ(statusOf(ScriptLauncher::Popen("/nonexistent/command 2>/dev/null", "r")), 127);
+    FILE* foreign = std::tmpfile();  // likely on a descriptor number a launched stream had
     ASSERT_NE(foreign, nullptr);
     EXPECT_EQ(ScriptLauncher::Pclose(foreign), -1);
     EXPECT_EQ(ScriptLauncher::Pclose(nullptr), -1);
     EXPECT_GE(std::fputs("still open", foreign), 0);
     EXPECT_EQ(std::fclose(foreign), 0);
-
     EXPECT_EQ(ScriptLauncher::Popen("echo x", "x"), nullptr);  // fdopen refuses the mode
     EXPECT_TRUE(noChildren());
 }
@@ -97,9 +93,12 @@ TEST(ScriptLauncher, CallerKeepsItsSignalMask) {
     });
 }
 
-// In a fresh process (death-test style "threadsafe" re-executes the binary), so that the table
-// is first sized there under a lowered descriptor limit.  The exit code names the failed check.
-int launchBeyondTheTable() {
+// The checks below run in fresh processes (death-test style "threadsafe" re-executes the
+// binary); the exit code names the check that failed.
+
+// Launches with the descriptor table first sized under a lowered limit, with standard input and
+// output closed, and with no number left inside the table.
+int launchAtTheEdgesOfTheTable() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 128) return 2;
     rlimit lowered = limit;
@@ -107,20 +106,52 @@ int launchBeyondTheTable() {
     if (setrlimit(RLIMIT_NOFILE, &lowered) != 0) return 3;
     ScriptLauncher::exec("true", false);  // sizes the table: 64 entries
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 4;
-    for (int fd = 0; fd != -1 && fd < 63;) fd = dup(0);  // occupies every descriptor below 64
-    if (ScriptLauncher::PopenWithoutPerm("echo x", "r") != nullptr) return 5;
+    // The pipe's child end then already has the number it is to take in the child.
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    if (ScriptLauncher::exec("echo x", false) != "x") return 5;
+    for (int fd = 0; fd != -1 && fd < 63;) fd = open("/dev/null", O_RDWR);  // every number below 64
+    if (ScriptLauncher::PopenWithoutPerm("echo x", "r") != nullptr) return 6;
     try {
         ScriptLauncher::exec("echo x", true);
-        return 6;
+        return 7;
     } catch (const std::runtime_error& e) {
-        if (std::string(e.what()) != "popen() failed!") return 7;
+        if (std::string(e.what()) != "popen() failed!") return 8;
     }
-    return noChildren() ? 0 : 8;
+    if (ScriptLauncher::Pclose(fdopen(fcntl(0, F_DUPFD, 100), "r")) != -1) return 9;  // beyond the table
+    return noChildren() ? 0 : 10;
 }
 
-TEST(ScriptLauncherDeathTest, DescriptorBeyondTheTableIsRefused) {
+// A signal that reaches a child before it runs the command finds the default action, never
+// the host's handler (which would run in a child that may still hold root and shares the
+// host's buffers).  SIGWINCH is ignored by default; the handler reports a run in a child.
+int g_hostPid = 0;
+int g_strayRuns[2];
+
+int launchUnderSignals() {
+    if (setpgid(0, 0) != 0 || pipe2(g_strayRuns, O_NONBLOCK) != 0) return 2;  // signals stay in this group
+    g_hostPid = getpid();
+    struct sigaction host {};
+    host.sa_handler = [](int) {
+        if (getpid() != g_hostPid) (void)!write(g_strayRuns[1], "x", 1);
+    };
+    host.sa_flags = SA_RESTART;
+    sigaction(SIGWINCH, &host, nullptr);
+    std::atomic<bool> done{false};
+    std::thread sender([&done] {
+        while (!done) kill(0, SIGWINCH);
+    });
+    for (int i = 0; i < 300; ++i) ScriptLauncher::exec("true", i % 2 == 0);
+    done = true;
+    sender.join();
+    char stray;
+    return read(g_strayRuns[0], &stray, 1) == 1 ? 1 : 0;
+}
+
+TEST(ScriptLauncherDeathTest, InFreshProcesses) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(_exit(launchBeyondTheTable()), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(_exit(launchAtTheEdgesOfTheTable()), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(_exit(launchUnderSignals()), testing::ExitedWithCode(0), "");
 }
 
 pid_t g_configuringProcess = 0;
@@ -132,8 +163,7 @@ std::string childStatus(unsigned int id, const char* groups, int emptyCaps) {
            std::to_string(emptyCaps);
 }
 
-TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOnly) {
-    TVC_REQUIRE_ROOT();
+TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOnly) {
     // Asked in the child, this configuration would let the command keep its root ids.
     g_configuringProcess = getpid();
     ScopedRootProfile parentOnly([] { return getpid() == g_configuringProcess; });
@@ -142,8 +172,9 @@ TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
         "grep -cE '^Cap(Prm|Eff):[[:space:]]0+$' /proc/self/status";
     const struct {
         unsigned int real, effective, saved;
-        std::vector<unsigned int> groups;
+        std::vector<gid_t> groups;
         std::optional<std::string> output;  // none: the launch fails
+        unsigned long securebits = 0;
     } cases[] = {
         // operator with part of its groups, viewer with root's and another profile's: each gets
         // exactly its account's groups from the sample group file.
@@ -152,11 +183,15 @@ TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
         {0, 3000, 0, {0, 4200}, childStatus(3000, "3000", 2)},  // no account: its group id alone
         {0, 0, 0, {4200, 10001}, childStatus(0, "4200 10001", 0)},  // root keeps its groups
         {10001, 10001, 10001, {4201}, std::nullopt},  // no root id left to give up
+        // Capabilities that survive the id change would let the command climb back to root.
+        {0, 10001, 0, {4201}, std::nullopt, SECBIT_NO_SETUID_FIXUP},
     };
     for (const auto& c : cases)
         inThread([&c, command] {
             SCOPED_TRACE(c.effective);
+            ASSERT_EQ(prctl(PR_SET_SECUREBITS, c.securebits, 0, 0, 0), 0);
             becomeThread(c.real, c.effective, c.saved, c.groups);
+            const std::string before = idsOf();
             if (c.output) {
                 EXPECT_EQ(ScriptLauncher::exec(command, true), *c.output);
             } else {
@@ -166,8 +201,7 @@ TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
                 EXPECT_THROW(ScriptLauncher::exec("echo must-not-run", true), std::runtime_error);
                 EXPECT_TRUE(noChildren());  // reaped
             }
-            // The calling thread itself keeps its ids, and so its way back to root.
-            EXPECT_EQ(myIds().uid, triple(c.real, c.effective, c.saved));
+            EXPECT_EQ(idsOf(), before);  // the calling thread keeps its ids, and its way back to root
         });
     inThread([] {
         becomeThread(0, 10001, 0, {});
@@ -175,7 +209,14 @@ TEST(ScriptLauncher, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
         // shell, finding real and effective ids differ, even goes back to the real one: root.
         EXPECT_EQ(ScriptLauncher::exec("grep '^Uid:' /proc/self/status | cut -f2", false), "0");
     });
-    EXPECT_EQ(ScriptLauncher::exec("id -u", true), "0");
+    // An account in more groups than the first guess of room holds gets all of them.
+    std::string groups = readFile("/etc/group");
+    for (int gid = 5000; gid < 5100; ++gid) groups += "g" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":operator\n";
+    writeFile("/etc/group", groups);
+    inThread([] {
+        becomeThread(0, 10001, 0, {});
+        EXPECT_EQ(ScriptLauncher::exec("id -G | wc -w", true), "106");
+    });
 }
 
 TEST(ShellQuote, HostileNamesReachTheCommandAsOneUnchangedWord) {
