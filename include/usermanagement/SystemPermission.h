@@ -88,6 +88,9 @@ public:
     void whoAmi();
 
 private:
+    // The ids and the state of `other`, with `groups` as the group array (owned from here on).
+    SystemPermission(const SystemPermission& other, unsigned int* groups) noexcept;
+
     unsigned int m_euid;
     unsigned int m_ruid;
     unsigned int m_saveuid;

@@ -17,6 +17,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <usermanagement/UMException.h>
@@ -38,6 +39,15 @@ constexpr const char* kTraceDirectory = "/tmp/download";
 constexpr const char* kTraceName = "sessionP.txt";
 
 bool rootProfile() { return UserDefinition::GetUserDefinition().hasRootProfile(); }
+
+// A malloc'ed copy of a snapshot's group array (null for none); PMException when it cannot be had.
+unsigned int* copyOfGroups(const unsigned int* groups, int count) {
+    if (groups == nullptr || count <= 0) return nullptr;
+    const size_t bytes = sizeof(unsigned int) * static_cast<size_t>(count);
+    auto* copy = static_cast<unsigned int*>(std::malloc(bytes));
+    if (copy == nullptr) raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
+    return static_cast<unsigned int*>(std::memcpy(copy, groups, bytes));
+}
 
 // Whether the snapshot's groups can be put back: an array, or a snapshot without groups.
 // A count without an array (allocation failed at construction) cannot.
@@ -144,35 +154,22 @@ SystemPermission::SystemPermission()
     getresuid(&m_ruid, &m_euid, &m_saveuid);
 }
 
-SystemPermission::SystemPermission(SystemPermission& other)
+SystemPermission::SystemPermission(const SystemPermission& other, unsigned int* groups) noexcept
     : m_euid(other.m_euid),
       m_ruid(other.m_ruid),
       m_saveuid(other.m_saveuid),
       m_egid(other.m_egid),
       m_rgid(other.m_rgid),
       m_savegid(other.m_savegid),
-      m_groups(nullptr),
+      m_groups(groups),
       m_nbreGroup(other.m_nbreGroup),
-      m_permissionChanged(other.m_permissionChanged) {
-    if (other.m_groups != nullptr && other.m_nbreGroup > 0) {
-        size_t bytes = sizeof(unsigned int) * static_cast<size_t>(other.m_nbreGroup);
-        m_groups = static_cast<unsigned int*>(std::malloc(bytes));
-        if (m_groups == nullptr) raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
-        std::memcpy(m_groups, other.m_groups, bytes);
-    }
-}
+      m_permissionChanged(other.m_permissionChanged) {}
+
+SystemPermission::SystemPermission(SystemPermission& other)
+    : SystemPermission(other, copyOfGroups(other.m_groups, other.m_nbreGroup)) {}
 
 SystemPermission::SystemPermission(SystemPermission&& other) noexcept
-    : m_euid(other.m_euid),
-      m_ruid(other.m_ruid),
-      m_saveuid(other.m_saveuid),
-      m_egid(other.m_egid),
-      m_rgid(other.m_rgid),
-      m_savegid(other.m_savegid),
-      m_groups(other.m_groups),
-      m_nbreGroup(other.m_nbreGroup),
-      m_permissionChanged(other.m_permissionChanged) {
-    other.m_groups = nullptr;
+    : SystemPermission(other, std::exchange(other.m_groups, nullptr)) {
     other.m_permissionChanged = false;
 }
 
