@@ -12,8 +12,7 @@
 //     passwd.prepareSystemFiles();
 //     shadow.prepareSystemFiles();
 //     ...one entry function per transaction...
-//     passwd.finalyzeSystemFiles();
-//     shadow.finalyzeSystemFiles();
+//     finalyzeSystemFilesTogether(passwd, shadow);
 //
 // Installation: as root (UserDefinition::hasRootProfile()) the temporary file is renamed over
 // the live one, so both must lie on the same file system; otherwise the configured update
@@ -27,8 +26,9 @@
 // symbolic link stays one: the file it leads to is replaced, so the temporary file must lie
 // on that file's file system.
 //
-// An operation that changes two files installs them with finalyzeSystemFilesTogether(), which
-// puts the first file back when the second cannot be installed.
+// An operation that changes two files installs them with finalyzeSystemFilesTogether(), as
+// above, which puts the first file back when the second cannot be installed; a single file is
+// installed with its own finalyzeSystemFiles().
 //
 // The lock (lckpwdf) is process-wide and can be held once: among the transactions of one
 // operation exactly the first is built with `lock` true.  A second lock-taking transaction in

@@ -19,8 +19,11 @@
 // stays as it was.
 //
 // The shadow file is installed after the password file: a process killed in between leaves a
-// shadow entry without its passwd entry.  No function relies on the two files matching: an
-// entry added or renamed to a name that already has one replaces that stale entry.
+// shadow entry without its passwd entry (after a removal or a rename) or a passwd entry
+// without its shadow entry (after an addition, which cannot log in).  No function relies on
+// the two files matching: an entry added or renamed to a name that has a shadow entry but no
+// account in the password database replaces that stale entry; a name whose account exists is
+// refused (UMException 0 "<name> :user already exists").
 #pragma once
 
 #include <string>

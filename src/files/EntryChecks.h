@@ -1,6 +1,7 @@
 // What the entry functions refuse to write, because the account files cannot hold it
-// faithfully.  Each check runs before the function reads or writes anything, so a refusal
-// leaves the temporary file empty and the live file untouched.
+// faithfully.  Each check of an argument runs before the function reads or writes anything;
+// the one that depends on an entry's current field (no enabled account with an empty password)
+// runs when that entry is reached.  Either way the live file stays untouched.
 //
 // User names (every function that writes a name: add and rename, in passwd and shadow):
 //   - empty, or longer than kMaxUserName bytes;

@@ -19,7 +19,6 @@
 // Blank lines carry nothing and are the only lines a rewrite leaves out.
 #pragma once
 
-#include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 
@@ -56,14 +55,6 @@ struct ShadowFile {
     // Writes -1 fields empty; refuses (EINVAL, nothing written) a name or password field
     // holding ':' or a newline.
     static int write(const Entry& entry, FILE* file) { return putspent(&entry, file); }
-};
-
-struct GroupFile {
-    using Entry = struct group;
-    static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
-        return fgetgrent_r(line, &entry, buffer, size, result);
-    }
-    static int write(const Entry& entry, FILE* file) { return putgrent(&entry, file); }
 };
 
 // Longest entry line accepted; a longer one is reported as a read failure rather than
@@ -103,9 +94,6 @@ public:
             return parseLine(size);
         }
     }
-
-    // Line number of the entry returned last (1 for the first line of the file).
-    unsigned long lineNumber() const { return m_lineNumber; }
 
 private:
     static bool isBlank(const char* line, std::size_t size) {
@@ -162,7 +150,9 @@ private:
 
 template <class File>
 void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entry, const std::string& writeFailure) {
-    if (transaction.m_tmpFile == nullptr || File::write(entry, transaction.m_tmpFile) != 0)
+    if (transaction.m_tmpFile == nullptr)
+        raiseErrno<UMSystemErrorException>(EBADF, UMSystemError::FileContents, writeFailure);
+    if (File::write(entry, transaction.m_tmpFile) != 0)
         raiseErrno<UMSystemErrorException>(errno, UMSystemError::FileContents, writeFailure);
 }
 

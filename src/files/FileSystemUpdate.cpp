@@ -26,6 +26,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement {
@@ -107,10 +108,8 @@ std::string installTarget(const std::string& live, const std::string& temporary)
 // The directory entry written by rename only survives a power cut once the directory itself
 // is synced.  The new file is in place either way, so a failure here is not reported.
 void syncParentDirectory(const std::string& path) {
-    const int fd = open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    (void)fsync(fd);
-    close(fd);
+    const detail::Descriptor directory(open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory) (void)fsync(directory.get());
 }
 
 // A regular file created by this call alone: never a leftover, never through a link.
@@ -155,9 +154,11 @@ void install(const FileSystemUpdate& t, const std::string& source) {
     const std::string command = std::string(definition.getUpdateFileScript()) + source + " " + t.m_filePath;
     const int status = std::system(command.c_str());
     const int error = errno;
+    // Only a status of -1 means that system() itself failed; a command that ran and failed
+    // leaves errno from before, which is no reason to report.
     if (status != 0)
-        failTransaction(error, "Script update error ", status, " of:", source, " to ", t.m_filePath, " ", error,
-                        std::strerror(error));
+        failTransaction(status == -1 ? error : 0, "Script update error ", status, " of:", source, " to ", t.m_filePath,
+                        " ", error, std::strerror(error));
 }
 
 // The live file of a transaction as it was before its installation, kept next to its
@@ -196,31 +197,19 @@ public:
     }
 
 private:
+    // False with errno of the step that failed.
     bool copyLive() {
-        const int in = open(m_transaction.m_filePath.c_str(), O_RDONLY | O_CLOEXEC);
-        if (in < 0) return false;
-        const int out = createExclusively(m_path);
-        bool done = out >= 0;
+        const detail::Descriptor in(open(m_transaction.m_filePath.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!in) return false;
+        detail::Descriptor out(createExclusively(m_path));
+        if (!out) return false;
         char buffer[8192];
-        while (done) {
-            const ssize_t n = read(in, buffer, sizeof buffer);
+        for (ssize_t n; (n = read(in.get(), buffer, sizeof buffer)) != 0;) {
             if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                done = n == 0 && fsync(out) == 0;
-                break;
-            }
-            for (ssize_t written = 0; done && written < n;) {
-                const ssize_t w = write(out, buffer + written, static_cast<std::size_t>(n - written));
-                if (w < 0 && errno == EINTR) continue;
-                done = w > 0;
-                written += w > 0 ? w : 0;
-            }
+            if (n < 0 || !detail::writeAll(out.get(), buffer, static_cast<std::size_t>(n))) return false;
         }
-        const int error = errno;
-        close(in);
-        if (out >= 0 && close(out) != 0) done = false;
-        errno = error;
-        return done;
+        // close() reports what a file system that writes back late may not have told fsync.
+        return fsync(out.get()) == 0 && close(out.release()) == 0;
     }
 
     const FileSystemUpdate& m_transaction;

@@ -18,6 +18,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/DatabaseLookup.h"
 #include "files/CryptSetting.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
@@ -34,6 +35,19 @@ using detail::ShadowFile;
 constexpr char kDisabledMark[] = "!!";
 
 long today() { return static_cast<long>(std::time(nullptr) / 86400); }
+
+// For a shadow entry already named `name` when an account is to take that name.  If the
+// password database has an account of that name, the entry is its own: refused.  Otherwise
+// it is stale, left by an operation that died between its two files, and dropped: its old
+// password must never log in to the account that takes the name now.
+detail::EntryAction dropStaleEntry(const std::string& name, const char* function) {
+    const auto account = detail::userByName(name.c_str());
+    if (account.status == detail::LookupStatus::Failed)
+        detail::raiseErrno<UMSystemErrorException>(account.error, UMSystemError::DatabaseLookup, function,
+                                                   " error, getpwnam_r ", name);
+    if (account.found()) raise<UMException>(UMError::UserAlreadyExists, name, " :user already exists");
+    return detail::EntryAction::Drop;
+}
 
 bool isDisabled(const char* hashField) {
     return hashField != nullptr && std::strncmp(hashField, kDisabledMark, 2) == 0;
@@ -117,13 +131,11 @@ void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name
     appendPassword(hashField, password, type, kFunction);
     if (enabled) refuseEnabledWithoutPassword(hashField, name, kFunction);
 
-    // An entry of that name here is stale: account creation adds the passwd entry first and
-    // refuses a name passwd already has, so only a shadow entry left behind by an operation
-    // that died between its two files can match.  It is replaced, never kept beside the new
-    // one: its old password must not log in to the new account.
     detail::copyEntries<ShadowFile>(
         transaction,
-        [&](const struct spwd& entry) { return name == entry.sp_namp ? EntryAction::Drop : EntryAction::Write; },
+        [&](const struct spwd& entry) {
+            return name == entry.sp_namp ? dropStaleEntry(name, kFunction) : EntryAction::Write;
+        },
         kFunction, "addEntryInShadowFile error in writing in " + transaction.m_tmpFilePath);
 
     struct spwd entry {};
@@ -146,14 +158,16 @@ void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
     constexpr const char* kFunction = "updateEntryInShadowFile";
     if (newName != nullptr) detail::checkUserName(*newName, kFunction);
     const bool renaming = newName != nullptr && *newName != name;
+    // The new password is checked and hashed before anything is read, whether or not an entry
+    // has the name.
+    std::string newHash;
+    if (newPassword != nullptr) appendPassword(newHash, *newPassword, type, kFunction);
     // The entry points at this text until it is written.
     std::string hashField;
     detail::copyEntries<ShadowFile>(
         transaction,
         [&](struct spwd& entry) {
-            // Another entry already named like the new name is stale (the passwd rewrite refuses
-            // a name in use): the renamed account replaces it rather than standing beside it.
-            if (renaming && *newName == entry.sp_namp) return EntryAction::Drop;
+            if (renaming && *newName == entry.sp_namp) return dropStaleEntry(*newName, kFunction);
             if (name != entry.sp_namp) return EntryAction::Write;
             if (newName != nullptr) entry.sp_namp = const_cast<char*>(newName->c_str());
 
@@ -165,12 +179,8 @@ void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
                 if (disable != wasDisabled) record.activation = disable ? 1 : 0;
             }
             hashField = disable ? kDisabledMark : "";
-            if (newPassword != nullptr) {
-                appendPassword(hashField, *newPassword, type, kFunction);
-                record.passwordUpdated = true;
-            } else {
-                hashField += oldHash;
-            }
+            hashField += newPassword != nullptr ? newHash : oldHash;
+            if (newPassword != nullptr) record.passwordUpdated = true;
             // Only a change made here is refused: an account that was enabled with an empty
             // field before keeps it through a rename, but is not enabled or given one by us.
             if (!disable && (enabled != nullptr || newPassword != nullptr))

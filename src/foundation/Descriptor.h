@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <utility>
 
 namespace usermanagement::detail {
@@ -32,5 +34,17 @@ public:
 private:
     int m_fd = -1;
 };
+
+// Writes all `size` bytes of `data` to `fd`, retrying short and interrupted writes; false (with
+// errno) at the first failure.
+inline bool writeAll(int fd, const char* data, std::size_t size) noexcept {
+    for (std::size_t done = 0; done < size;) {
+        const ssize_t written = ::write(fd, data + done, size - done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        done += static_cast<std::size_t>(written);
+    }
+    return true;
+}
 
 }  // namespace usermanagement::detail

@@ -38,10 +38,4 @@ template <class E, class... Parts>
             true);
 }
 
-// Throws E(code, message, description, context user, true).
-template <class E>
-[[noreturn]] void raiseDescribed(int code, const std::string& message, const std::string& description) {
-    throw E(code, message.c_str(), description, umlog::Ctx::getCtx().getUsername(), true);
-}
-
 }  // namespace usermanagement::detail

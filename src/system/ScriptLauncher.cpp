@@ -38,6 +38,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <vector>
@@ -185,7 +186,10 @@ bool ensureTable() {
 }
 
 FILE* launch(const char* command, const char* mode, bool dropIds) {
-    if (command == nullptr || mode == nullptr) return nullptr;
+    if (command == nullptr || mode == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
     if (!ensureTable()) return nullptr;
     std::optional<Identity> identity;
     if (dropIds) {
@@ -198,9 +202,13 @@ FILE* launch(const char* command, const char* mode, bool dropIds) {
                     identity->readBack.resize(identity->groups.size());
                 }
             }
-        } catch (const tarvicexception::TvcException&) {
-            // No configuration, or the database could not be asked: the command does not run.
+        } catch (const std::bad_alloc&) {
             // Running out of memory is not a launch failure to hide behind a null stream.
+            throw;
+        } catch (...) {
+            // No configuration, a host provider that failed, or a database that could not be
+            // asked: the command does not run.
+            errno = EPERM;
             return nullptr;
         }
     }
@@ -211,7 +219,10 @@ FILE* launch(const char* command, const char* mode, bool dropIds) {
     Descriptor parentEnd(reading ? ends[0] : ends[1]);
     Descriptor childEnd(reading ? ends[1] : ends[0]);
     // The table could not record the child: refuse before anything runs.
-    if (parentEnd.get() >= g_tableSize.load(std::memory_order_acquire)) return nullptr;
+    if (parentEnd.get() >= g_tableSize.load(std::memory_order_acquire)) {
+        errno = EMFILE;
+        return nullptr;
+    }
     int statusEnds[2];
     if (pipe2(statusEnds, O_CLOEXEC) != 0) return nullptr;
     Descriptor statusRead(statusEnds[0]);
@@ -225,10 +236,14 @@ FILE* launch(const char* command, const char* mode, bool dropIds) {
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &callerMask);
     const pid_t child = fork();
-    if (child == 0)
-        runChild(command, reading, streamEnd, childEnd.get(), statusWrite.get(), identity, callerMask);
+    if (child == 0) runChild(command, reading, streamEnd, childEnd.get(), statusWrite.get(), identity, callerMask);
+    const int forkError = errno;
     pthread_sigmask(SIG_SETMASK, &callerMask, nullptr);
-    if (child == -1) return nullptr;
+    if (child == -1) {
+        stream.reset();
+        errno = forkError;  // not whatever closing the stream left
+        return nullptr;
+    }
 
     childEnd.reset();
     statusWrite.reset();
@@ -253,9 +268,7 @@ FILE* launch(const char* command, const char* mode, bool dropIds) {
 
 FILE* ScriptLauncher::Popen(const char* command, const char* mode) { return launch(command, mode, true); }
 
-FILE* ScriptLauncher::PopenWithoutPerm(const char* command, const char* mode) {
-    return launch(command, mode, false);
-}
+FILE* ScriptLauncher::PopenWithoutPerm(const char* command, const char* mode) { return launch(command, mode, false); }
 
 int ScriptLauncher::Pclose(FILE* stream) {
     const int size = g_tableSize.load(std::memory_order_acquire);
@@ -286,8 +299,8 @@ int ScriptLauncher::Pclose(FILE* stream) {
 
 std::string ScriptLauncher::exec(const std::string& command, bool withPermission) {
     std::string result;
-    std::shared_ptr<FILE> stream(
-        withPermission ? Popen(command.c_str(), "r") : PopenWithoutPerm(command.c_str(), "r"), Pclose);
+    std::shared_ptr<FILE> stream(withPermission ? Popen(command.c_str(), "r") : PopenWithoutPerm(command.c_str(), "r"),
+                                 Pclose);
     if (!stream) throw std::runtime_error("popen() failed!");
     char piece[128];
     while (std::fgets(piece, sizeof piece, stream.get()) != nullptr) result += piece;

@@ -119,16 +119,6 @@ detail::Descriptor openTrace() {
     return trace;
 }
 
-// Writes all of `text`, giving up at the first error: the trace is best effort.
-void appendAll(int fd, const std::string& text) {
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        done += static_cast<std::size_t>(written);
-    }
-}
-
 }  // namespace
 
 SystemPermission::SystemPermission()
@@ -245,7 +235,9 @@ void SystemPermission::print() const {
         for (int i = 0; i < m_nbreGroup; ++i) line("grp:", m_groups[i]);
     std::cout << '\n' << std::flush;
     const detail::Descriptor file = openTrace();
-    if (file) appendAll(file.get(), trace.str());
+    // Best effort: a trace that cannot be written is lost.
+    const std::string text = trace.str();
+    if (file) (void)detail::writeAll(file.get(), text.data(), text.size());
 }
 
 void SystemPermission::printCurrentUids() {
