@@ -49,7 +49,8 @@ namespace usermanagement {
 class TVC_UM_EXPORT FileSystemUpdate {
 public:
     // Takes the password-file lock when `lock` is true (UMSystemErrorException 11 when it
-    // cannot be had); opens nothing.
+    // cannot be had); opens nothing.  A temporary path that names the live file or the
+    // reference copy is refused first (UMSystemErrorException 13).
     FileSystemUpdate(std::string filePath, std::string tmpFilePath, bool lock);
     // As above, with a read-only reference copy that prepareSystemFiles() opens as well.
     FileSystemUpdate(std::string filePath, std::string tmpFilePath, std::string origFilePath, bool lock);

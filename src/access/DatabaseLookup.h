@@ -11,8 +11,8 @@
 // out a uid because a lookup failed could give two accounts the same id.  The result says
 // which, with the error number of a failure.
 //
-// Header-only and internal (hidden with the library's other inline code): src/files uses it
-// too.
+// Header-only and internal (hidden with the library's other inline code): src/files and the
+// script launcher use it too.
 #pragma once
 
 #include <grp.h>

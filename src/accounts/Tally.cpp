@@ -21,7 +21,7 @@ constexpr std::size_t kCountOffset = 54;
 int getLockCount(const unsigned int& uid, const std::string& tallyFilePath) {
     // Non-blocking: a FIFO planted at the path must not hold the caller in open(); only a
     // regular file is read (a FIFO, a device or a directory reads as "no failures").
-    const detail::Descriptor tally(open(tallyFilePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const detail::Descriptor tally(open(tallyFilePath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!tally || fstat(tally.get(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
     // 64-bit before multiplying: uid * 64 leaves 32 bits from uid 67108864 on.

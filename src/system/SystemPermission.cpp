@@ -109,7 +109,7 @@ void restoreOrAbort(uid_t euid, gid_t egid, const unsigned int* groups, int coun
 detail::Descriptor openTrace() {
     const detail::Descriptor directory(open(kTraceDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directory) return {};
-    constexpr int kAppend = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    constexpr int kAppend = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     detail::Descriptor trace(openat(directory.get(), kTraceName, kAppend));
     if (!trace && errno == ENOENT) trace.reset(openat(directory.get(), kTraceName, kAppend | O_CREAT | O_EXCL, 0600));
     struct stat status {};

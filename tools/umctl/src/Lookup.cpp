@@ -11,15 +11,15 @@ namespace umctl {
 
 namespace {
 
-// An unknown group is reported as usermanagement::UMException code 2, "Role error", since
-// the device's groups are its profiles and roles.
-
 int user(const Args& args) {
     const Account account = resolveUser(args[0]);
     std::cout << "uid: " << account.uid << "\nname: " << account.name << "\nprofile gid: " << account.profileGid
               << "\n";
     return kOk;
 }
+
+// An unknown group is reported as usermanagement::UMException code 2, "Role error", since
+// the device's groups are its profiles and roles.
 
 int group(const Args& args) {
     unsigned int gid = 0;
