@@ -1,0 +1,274 @@
+// Identities of single threads: SystemPermission's, and the one the launcher's child takes.  Ids
+// are read from /proc and set with the library's own per-thread calls, in worker threads so that
+// the main thread stays root.  The sample device's group file gives the accounts their groups.
+#include <fcntl.h>
+#include <linux/securebits.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <systemutilities/ScriptLauncher.h>
+#include <usermanagement/SystemPermission.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "foundation/Descriptor.h"
+#include "support/Sandbox.h"
+#include "system/IdSyscalls.h"
+
+using systemutilities::ScriptLauncher;
+using tvc::test::writeFile;
+using usermanagement::PMException;
+using usermanagement::SystemPermission;
+using usermanagement::detail::Descriptor;
+namespace ids = usermanagement::detail::ids;
+
+namespace {
+
+constexpr uid_t kSame = ids::kUnchanged;
+
+// "Uid: R E S F Gid: R E S F Groups: ... " out of a /proc status text (groups sorted by the kernel).
+std::string idsIn(std::istream&& status) {
+    std::string ids;
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Uid:", 0) == 0 || line.rfind("Gid:", 0) == 0 || line.rfind("Groups:", 0) == 0) {
+            std::istringstream words(line);
+            for (std::string word; words >> word;) ids += word + " ";
+        }
+    return ids;
+}
+
+// Of the calling thread, or with "self" of the main thread.
+std::string idsOf(const std::string& task = "thread-self") { return idsIn(std::ifstream("/proc/" + task + "/status")); }
+
+std::string allIds(unsigned int id, const std::string& groups) {
+    const std::string i = std::to_string(id) + " ";
+    return "Uid: " + i + i + i + i + "Gid: " + i + i + i + i + "Groups: " + groups + " ";
+}
+
+// operator, account 10001, with two supplementary groups: as it switched, and dropped for good.
+const std::vector<gid_t> kOperatorGroups{4201, 10001};
+const std::string kOperator = "Uid: 0 10001 0 10001 Gid: 0 10001 0 10001 Groups: 4201 10001 ";
+const std::string kDropped = allIds(10001, "4201 10001");
+
+// For a thread holding a root id: real `r`, effective `e` and saved `s` user and group ids.
+void becomeThread(unsigned int r, unsigned int e, unsigned int s, const std::vector<gid_t>& groups,
+                  unsigned long securebits = 0) {
+    ASSERT_EQ(prctl(PR_SET_SECUREBITS, securebits, 0, 0, 0), 0);
+    ASSERT_EQ(ids::setResUid(kSame, 0, kSame), 0);
+    ASSERT_EQ(ids::setGroups(static_cast<int>(groups.size()), groups.data()), 0);
+    ASSERT_EQ(ids::setResGid(r, e, s), 0);
+    ASSERT_EQ(ids::setResUid(r, e, s), 0);
+}
+
+bool noChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// A configuration whose hasRootProfile() gives answer(), installed for the object's lifetime.
+class ScopedRootProfile : public usermanagement::UserDefinition {
+public:
+    explicit ScopedRootProfile(bool (*answer)()) : m_answer(answer) { setUserDefinition(*this); }
+    ~ScopedRootProfile() override { m_ptrDefaultUserDefinition = m_saved; }
+    bool hasRootProfile() override { return m_answer(); }
+
+private:
+    bool (*m_answer)();
+    usermanagement::UserDefinition* m_saved = m_ptrDefaultUserDefinition;
+};
+
+// The message of the PMException `call` throws, or "" when it throws none.
+std::string failure(const std::function<void()>& call) try {
+    call();
+    return "";
+} catch (const PMException& e) {
+    return e.what();
+}
+
+using IdentityTest = tvc::test::SandboxTest;
+
+TEST_F(IdentityTest, SwitchesOnlyTheCallingThreadAndRestoresTheSnapshotAlsoThroughCopiesAndMoves) {
+    const std::string mainBefore = idsOf("self");
+    std::thread([&] {
+        // Saved ids that are not root: after the restore they are, so the thread can switch again.
+        becomeThread(0, 10001, 10002, kOperatorGroups);
+        const std::string before = idsOf();
+        std::optional<SystemPermission> original(std::in_place);
+        {
+            ScopedRootProfile noRoot([] { return false; });  // nothing is switched, but the state changes
+            original->setRealPermissions();
+            original->setUserPermissionDefinitely();
+            EXPECT_EQ(idsOf(), before);
+        }
+        original->restorePermission();
+        EXPECT_EQ(idsOf(), kOperator);
+        original->setRealPermissions();  // a restored object switches again
+        EXPECT_EQ(idsOf(), "Uid: 0 0 0 0 Gid: 0 10001 0 10001 Groups: 4201 10001 ");
+        {
+            SystemPermission copy(*original);
+            // Work done as root that changes the groups and the group id.
+            ASSERT_EQ(ids::setGroups(1, std::vector<gid_t>{42}.data()), 0);
+            ASSERT_EQ(ids::setResGid(kSame, 42, kSame), 0);
+        }  // the copy was changed too and restores with its own array
+        EXPECT_EQ(idsOf(), kOperator);
+        EXPECT_EQ(idsOf("self"), mainBefore);  // process-wide calls would have taken it along
+        original->restorePermission();         // its array outlived the copy's
+        original->setRealPermissions();
+        SystemPermission moved(std::move(*original));
+        original.reset();  // a moved-from object does not undo the switch
+        EXPECT_EQ(idsOf().substr(0, 15), "Uid: 0 0 0 0 Gi");
+        ASSERT_EQ(ids::setGroups(0, nullptr), 0);
+        moved.restorePermission();
+        EXPECT_EQ(idsOf(), kOperator);  // the array was taken over
+    }).join();
+}
+
+// Root given up behind the object's back, `kept` still reachable: the destructor restores what
+// an unprivileged thread can, and aborts when that is not the snapshot's identity.
+void loseRoot(uid_t kept) {
+    becomeThread(0, 10001, 0, kOperatorGroups);
+    SystemPermission permission;
+    permission.setRealPermissions();
+    ASSERT_EQ(ids::setResGid(kept, kept, kept), 0);
+    ASSERT_EQ(ids::setResUid(kept, 10002, kept), 0);
+    EXPECT_EQ(failure([&] { permission.restorePermission(); }), "setUpPermission");
+}
+
+using IdentityDeathTest = IdentityTest;
+
+TEST_F(IdentityDeathTest, DestructorWithoutRootRestoresWhatItCanOrAborts) {
+    std::thread([] {
+        loseRoot(10001);
+        EXPECT_EQ(idsOf(), kDropped);
+    }).join();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(loseRoot(10002), "cannot return to euid 10001 egid 10001");
+}
+
+// After work done as root (group id 42) the snapshot's ids become every id.  A thread that keeps
+// its capabilities through the id change could climb back to root: that drop is refused.
+TEST_F(IdentityTest, DropForGoodLeavesNoWayBackToRoot) {
+    for (const unsigned long securebits : {0ul, static_cast<unsigned long>(SECBIT_NO_SETUID_FIXUP)})
+        std::thread([securebits] {
+            SCOPED_TRACE(securebits);
+            becomeThread(0, 10001, 0, kOperatorGroups, securebits);
+            SystemPermission permission;
+            ASSERT_EQ(ids::setResUid(kSame, 0, kSame), 0);
+            ASSERT_EQ(ids::setResGid(kSame, 42, kSame), 0);
+            EXPECT_EQ(failure([&] { permission.setUserPermissionDefinitely(); }),
+                      securebits == 0 ? "" : "setUserPermission sys_setresuid");
+            EXPECT_EQ(idsOf(), kDropped);
+            EXPECT_EQ(ids::setResUid(kSame, 0, kSame), securebits == 0 ? -1 : 0);
+        }).join();
+}
+
+constexpr const char* kDir = "/tmp/download";
+constexpr const char* kTrace = "/tmp/download/sessionP.txt";
+constexpr const char* kOther = "/tmp/download/other";
+
+// print() as root with something planted at the trace path.  /tmp is a tmpfs of the test's own,
+// in the sandbox's private mount namespace.
+TEST_F(IdentityTest, TraceWritesOnlyARegularFileOfItsOwnWithOneName) {
+    ASSERT_EQ(mount("tvc-trace", "/tmp", "tmpfs", 0, "mode=1777"), 0);
+    ASSERT_EQ(mkdir(kDir, 0755), 0);
+    const SystemPermission snapshot;
+    testing::internal::CaptureStdout();
+    snapshot.print();
+    const std::string block = testing::internal::GetCapturedStdout();
+    const std::string trace = block.substr(0, block.size() - 1);  // the file gets no blank line
+    Descriptor reader;
+    const struct {
+        const char* what;
+        std::function<bool()> plant;
+        std::string expected;  // read through the trace path afterwards
+        mode_t mode;           // of what is at the trace path afterwards, 0: nothing
+    } cases[] = {
+        {"nothing", [] { return true; }, trace, S_IFREG | 0600},
+        {"an earlier trace", [] { return writeFile(kTrace, "earlier\n"), true; }, "earlier\n" + trace, S_IFREG | 0644},
+        {"a symbolic link", [] { return writeFile(kOther, "o"), symlink(kOther, kTrace) == 0; }, "o", S_IFLNK | 0777},
+        {"a hard link", [] { return writeFile(kOther, "o"), link(kOther, kTrace) == 0; }, "o", S_IFREG | 0644},
+        {"another user's file", [] { return writeFile(kTrace, "o"), chown(kTrace, 10001, 10001) == 0; }, "o",
+         S_IFREG | 0644},
+        {"a FIFO nobody reads", [] { return mkfifo(kTrace, 0600) == 0; }, "", S_IFIFO | 0600},
+        {"a FIFO with a reader",
+         [&] { return mkfifo(kTrace, 0600) == 0 && (reader.reset(open(kTrace, O_RDONLY | O_NONBLOCK)), reader); }, "",
+         S_IFIFO | 0600},
+        // Last: the directory moves to /tmp/elsewhere.
+        {"a link in place of the directory",
+         [] { return rmdir(kDir) == 0 && mkdir("/tmp/elsewhere", 0755) == 0 && symlink("elsewhere", kDir) == 0; }, "",
+         0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::remove(kTrace);
+        std::remove(kOther);
+        reader.reset();
+        ASSERT_TRUE(c.plant());
+        // In a fresh process, where SIGALRM ends a print() that blocks.
+        EXPECT_EXIT((alarm(3), std::freopen("/dev/null", "w", stdout), snapshot.print(), _exit(0)),
+                    testing::ExitedWithCode(0), "");
+        const Descriptor watched(open(kTrace, O_RDONLY | O_NONBLOCK));
+        char text[4096];
+        const ssize_t length = watched ? read(watched.get(), text, sizeof text) : 0;
+        EXPECT_EQ(std::string(text, static_cast<size_t>(std::max<ssize_t>(length, 0))), c.expected);
+        struct stat status {};
+        lstat(kTrace, &status);
+        EXPECT_EQ(status.st_mode, c.mode);
+    }
+    umount2("/tmp", MNT_DETACH);
+}
+
+TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOnly) {
+    // Asked in the child, this configuration would let the command keep its root ids.
+    static const pid_t parent = getpid();
+    ScopedRootProfile parentOnly([] { return getpid() == parent; });
+    // operator is in more groups than the first guess of room holds.
+    std::string lines, gids;
+    for (int gid = 5000; gid < 5100; ++gid) {
+        lines += "g" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":operator\n";
+        gids += std::to_string(gid) + " ";
+    }
+    tvc::test::addLines("/etc/group", lines);
+    const struct {
+        unsigned int real, effective, saved;
+        std::vector<gid_t> groups;
+        std::string ids;  // of the command; "": the launch is refused
+        unsigned long securebits = 0;
+    } cases[] = {
+        // Whatever groups the thread carries, the command gets exactly its account's.
+        {0, 10001, 0, {4201, 10001}, allIds(10001, "4102 4103 4104 4200 4201 " + gids + "10001")},
+        {0, 10002, 0, {0, 4200}, allIds(10002, "4102 4104 4201 10002")},
+        {0, 3000, 0, {0, 4200}, allIds(3000, "3000")},      // no account: its group id alone
+        {0, 0, 0, {4200, 10001}, allIds(0, "4200 10001")},  // root keeps its groups
+        {10001, 10001, 10001, {4201}, ""},                  // no root id left to give up
+        // Capabilities that survive the id change would let the command climb back to root.
+        {0, 10001, 0, {4201}, "", SECBIT_NO_SETUID_FIXUP},
+    };
+    for (const auto& c : cases)
+        std::thread([&c] {
+            SCOPED_TRACE(c.effective);
+            becomeThread(c.real, c.effective, c.saved, c.groups, c.securebits);
+            const std::string before = idsOf();
+            if (!c.ids.empty()) {
+                EXPECT_EQ(idsIn(std::istringstream(ScriptLauncher::exec("cat /proc/self/status", true))), c.ids);
+            } else {
+                errno = 0;
+                EXPECT_EQ(ScriptLauncher::Popen("echo must-not-run", "r"), nullptr);
+                EXPECT_EQ(errno, EPERM);
+                EXPECT_TRUE(noChildren());  // reaped
+                EXPECT_THROW(ScriptLauncher::exec("echo must-not-run", true), std::runtime_error);
+                EXPECT_EQ(ScriptLauncher::exec("echo ran", false), "ran");  // no identity step, no refusal
+            }
+            EXPECT_EQ(idsOf(), before);  // the calling thread keeps its ids, and its way back to root
+        }).join();
+}
+
+}  // namespace
