@@ -1,10 +1,5 @@
-// A log sink for tests: keeps every message the library hands to it while it exists.
-//
-//     tvc::test::RecordingLogger sink;   // installed from here to the end of its scope
-//     ...call the library...
-//     ASSERT_EQ(sink.messages.size(), 1u);
-//
-// When destroyed it puts back the sink installed before it, so nothing logs into a destroyed object.
+// A log sink for tests: installed while it exists, it keeps every message the library hands
+// to it, and puts the previous sink back when destroyed so nothing logs into a dead object.
 #pragma once
 
 #include <mutex>
@@ -33,9 +28,8 @@ public:
     ~RecordingLogger() override { m_ptrDefaultSLogger = m_previous; }
 
     void logMessage(usermanagement::LogCategory category, int messageId, int third,
-                    const usermanagement::LogSeverity& severity, std::string ip, int sixth,
-                    std::string text) override {
-        // The library may log from several threads; readers look once those are done.
+                    const usermanagement::LogSeverity& severity, std::string ip, int sixth, std::string text) override {
+        // The library may log from several threads.
         const std::lock_guard<std::mutex> lock(m_mutex);
         messages.push_back({category, messageId, third, severity, std::move(ip), sixth, std::move(text)});
     }
