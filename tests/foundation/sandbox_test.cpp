@@ -1,21 +1,19 @@
-// Checks of the test environment itself: the sandbox builds the sample device its description
-// (tools/sampledevice/sample-device.txt) gives, never lets a change reach the files outside,
-// keeps its command-line interface, and the fixture puts the device back.  README's table of
-// the sample accounts is held to the same description.
+// Checks of the test environment itself: the sandbox builds the device that
+// tools/sampledevice/sample-device.txt describes, keeps every change inside, keeps its
+// command-line interface, and the fixture puts the device back.  README's sample accounts are
+// held to the same description.
 #include <gtest/gtest.h>
 
 #include <crypt.h>
 #include <grp.h>
 #include <pwd.h>
-#include <shadow.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -26,7 +24,6 @@
 #include "support/Sandbox.h"
 
 using tvc::sample::sampleDevice;
-using tvc::test::pristineDir;
 using tvc::test::readFile;
 
 namespace {
@@ -63,44 +60,35 @@ std::string ownerAndMode(const std::string& path) {
     return text.str();
 }
 
-TEST_F(SampleDevice, SandboxWritesTheDescribedDeviceAndNothingElseAnswers) {
+void expectDescribedFilesIn(const std::string& dir) {
     for (const auto& [name, text] : describedFiles()) {
-        EXPECT_EQ(readFile(pristineDir() + "/" + name), text) << name;
-        EXPECT_EQ(ownerAndMode("/etc/" + name), name.find("shadow") != std::string::npos ? "0:42 640" : "0:0 644");
+        EXPECT_EQ(readFile(dir + "/" + name), text) << dir << "/" << name;
+        EXPECT_EQ(ownerAndMode(dir + "/" + name), name.find("shadow") != std::string::npos ? "0:42 640" : "0:0 644");
     }
-    std::set<std::string> homes;
-    for (const auto& a : sampleDevice().accounts) {
-        const passwd* entry = getpwnam(a.name.c_str());
-        ASSERT_NE(entry, nullptr) << a.name;
-        EXPECT_EQ(entry->pw_uid, a.uid);
-        const spwd* shadow = getspnam(a.name.c_str());
-        ASSERT_NE(shadow, nullptr) << a.name;
-        EXPECT_EQ(shadow->sp_pwdp, a.shadow);
-        // A home under /home belongs to the first account naming it.
-        const unsigned int gid = sampleDevice().group(a.group).gid;
-        if (a.home.rfind("/home/", 0) == 0 && homes.insert(a.home).second) {
-            EXPECT_EQ(ownerAndMode(a.home), std::to_string(a.uid) + ":" + std::to_string(gid) + " 750") << a.home;
-        }
-
-        // getgrouplist reports the primary group, then the groups naming the account in file order.
-        std::vector<gid_t> expected{gid};
-        for (const auto& g : sampleDevice().groups)
-            for (const std::string& member : g.members)
-                if (member == a.name && g.gid != gid) expected.push_back(g.gid);
-        gid_t groups[64];
-        int count = 64;
-        ASSERT_NE(getgrouplist(a.name.c_str(), gid, groups, &count), -1);
-        EXPECT_EQ(std::vector<gid_t>(groups, groups + count), expected) << a.name;
-    }
-    for (const auto& g : sampleDevice().groups) {
-        const group* entry = getgrnam(g.name.c_str());
-        ASSERT_NE(entry, nullptr) << g.name;
-        EXPECT_EQ(entry->gr_gid, g.gid);
-    }
-    EXPECT_EQ(getpwnam("daemon"), nullptr) << "every Debian host has it; the sample device does not";
 }
 
-// The description's hashes are those of its test passwords; accounts without one are locked.
+// The fixture restores contents, owners and modes, whatever a test did to them.
+TEST_F(SampleDevice, SandboxWritesTheDescribedDeviceAndTheFixturePutsItBack) {
+    expectDescribedFilesIn(tvc::test::pristineDir());
+    expectDescribedFilesIn("/etc");
+    // A home under /home belongs to the first account naming it.
+    std::set<std::string> homes;
+    for (const auto& a : sampleDevice().accounts) {
+        if (a.home.rfind("/home/", 0) != 0 || !homes.insert(a.home).second) continue;
+        EXPECT_EQ(ownerAndMode(a.home),
+                  std::to_string(a.uid) + ":" + std::to_string(sampleDevice().group(a.group).gid) + " 750");
+    }
+    EXPECT_NE(getpwnam("admin"), nullptr);
+    EXPECT_EQ(getpwnam("daemon"), nullptr) << "every Debian host has it; the sample device does not";
+
+    tvc::test::writeFile("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");
+    ASSERT_EQ(chown("/etc/shadow", 0, 0), 0);
+    ASSERT_EQ(chmod("/etc/shadow", 0600), 0);
+    tvc::test::restoreSampleDevice();
+    expectDescribedFilesIn("/etc");
+}
+
+// Accounts without a test password are locked.
 TEST(SampleDeviceDescription, HashesAreThoseOfTheTestPasswords) {
     for (const auto& a : sampleDevice().accounts) {
         if (a.password.empty()) {
@@ -143,78 +131,43 @@ TEST(SampleDeviceDescription, ProfileAccountsHoldExactlyTheGroupsTheProfileGrant
     EXPECT_EQ(managed, 5) << "the managed accounts fill the default limit of five";
 }
 
-// README's table and the paragraph after it: every account row and every "`name` (id)" agree
-// with the description, and every account of the description is named there.
-TEST(SampleDeviceDescription, ReadmeTableMatches) {
+// README's table rows ("| name | uid | group gid | password |") and the "`name` (id)" mentions
+// of the paragraph after it agree with the description, and name every account.
+TEST(SampleDeviceDescription, ReadmeAgrees) {
     const std::string readme = readFile(TVC_SOURCE_DIR "/README.md");
     const std::size_t begin = readme.find("Sample accounts");
     ASSERT_NE(begin, std::string::npos);
-    std::istringstream section(readme.substr(begin, readme.find("\n## ", begin) - begin));
+    const std::string section = readme.substr(begin, readme.find("\n## ", begin) - begin);
     const auto idOf = [](const std::string& name) {
         for (const auto& a : sampleDevice().accounts)
             if (a.name == name) return a.uid;
         return sampleDevice().group(name).gid;
     };
     std::set<std::string> named;
-    for (std::string line; std::getline(section, line);) {
-        // | account | uid | group gid | password | notes |
-        std::istringstream row(line);
-        std::string bar, name, uid, group, gid, password;
-        if (row >> bar >> name >> bar >> uid >> bar >> group >> gid >> bar >> password && uid != "|" &&
-            std::isdigit(static_cast<unsigned char>(uid[0]))) {
-            const auto& a = sampleDevice().account(name);
-            EXPECT_EQ(uid + " " + group + " " + gid + " " + password,
-                      std::to_string(a.uid) + " " + a.group + " " + std::to_string(idOf(a.group)) + " " +
-                          (a.password.empty() ? "locked" : a.password));
-            named.insert(name);
-        }
-        // `name` (id)
-        for (std::size_t at = line.find('`'); at != std::string::npos; at = line.find('`', at + 1)) {
-            const std::size_t end = line.find("` (", at + 1);
-            if (end == std::string::npos || line.find('`', at + 1) != end) continue;
-            const std::string name = line.substr(at + 1, end - at - 1);
-            EXPECT_EQ(line.substr(end + 3, line.find(')', end) - end - 3), std::to_string(idOf(name))) << name;
-            named.insert(name);
-            at = end;
-        }
+    const std::regex row(R"(\| (\S+) +\| (\d+) +\| (\S+) (\d+) +\| (\S+) +\|)"), mention(R"(`([^`]+)` \((\d+)\))");
+    for (std::sregex_iterator m(section.begin(), section.end(), row), end; m != end; ++m) {
+        const auto& a = sampleDevice().account(m->str(1));
+        EXPECT_EQ(m->str(2) + " " + m->str(3) + " " + m->str(4) + " " + m->str(5),
+                  std::to_string(a.uid) + " " + a.group + " " + std::to_string(idOf(a.group)) + " " +
+                      (a.password.empty() ? "locked" : a.password));
+        named.insert(a.name);
+    }
+    for (std::sregex_iterator m(section.begin(), section.end(), mention), end; m != end; ++m) {
+        EXPECT_EQ(m->str(2), std::to_string(idOf(m->str(1)))) << m->str(1);
+        named.insert(m->str(1));
     }
     for (const auto& a : sampleDevice().accounts) EXPECT_TRUE(named.count(a.name)) << a.name << " is not in README";
 }
 
-TEST_F(SampleDevice, FixturePutsBackContentsOwnersAndModes) {
-    tvc::test::writeFile("/etc/passwd", "root:x:0:0:root:/root:/bin/bash\n");
-    ASSERT_EQ(chown("/etc/shadow", 0, 0), 0);
-    ASSERT_EQ(chmod("/etc/shadow", 0600), 0);
-    ASSERT_EQ(getpwnam("admin"), nullptr);
-    tvc::test::restoreSampleDevice();
-    for (const auto& [name, text] : describedFiles()) EXPECT_EQ(readFile("/etc/" + name), text) << name;
-    EXPECT_EQ(ownerAndMode("/etc/shadow"), "0:42 640");
-    EXPECT_NE(getpwnam("admin"), nullptr);
-}
-
-// Runs the sandbox script with `args` as `uid`; its exit status and what it printed.
-std::pair<int, std::string> runSandbox(const std::vector<std::string>& args, uid_t uid = 0) {
-    int out[2];
-    if (pipe(out) != 0) return {-1, "pipe"};
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(out[1], 1);
-        dup2(out[1], 2);
-        close(out[0]);
-        if (uid != 0 && (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0)) _exit(126);
-        std::vector<char*> argv{const_cast<char*>(tvc::test::sandboxScript())};
-        for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
+// Runs the sandbox script with `args` (shell words), as nobody when asked; its exit status
+// and what it printed.
+std::pair<int, std::string> runSandbox(const std::string& args, bool asNobody = false) {
+    const std::string as = asNobody ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+    std::FILE* out = popen((as + tvc::test::sandboxScript() + " " + args + " 2>&1").c_str(), "r");
     std::string text;
     char buffer[4096];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<std::size_t>(n));
-    close(out[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
+    const int status = pclose(out);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), text};
 }
 
@@ -222,9 +175,8 @@ std::pair<int, std::string> runSandbox(const std::vector<std::string>& args, uid
 TEST_F(SampleDevice, NestedSandboxChangesNothingOutsideAndKeepsItsInterface) {
     const std::string before = readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group");
     const auto [status, out] = runSandbox(
-        {"--", "sh", "-c",
-         "cat /etc/passwd; echo intruder:x:0:0::/:/bin/sh >>/etc/passwd; : >/etc/shadow; rm /etc/group;"
-         "mkdir /home/intruder; echo x >/var/log/tvc-intruder; test \"$TVC_SANDBOX\" = 1 && exit 3"});
+        "-- sh -c 'cat /etc/passwd; echo intruder:x:0:0::/:/bin/sh >>/etc/passwd; : >/etc/shadow; rm /etc/group;"
+        " mkdir /home/intruder; echo x >/var/log/tvc-intruder; test \"$TVC_SANDBOX\" = 1 && exit 3'");
     EXPECT_EQ(status, 3);
     EXPECT_EQ(out, describedFiles().at(0).second);
     EXPECT_EQ(readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group"), before);
@@ -233,42 +185,29 @@ TEST_F(SampleDevice, NestedSandboxChangesNothingOutsideAndKeepsItsInterface) {
     const std::string refused = "tvc-sandbox: cannot create the device sandbox: needs root (running as uid 65534)\n";
     const std::string usage = "usage: tvc-sandbox [--fallback] [--] COMMAND [ARGS...]\n";
     const std::pair<std::pair<int, std::string>, std::pair<int, std::string>> cases[] = {
-        {runSandbox({}), {2, usage}},
-        {runSandbox({"--bogus", "true"}), {2, usage}},
-        {runSandbox({"--", "true"}, 65534), {125, refused}},
-        {runSandbox({"--fallback", "sh", "-c", "echo \"${TVC_SANDBOX-unset} $TVC_SANDBOX_ERROR\""}, 65534),
+        {runSandbox(""), {2, usage}},
+        {runSandbox("--bogus true"), {2, usage}},
+        {runSandbox("-- true", true), {125, refused}},
+        {runSandbox("--fallback sh -c 'echo \"${TVC_SANDBOX-unset} $TVC_SANDBOX_ERROR\"'", true),
          {0, "unset needs root (running as uid 65534)\n"}},
     };
     for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 }
 
 // A sandbox that is told to stop must not leave its command running without the sandbox's
-// scratch file system (and the pristine copies) underneath it.
+// scratch file system (and the pristine copies) underneath it.  The command is the sandbox's
+// child: it names both.
 TEST_F(SampleDevice, StoppedSandboxEndsItsCommandBeforeLeaving) {
-    char pidFile[] = "/tmp/tvc-sandbox-test.XXXXXX";
-    int fd = mkstemp(pidFile);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    const std::string script = std::string("echo $$ >") + pidFile + "; exec sleep 30";
-
-    pid_t sandbox = fork();
-    ASSERT_GE(sandbox, 0);
-    if (sandbox == 0) {
-        execl(tvc::test::sandboxScript(), tvc::test::sandboxScript(), "--", "sh", "-c", script.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
+    std::FILE* said =
+        popen((tvc::test::sandboxScript() + std::string(" -- sh -c 'echo $$ $PPID; exec sleep 30'")).c_str(), "r");
+    ASSERT_NE(said, nullptr);
+    pid_t command = 0, sandbox = 0;
+    const bool started = std::fscanf(said, "%d %d", &command, &sandbox) == 2 && command > 0 && sandbox > 0;
+    if (started) {
+        EXPECT_EQ(kill(sandbox, SIGTERM), 0);
     }
-    pid_t command = 0;
-    for (int i = 0; i < 500 && command <= 0; ++i) {
-        usleep(10000);
-        command = std::atoi(readFile(pidFile).c_str());
-    }
-    std::remove(pidFile);
-    ASSERT_GT(command, 0) << "the nested sandbox never started its command";
-
-    ASSERT_EQ(kill(sandbox, SIGTERM), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(sandbox, &status, 0), sandbox);
+    const int status = pclose(said);
+    ASSERT_TRUE(started) << "the nested sandbox never started its command";
     const bool commandLeft = kill(command, 0) == 0;
     if (commandLeft) kill(command, SIGKILL);
     EXPECT_FALSE(commandLeft) << "the command outlived its sandbox";
