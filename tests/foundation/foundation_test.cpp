@@ -1,6 +1,6 @@
-// What hosts see of the foundation: exceptions rendered as log lines (through a recording
-// sink) and JSON answers, compared byte for byte; the providers; the per-thread log context.
-// Every exception is used through the root class, as hosts catch it.
+// What hosts see of the foundation: exception log lines and JSON answers byte for byte, the
+// providers and the per-thread log context.  Exceptions are used through the root class, as
+// hosts catch them.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -53,15 +53,20 @@ TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
         {make<UMException>(UMSystemError::FileTransaction, "M", "u", true), kAccount, 17, kDebug, "", ",(13)M,"},
         {make<UMSystemErrorException>(UMSystemError::FileTransaction, "fopen /etc/tmppassd", "desc", "root", true),
          kAccount, 31, kDebug, "", "Main account unsupressible,(13)fopen /etc/tmppassd,desc"},
+        {make<UMSystemErrorException>(UMSystemError::FilesLocked, "lckpwdf", "root", true), kAccount, 28, kDebug, "",
+         "Password error,(11)lckpwdf,"},
         {make<UMSystemErrorException>(UMError::RoleError, "x", "root", true), kAccount, 27, kDebug, "", ",(2)x,"},
         {make<PMException>(PMError::UpdatePrivilegeFailed, "setUpPermission", "bob", true), kAccount, 33, kDebug, "",
          "Update privilege failed,(15)setUpPermission,"},
+        {make<PMException>(PMError::MemoryAllocation, "malloc", "bob", true), kAccount, 35, kDebug, "",
+         "Memory allocation error,(17)malloc,"},
         {make<PMException>(UMError::UserNotFound, "x", "bob", true), kAccount, 32, kDebug, "", ",(5)x,"},
         // The session classes bracket the user; notice and warning lines carry no details, and
         // the authentication text's own trailing blank gives two blanks.
         {make<AuthNZException>(AuthNZError::InitPamFailed, "pam_start", "", "alice", true), kSession, 9, kDebug, "",
          "Session - Init pam failed <alice>,(1)pam_start,"},
-        {make<AuthNZException>(UMError::MaxUsersReached, "x", "", "carol", true), kSession, 27, kDebug, "", " <carol>,(6)x,"},
+        {make<AuthNZException>(UMError::MaxUsersReached, "x", "", "carol", true), kSession, 27, kDebug, "",
+         " <carol>,(6)x,"},
         {make<AuthenticationException>(AuthenticationError::InvalidCredentials, "bad", "", "alice", true), kSession, 4,
          LogSeverity::Notice, "InvalidCredentials", "Session - Authentication failed  <alice>"},
         {make<AuthorizationException>(AuthorizationError::NotAuthorized, "Not authorized", "Not authorized (check)",
@@ -71,8 +76,8 @@ TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
         {make<AuthorizationException>(AuthorizationError::ExpiredCredentials, "expired", "", "bob", true), kAccount, 7,
          LogSeverity::Warning, "ExpiredCredentials", "User account - Password expired <bob>"},
         // Password-quality codes have no text; NewPasswordTooLong does.
-        {make<UpdatePasswordException>(UpdatePasswordError::FirstQualityRule + 1, "minlen", "", "dave", true),
-         kAccount, 17, kDebug, "", " <dave>,(23)minlen,"},
+        {make<UpdatePasswordException>(UpdatePasswordError::FirstQualityRule + 1, "minlen", "", "dave", true), kAccount,
+         17, kDebug, "", " <dave>,(23)minlen,"},
         {make<UpdatePasswordException>(UpdatePasswordError::NewPasswordTooLong, "cryptPwd", "", true), kAccount, 17,
          kDebug, "NewPasswordTooLong", "User account - New password too long <>,(19)cryptPwd,"},
     };
@@ -93,18 +98,15 @@ TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
         EXPECT_STREQ(c.exception->getError(), c.keyword);
     }
     umlog::Ctx::getCtx().setIP("");
-    // Only an exception made with logging on logs, and every call logs again.
     sink.messages.clear();
     UMException(UMError::UserNotFound, "gone", "u", false).logCdsMessage();
-    UMException loud(UMError::PasswordError, "x", "u", true);
-    loud.logCdsMessage();
-    loud.logCdsMessage();
-    EXPECT_EQ(sink.messages.size(), 2u);
+    EXPECT_TRUE(sink.messages.empty()) << "made with logging off";
 }
 
 TEST(ExceptionJson, ClassAndErrorCodeExactly) {
     const std::pair<Ptr, const char*> cases[] = {
-        {make<TvcException>(UMError::MainAccountUnremovable, "x", "u", true), "{\"classCode\":-1,\n \"errorCode\":3\n}"},
+        {make<TvcException>(UMError::MainAccountUnremovable, "x", "u", true),
+         "{\"classCode\":-1,\n \"errorCode\":3\n}"},
         {make<UMException>(UMError::UserNotFound, "x", "u", false), "{\"classCode\":0,\n \"errorCode\":5\n}"},
         {make<UpdatePasswordException>(UpdatePasswordError::FirstQualityRule + 1, "x", "u", true),
          "{\"classCode\":0,\n \"errorCode\":23\n}"},
