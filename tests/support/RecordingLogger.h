@@ -11,7 +11,6 @@
 
 namespace tvc::test {
 
-// One logMessage call, its arguments in order.
 struct LoggedMessage {
     usermanagement::LogCategory category{};
     int messageId = 0;
@@ -29,7 +28,6 @@ public:
 
     void logMessage(usermanagement::LogCategory category, int messageId, int third,
                     const usermanagement::LogSeverity& severity, std::string ip, int sixth, std::string text) override {
-        // The library may log from several threads.
         const std::lock_guard<std::mutex> lock(m_mutex);
         messages.push_back({category, messageId, third, severity, std::move(ip), sixth, std::move(text)});
     }
@@ -38,7 +36,7 @@ public:
 
 private:
     usermanagement::Logger* const m_previous = m_ptrDefaultSLogger;
-    std::mutex m_mutex;
+    std::mutex m_mutex;  // the library may log from several threads
 };
 
 }  // namespace tvc::test

@@ -7,23 +7,21 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
 namespace tvc::test {
 
-namespace {
-
-std::string env(const char* name) {
+static std::string env(const char* name) {
     const char* value = std::getenv(name);
     return value ? value : "";
 }
 
-[[noreturn]] void fail(const std::string& what, const std::string& path) {
+[[noreturn]] static void fail(const std::string& what, const std::string& path) {
     throw std::system_error(errno, std::generic_category(), what + " " + path);
 }
-
-}  // namespace
 
 bool sandboxActive() { return env("TVC_SANDBOX") == "1"; }
 std::string sandboxError() { return sandboxActive() ? "" : env("TVC_SANDBOX_ERROR"); }
@@ -31,14 +29,10 @@ std::string pristineDir() { return env("TVC_SANDBOX_PRISTINE"); }
 const char* sandboxScript() { return TVC_SANDBOX_SCRIPT; }
 
 std::string readFile(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "re");
-    if (file == nullptr) fail("open", path);
-    std::string text;
-    char buffer[8192];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, n);
-    const bool failed = std::ferror(file) != 0;
-    std::fclose(file);
-    if (failed) fail("read", path);
+    std::ifstream file(path, std::ios::binary);
+    if (!file) fail("open", path);
+    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (file.bad()) fail("read", path);
     return text;
 }
 
