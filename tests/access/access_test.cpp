@@ -108,17 +108,18 @@ std::string groups(Account account) {
 // An account's profile gid is its primary group when in 10000-19999, else the first profile group
 // listed for it, else its primary group; its groups start with that one, then follow the file.
 TEST_F(LookupTest, ProfileGidAndGroups) {
-    // Accounts at both ends of the range, each also in the profile group 10005; ghost's primary
-    // gid has no group entry: skipped, not a failure.
+    // Primary and supplementary gids around both ends of the range; ghost's primary gid has no
+    // group entry: skipped, not a failure.
     addLines("/etc/passwd", "edge-9999:x:3001:9999::/:/bin/sh\nedge-10000:x:3002:10000::/:/bin/sh\n"
                             "edge-19999:x:3003:19999::/:/bin/sh\nedge-20000:x:3004:20000::/:/bin/sh\n"
                             "ghost:x:3000:3333::/:/bin/sh\n");
-    addLines("/etc/group", "edges:x:10005:edge-9999,edge-10000,edge-19999,edge-20000\nghosts:x:4300:ghost\n");
+    addLines("/etc/group", "above:x:20000:edge-9999\nbase:x:10000:edge-9999\ntop:x:19999:edge-20000\n"
+                           "edges:x:10005:edge-10000,edge-19999\nghosts:x:4300:ghost\n");
     const std::tuple<const char*, unsigned int, unsigned int> cases[] = {
         {"plainuser", uidOf("plainuser"), gidOf("viewers")},  // listed in role-user-manager first
         {"svc-backup", uidOf("svc-backup"), gidOf("users")},  // in no profile group
-        {"edge-9999", 3001, 10005},  {"edge-10000", 3002, 10000},
-        {"edge-19999", 3003, 19999}, {"edge-20000", 3004, 10005},
+        {"edge-9999", 3001, 10000},  {"edge-10000", 3002, 10000},
+        {"edge-19999", 3003, 19999}, {"edge-20000", 3004, 19999},
     };
     for (const auto& [account, uid, profileGid] : cases) {
         EXPECT_EQ(ids(account), pair(uid, profileGid));
