@@ -78,38 +78,6 @@ TEST_F(SampleDevice, SandboxWritesTheDescribedDeviceAndTheFixturePutsItBack) {
     expectDescribedFilesIn("/etc");
 }
 
-// The managed accounts are members of exactly the role and right groups their profile grants,
-// so that rights checks through the catalogue and the group file agree; a profile group's id is
-// its gid minus 10000, and every role a profile names is described.
-TEST(SampleDeviceDescription, ProfileAccountsHoldExactlyTheGroupsTheProfileGrants) {
-    int managed = 0;
-    for (const auto& profile : sampleDevice().profiles) {
-        if (profile.id < 0) continue;  // root and www-data: system profiles without roles
-        EXPECT_EQ(profile.id + 10000u, sampleDevice().group(profile.name).gid) << profile.name;
-        std::set<std::string> granted;
-        for (const std::string& name : profile.roles) {
-            int described = 0;
-            for (const auto& role : sampleDevice().roles) {
-                if (role.name != name) continue;
-                ++described;
-                granted.insert(role.name);
-                granted.insert(role.grants.begin(), role.grants.end());
-            }
-            EXPECT_EQ(described, 1) << name;
-        }
-        for (const auto& a : sampleDevice().accounts) {
-            if (a.group != profile.name) continue;
-            ++managed;
-            std::set<std::string> memberOf;
-            for (const auto& g : sampleDevice().groups)
-                for (const std::string& member : g.members)
-                    if (member == a.name) memberOf.insert(g.name);
-            EXPECT_EQ(memberOf, granted) << a.name;
-        }
-    }
-    EXPECT_EQ(managed, 5) << "the managed accounts fill the default limit of five";
-}
-
 // README's table rows ("| name | uid | group gid | password |") and the "`name` (id)" mentions
 // of the paragraph after it agree with the description, and name every account.
 TEST(SampleDeviceDescription, ReadmeAgrees) {
