@@ -1,10 +1,5 @@
-// A log sink for tests: keeps every message the library hands to it while it exists.
-//
-//     tvc::test::RecordingLogger sink;   // installed from here to the end of its scope
-//     ...call the library...
-//     ASSERT_EQ(sink.messages.size(), 1u);
-//
-// When destroyed it puts back the sink installed before it, so nothing logs into a destroyed object.
+// A log sink for tests: installed while it exists, it keeps every message the library hands
+// to it, and puts the previous sink back when destroyed so nothing logs into a dead object.
 #pragma once
 
 #include <mutex>
@@ -16,7 +11,6 @@
 
 namespace tvc::test {
 
-// One logMessage call, its arguments in order.
 struct LoggedMessage {
     usermanagement::LogCategory category{};
     int messageId = 0;
@@ -33,9 +27,7 @@ public:
     ~RecordingLogger() override { m_ptrDefaultSLogger = m_previous; }
 
     void logMessage(usermanagement::LogCategory category, int messageId, int third,
-                    const usermanagement::LogSeverity& severity, std::string ip, int sixth,
-                    std::string text) override {
-        // The library may log from several threads; readers look once those are done.
+                    const usermanagement::LogSeverity& severity, std::string ip, int sixth, std::string text) override {
         const std::lock_guard<std::mutex> lock(m_mutex);
         messages.push_back({category, messageId, third, severity, std::move(ip), sixth, std::move(text)});
     }
@@ -44,7 +36,7 @@ public:
 
 private:
     usermanagement::Logger* const m_previous = m_ptrDefaultSLogger;
-    std::mutex m_mutex;
+    std::mutex m_mutex;  // the library may log from several threads
 };
 
 }  // namespace tvc::test

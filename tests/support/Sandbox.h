@@ -1,12 +1,9 @@
-// Test fixture and helpers for tests that work on the device's account files.
-//
-// Test binaries run inside tools/sandbox/tvc-sandbox (SandboxMain.cpp arranges it), so /etc
-// is a throw-away overlay holding the sample device.  SandboxTest puts the sample account
-// files back before every test.  Outside a sandbox its tests are skipped, or fail when the
-// environment says CI=true: a CI machine must be able to build the sandbox.
-//
-// A fixture deriving from SandboxTest that has its own SetUp calls SandboxTest::SetUp() first
-// and returns when IsSkipped() or HasFatalFailure().
+// Fixture and file helpers for tests of the device's account files.  Test binaries run inside
+// tools/sandbox/tvc-sandbox (SandboxMain.cpp), where /etc is a throw-away overlay holding the
+// sample device; SandboxTest puts its account files back before every test.  Outside a sandbox
+// those tests are skipped, or fail when CI=true: a CI machine must be able to build one.  A
+// derived fixture's SetUp calls SandboxTest::SetUp() first and returns on IsSkipped() or
+// HasFatalFailure().
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,24 +12,20 @@
 
 namespace tvc::test {
 
-// True when this process runs inside the device sandbox.
 bool sandboxActive();
 // Why there is no sandbox (TVC_SANDBOX_ERROR), or "" inside one.
 std::string sandboxError();
 // Directory with the untouched sample passwd, group, shadow and gshadow.
 std::string pristineDir();
-// Path of tools/sandbox/tvc-sandbox, for tests of the sandbox itself.
 const char* sandboxScript();
 
-// Whole file; throws std::system_error when it cannot be read.
+// The file helpers throw std::system_error when a file cannot be read or written.
 std::string readFile(const std::string& path);
-// Replaces the contents of `path`, keeping the owner and mode of an existing file (a new one
-// gets 0644); throws std::system_error on failure.
+// Keeps the owner and mode of an existing file; a new one gets 0644.
 void writeFile(const std::string& path, const std::string& text);
-// Adds `text` (whole lines) to the file at `path`, behind its lines or in front of them.
+// Adds whole lines behind the file's lines or in front of them.
 void addLines(const std::string& path, const std::string& text, bool inFront = false);
-// Drops the line of entry `name` (the text before its first ':') from the file at `path`;
-// a test failure when there is none.
+// Drops the line of entry `name`; a test failure when there is none.
 void removeEntry(const std::string& path, const std::string& name);
 // Puts the sample /etc/passwd, group, shadow and gshadow back: contents, owner and mode.
 void restoreSampleDevice();
