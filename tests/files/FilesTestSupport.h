@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -102,10 +101,11 @@ inline void inPasswd(const Body& body) { rewrite("/etc/passwd", "/etc/tmppassd",
 inline void inShadow(const Body& body) { rewrite("/etc/shadow", "/etc/tmpshadow", body); }
 
 // Expects `body` to throw exactly the class `type` with `code` and `message` (or a message
-// that begins with it, when the rest names a system error text).
+// that begins with it, when the rest names a system error text).  Returns the description,
+// which names the reason of a failed system call.
 enum class Match { Whole, Start };
-inline void expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
-                          const std::string& message, Match match = Match::Whole) {
+inline std::string expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
+                                 const std::string& message, Match match = Match::Whole) {
     try {
         body();
         ADD_FAILURE() << "no exception, expected " << code << " " << message;
@@ -114,7 +114,9 @@ inline void expectFailure(const std::function<void()>& body, const std::type_inf
         EXPECT_EQ(e.getErrorId(), code) << e.what();
         const std::string what = e.what();
         EXPECT_EQ(match == Match::Whole ? what : what.substr(0, message.size()), message) << what;
+        return e.getErrorDescription();
     }
+    return "";
 }
 
 inline std::vector<std::string> lines(const std::string& path) {
