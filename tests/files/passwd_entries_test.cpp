@@ -10,20 +10,6 @@ constexpr const char* kPasswd = "/etc/passwd";
 
 using PasswdEntries = FilesTest;
 
-TEST_F(PasswdEntries, NewEntryIsAppendedLastWithTheFirstFreeUidAndReadBack) {
-    definition.count = 8;  // 10005..10007 free
-    const std::string before = readFile(kPasswd);
-    unsigned int uid = 0;
-    inPasswd([&](FileSystemUpdate& t) { uid = addEntryInPasswordFile(t, "newbie", 10002); });
-    EXPECT_EQ(uid, 10005u);
-    const std::string entry = "newbie:x:10005:10002:UI User:/home/admin:/bin/sh\n";
-    EXPECT_EQ(readFile(kPasswd), before + entry);
-    EXPECT_EQ(run("getent passwd newbie").output, entry);
-    // The uid generator asks the system database, which now has 10005.
-    inPasswd([&](FileSystemUpdate& t) { uid = addEntryInPasswordFile(t, "second", 10001); });
-    EXPECT_EQ(uid, 10006u);
-}
-
 TEST_F(PasswdEntries, GenerateUidTakesTheFirstFreeIdOfTheRange) {
     EXPECT_EQ(generateUID(2001, 5), 2004u);  // 2001-2003 are service accounts
     EXPECT_EQ(generateUID(4294967294u, 1), 4294967294u);
@@ -33,52 +19,46 @@ TEST_F(PasswdEntries, GenerateUidTakesTheFirstFreeIdOfTheRange) {
                       "generateUID error, max uid reached");
 }
 
-TEST_F(PasswdEntries, UpdateReportsRenamesAndProfileChanges) {
-    const std::string before = readFile(kPasswd), ownName = "viewer", newName = "watcher";
-    LookUpdatePasswd same, profile, renamed;
-    inPasswd([&](FileSystemUpdate& t) { updateEntryInPasswordFile(t, 10002, 10002, &ownName, same); });
-    EXPECT_FALSE(same.nameUpdated || same.profileUpdated);
-    EXPECT_EQ(readFile(kPasswd), before);
-
-    inPasswd([&](FileSystemUpdate& t) { updateEntryInPasswordFile(t, 10002, 10003, nullptr, profile); });
-    EXPECT_TRUE(profile.profileUpdated);
-    EXPECT_EQ(profile.oldGid, 10002u);
-    EXPECT_FALSE(profile.nameUpdated);
-    EXPECT_EQ(profile.oldName, "");
-    EXPECT_EQ(lineOf(kPasswd, "viewer"), "viewer:x:10002:10003:Viewer:/home/admin:/bin/maintenance");
-
-    inPasswd([&](FileSystemUpdate& t) { updateEntryInPasswordFile(t, 10002, 10003, &newName, renamed); });
-    EXPECT_TRUE(renamed.nameUpdated);
-    EXPECT_EQ(renamed.oldName, "viewer");
-    EXPECT_FALSE(renamed.profileUpdated);
-    const std::string oldLine = "viewer:x:10002:10002:Viewer:/home/admin:/bin/sh";
-    EXPECT_EQ(readFile(kPasswd),
-              std::string(before).replace(before.find(oldLine), oldLine.size(),
-                                          "watcher:x:10002:10003:Viewer:/home/admin:/bin/maintenance"));
+// The rows run one after the other on the same file.
+TEST_F(PasswdEntries, UpdateRenamesAndChangesTheProfileAndReportsWhatChanged) {
+    const std::string before = readFile(kPasswd), viewer = lineOf(kPasswd, "viewer"), own = "viewer", other = "watcher";
+    const std::string maintenance = ":x:10002:10003:Viewer:/home/admin:/bin/maintenance";
+    const struct {
+        unsigned int uid, gid;
+        const std::string* name;
+        std::string line;     // viewer's line afterwards
+        std::string oldName;  // reported for a rename
+        unsigned int oldGid;  // reported for a profile change
+    } cases[] = {
+        {10002, 10002, &own, viewer, "", 0},
+        {12345, 10000, nullptr, viewer, "", 0},  // an unknown uid copies the file unchanged
+        {10002, 10003, nullptr, "viewer" + maintenance, "", 10002},
+        {10002, 10003, &other, "watcher" + maintenance, "viewer", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        LookUpdatePasswd record;
+        inPasswd([&](FileSystemUpdate& t) { updateEntryInPasswordFile(t, c.uid, c.gid, c.name, record); });
+        EXPECT_EQ(readFile(kPasswd), std::string(before).replace(before.find(viewer), viewer.size(), c.line));
+        EXPECT_EQ(record.nameUpdated, !c.oldName.empty());
+        EXPECT_EQ(record.oldName, c.oldName);
+        EXPECT_EQ(record.profileUpdated, c.oldGid != 0);
+        EXPECT_EQ(record.oldGid, c.oldGid);
+    }
 }
 
-TEST_F(PasswdEntries, RemovalDropsOneEntryAndUnknownKeysCopyBothFilesUnchanged) {
-    const Snapshot snapshot;
-    const bool no = false;
-    const std::string hash = "$6$x$y";
-    LookUpdatePasswd passwdRecord;
-    LookUpdateShadow shadowRecord;
-    inPasswd([&](FileSystemUpdate& t) { updateEntryInPasswordFile(t, 12345, 10000, nullptr, passwdRecord); });
-    inPasswd([](FileSystemUpdate& t) { removeEntryInPasswordFile(t, 12345); });
-    inShadow([&](FileSystemUpdate& t) {
-        updateEntryInShadowFile(t, "nosuch", nullptr, &hash, {true}, &no, &no, shadowRecord);
-    });
-    inShadow([](FileSystemUpdate& t) { removeEntryInShadowFile(t, "nosuch"); });
-    snapshot.expectUnchanged();
-    EXPECT_FALSE(passwdRecord.nameUpdated || passwdRecord.profileUpdated);
-    EXPECT_TRUE(shadowRecord.activation == 2 && !shadowRecord.passwordUpdated && !shadowRecord.passwordExpired);
-
-    const std::string techLine = lineOf(kPasswd, "tech") + "\n", viewerLine = lineOf("/etc/shadow", "viewer") + "\n";
-    std::string passwd = readFile(kPasswd), shadow = readFile("/etc/shadow");
-    inPasswd([](FileSystemUpdate& t) { removeEntryInPasswordFile(t, 10003); });
-    inShadow([](FileSystemUpdate& t) { removeEntryInShadowFile(t, "viewer"); });
-    EXPECT_EQ(readFile(kPasswd), passwd.erase(passwd.find(techLine), techLine.size()));
-    EXPECT_EQ(readFile("/etc/shadow"), shadow.erase(shadow.find(viewerLine), viewerLine.size()));
+// An unknown key copies the files unchanged.
+TEST_F(PasswdEntries, RemovalDropsExactlyTheOneEntryInBothFiles) {
+    for (const auto& c : {std::pair{12345u, "nosuch"}, {10003u, "tech"}}) {
+        inPasswd([&](FileSystemUpdate& t) { removeEntryInPasswordFile(t, c.first); });
+        inShadow([&](FileSystemUpdate& t) { removeEntryInShadowFile(t, c.second); });
+    }
+    const std::string passwd = readFile(kPasswd), shadow = readFile("/etc/shadow");
+    restoreSampleDevice();
+    removeEntry(kPasswd, "tech");
+    removeEntry("/etc/shadow", "tech");
+    EXPECT_EQ(passwd, readFile(kPasswd));
+    EXPECT_EQ(shadow, readFile("/etc/shadow"));
 }
 
 TEST(PasswdMembership, CountIsTheListLengthNotTheMatchPosition) {
