@@ -1,8 +1,6 @@
-// The transaction itself and what a failing, dying or contended one leaves behind: the lock,
-// the temporary file's life, owner and mode of the installed file, the two ways of installing
-// it and the first of two installs undone.  System-call failures are injected into
-// files_fault_driver with libfiu's fiu-run; the full disk is a real tmpfs; killed and concurrent
-// writers are real processes.
+// The transaction and what a failing, dying or contended one leaves behind.  System-call
+// failures are injected into files_fault_driver with libfiu's fiu-run; the full disk is a real
+// tmpfs; killed and concurrent writers are real processes.
 #include <crypt.h>
 #include <pwd.h>
 #include <signal.h>
@@ -12,7 +10,6 @@
 #include <ctime>
 #include <memory>
 #include <set>
-#include <tuple>
 
 #include "FilesTestSupport.h"
 
@@ -26,22 +23,10 @@ constexpr const char* kShadow = "/etc/shadow";
 constexpr const char* kTmp = "/etc/tmpshadow";
 const std::type_info& kSystem = typeid(UMSystemErrorException);
 
-struct stat statOf(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
-    return st;
-}
-
-bool isLink(const std::string& path) {
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-}
-
 using Transaction = FilesTest;
 using Reliability = FilesTest;
 
-TEST_F(Transaction, LockIsTakenOnceAndStaleTemporaryFilesGo) {
-    writeFile(kTmp, "left over by a crash\n");
+TEST_F(Transaction, LockIsTakenOnceAndOnlyItsHolderReleasesIt) {
     {
         FileSystemUpdate holder(kShadow, kTmp, true);
         expectFailure([] { FileSystemUpdate second("/etc/passwd", "/etc/tmppassd", true); }, kSystem,
@@ -50,29 +35,23 @@ TEST_F(Transaction, LockIsTakenOnceAndStaleTemporaryFilesGo) {
         { FileSystemUpdate follower("/etc/passwd", "/etc/tmppassd", false); }
         EXPECT_FALSE(lockIsFree());
     }
-    EXPECT_FALSE(exists(kTmp)) << "an unprepared transaction removes a stale temporary file";
     EXPECT_TRUE(lockIsFree());
 }
 
-// A two-file transaction as the account layer runs it.  As root a rename installs each file,
-// which gets the live file's owner and mode (root:shadow 0640 for shadow); otherwise the update
-// command installs it from a temporary file that is 0600 whatever the creation mask.  The
-// password file goes first and is put back when the shadow file's install fails.  The
-// temporary name is never trusted: what a crash or an attacker left there goes (/etc/victim
-// stands for any file a link could aim at), and a name that leads to the live file or the
-// reference copy is refused.  The failing commands here fail for the shadow file and, in the
-// last row, for the kept password file too.
+// Two files installed as the account layer does: passwd first, put back when shadow fails.  A
+// rename (as root) keeps the live file's owner and mode; the update command gets a temporary file
+// that is 0600 whatever the mask.  A temporary name that leads to a file to keep is refused.
 TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
     definition.count = 6;
-    ASSERT_EQ(run("mkdir -p /etc/data && cp -p /etc/passwd /etc/data/ && ln -sfn /etc/data/passwd /etc/linked").status,
+    ASSERT_EQ(run("mkdir -p /etc/data && cp -p /etc/passwd /etc/data/ && ln -sfn /etc/data/passwd /etc/linked && "
+                  "echo precious >/etc/victim && echo ref:copy >/etc/passwd.orig")
+                  .status,
               0);
-    writeFile("/etc/victim", "precious\n");
-    writeFile("/etc/passwd.orig", "ref:copy\n");
     const Snapshot snapshot(
         {"/etc/passwd", "/etc/shadow", "/etc/group", "/etc/data/passwd", "/etc/victim", "/etc/passwd.orig"},
         {"/etc/tmppassd", "/etc/tmppassd.old", kTmp, "/etc/data/tmppassd", "/etc/data/tmppassd.old"});
-    const struct stat shadowBefore = statOf(kShadow);
-    ASSERT_EQ(shadowBefore.st_gid, 42u);
+    struct stat shadowBefore {};
+    ASSERT_TRUE(stat(kShadow, &shadowBefore) == 0 && shadowBefore.st_gid == 42u);
     const std::string failsShadow = "sh -c 'case $1 in */tmpshadow) exit 3;; esac; cat \"$1\" >\"$2\"' sh ";
     const std::string failsBoth = "sh -c 'case $1 in */tmpshadow|*.old) exit 3;; esac; cat \"$1\" >\"$2\"' sh ";
     const std::string renameFailed = "rename error of:/etc/tmpshadow to /etc/shadow 2No such file or directory";
@@ -93,7 +72,6 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
         {"true", "/etc/passwd", "/etc/tmppassd", false, "cp ", ""},
         {"ln -s /etc/victim /etc/tmppassd", "/etc/passwd", "/etc/tmppassd", false, "", ""},
         {"ln -s /etc/passwd /etc/tmppassd", "/etc/passwd", "/etc/tmppassd", false, "", ""},
-        {"ln /etc/victim /etc/tmppassd", "/etc/passwd", "/etc/tmppassd", false, "", ""},
         {"ln /etc/passwd /etc/tmppassd", "/etc/passwd", "/etc/tmppassd", false, "", ""},
         {"true", "/etc/linked", "/etc/data/tmppassd", false, "", ""},
         {"true", "/etc/passwd", "/etc/passwd", false, "", liveFile + "/etc/passwd)"},
@@ -117,7 +95,8 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
             FileSystemUpdate shadow(kShadow, kTmp, false);
             passwd.prepareSystemFiles();
             shadow.prepareSystemFiles();
-            EXPECT_EQ(statOf(kTmp).st_mode & 07777, c.script.empty() ? 0640u : 0600u);
+            struct stat tmp {};
+            EXPECT_TRUE(stat(kTmp, &tmp) == 0 && (tmp.st_mode & 07777) == (c.script.empty() ? 0640u : 0600u));
             char line[32] = {};
             EXPECT_STREQ(std::fgets(line, sizeof line, passwd.m_origFile), "ref:copy\n");
             EXPECT_EQ(addEntryInPasswordFile(passwd, name, 10003), 10005u);
@@ -127,8 +106,7 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
             }
             finalyzeSystemFilesTogether(passwd, shadow);
         };
-        // What the files hold afterwards: the new entries where both files were installed, the
-        // new password file where it could not be put back.
+        // Afterwards: the new entries where both files went in, the new passwd where not put back.
         Snapshot expected = snapshot;
         const std::string target = c.live == std::string("/etc/linked") ? "/etc/data/passwd" : "/etc/passwd";
         if (c.failure.empty() || c.failure == notPutBack)
@@ -140,10 +118,11 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
             expectFailure(body, kSystem, UMSystemError::FileTransaction, c.failure, Match::Start);
         }
         expected.expectUnchanged();
-        const struct stat shadowAfter = statOf(kShadow);
-        EXPECT_EQ(std::tie(shadowAfter.st_uid, shadowAfter.st_gid, shadowAfter.st_mode),
-                  std::tie(shadowBefore.st_uid, shadowBefore.st_gid, shadowBefore.st_mode));
-        EXPECT_TRUE(isLink("/etc/linked")) << "the link was replaced";
+        struct stat shadowAfter {};
+        struct stat link {};
+        EXPECT_TRUE(stat(kShadow, &shadowAfter) == 0 && shadowAfter.st_uid == shadowBefore.st_uid &&
+                    shadowAfter.st_gid == shadowBefore.st_gid && shadowAfter.st_mode == shadowBefore.st_mode);
+        EXPECT_TRUE(lstat("/etc/linked", &link) == 0 && S_ISLNK(link.st_mode)) << "the link was replaced";
     }
     umask(mask);
 }
@@ -153,23 +132,17 @@ TEST_F(Reliability, FullDiskLeavesEverythingAsItWasWhereverTheWriteFails) {
     const std::string dir = "/etc/tvc-full", passwd = dir + "/passwd", shadow = dir + "/shadow", small = dir + "/small";
     ASSERT_EQ(run("mkdir " + dir + " && mount -t tmpfs -o size=64k tvc-full " + dir).status, 0);
     const std::shared_ptr<void> unmount(nullptr, [&](void*) { run("umount -l " + dir + " && rmdir " + dir); });
-    // Larger than a stdio buffer, so that the copy loop meets the full disk; "small" meets it
-    // at the flush.
-    std::string passwdText = readFile("/etc/passwd"), shadowText = readFile("/etc/shadow");
-    for (int i = 0; i < 200; ++i) {
-        passwdText +=
-            "filler" + std::to_string(i) + ":x:" + std::to_string(30000 + i) + ":100::/nonexistent:/bin/false\n";
-        shadowText += "filler" + std::to_string(i) + ":*:20454:0:99999:7:::\n";
-    }
-    writeFile(passwd, passwdText);
-    writeFile(shadow, shadowText);
+    // Larger than a stdio buffer: the copy loop meets the full disk; "small" meets it at the flush.
+    const auto filler = [](const std::string& line) {
+        return run("for i in $(seq 0 199); do echo \"" + line + "\"; done").output;
+    };
+    writeFile(passwd, readFile("/etc/passwd") + filler("filler$i:x:$((30000 + i)):100::/nonexistent:/bin/false"));
+    writeFile(shadow, readFile("/etc/shadow") + filler("filler$i:*:20454:0:99999:7:::"));
     writeFile(small, readFile("/etc/passwd"));
     ASSERT_NE(run("head -c 100000 /dev/zero 2>&1 >" + dir + "/filler").output.find("No space left"), std::string::npos);
     const Snapshot snapshot({passwd, shadow, small}, {passwd + ".tmp", shadow + ".tmp", small + ".tmp"});
 
-    // The copy loop is shared: one row per message wording ("to", "in") and per file kind, and
-    // the shadow update's wording, which the policy update shares.
-    const bool no = false;
+    // The copy loop is shared: one row per file kind.
     LookUpdateShadow record;
     const struct {
         const std::string& live;
@@ -178,16 +151,8 @@ TEST_F(Reliability, FullDiskLeavesEverythingAsItWasWhereverTheWriteFails) {
     } cases[] = {
         {passwd, "addEntryInPasswordFile error in writing to ",
          [](FileSystemUpdate& t) { addEntryInPasswordFile(t, "nospace", 100); }},
-        {passwd, "removeEntryInPasswordFile error in writing in ",
-         [](FileSystemUpdate& t) { removeEntryInPasswordFile(t, 30000); }},
-        {shadow, "updateEntryInShadowFile error in writing to ",
-         [&](FileSystemUpdate& t) {
-             updateEntryInShadowFile(t, "filler0", nullptr, nullptr, {}, &no, nullptr, record);
-         }},
-        {shadow, "updateEntryInShadowFile error in writing to ",
+        {shadow, "updateEntryInShadowFile error in writing to ",  // the wording of the single update
          [&](FileSystemUpdate& t) { updateAllUserEntryInShadowFile(t, false, 90, 1, 14, record); }},
-        {shadow, "removeEntryInShadowFile error in writing in ",
-         [](FileSystemUpdate& t) { removeEntryInShadowFile(t, "filler0"); }},
         {small, "fflush or fsync error of:", [](FileSystemUpdate& t) { addEntryInPasswordFile(t, "nospace", 100); }},
         // A writer that ignores a failed write: what was lost must not be installed.
         {small, "fflush or fsync error of:",
@@ -202,37 +167,28 @@ TEST_F(Reliability, FullDiskLeavesEverythingAsItWasWhereverTheWriteFails) {
                   std::strerror(ENOSPC));
         snapshot.expectUnchanged();
     }
-
-    // With room again, the same transaction goes through.
-    unlink((dir + "/filler").c_str());
-    rewrite(passwd, passwd + ".tmp", cases[0].body);
-    EXPECT_EQ(lines(passwd).back(), "nospace:x:10005:100:UI User:/home/admin:/bin/sh");
 }
 
 TEST_F(Reliability, InjectedSystemCallFailuresLeaveEverythingAsItWas) {
     if (std::string(TVC_FIU_RUN).empty()) GTEST_SKIP() << "fiu-run (package fiu-utils) not installed";
     writeFile("/etc/victim", "precious\n");
     const Snapshot snapshot({"/etc/passwd", "/etc/shadow", "/etc/group", "/etc/victim"});
+    // A link to /etc/victim waits at the temporary path: where it stays, no file is created through it.
     const struct {
         const char* point;
         const char* expected;  // start of the output
-        bool planted;          // a link to /etc/victim waits at the temporary path
     } cases[] = {
-        {"posix/io/oc/open", "error 13 fopen /etc/tmppassd prepareSystemFiles\n", false},
-        {"posix/io/sync/fsync", "error 13 fflush or fsync error of:/etc/tmppassd\n", false},
-        {"posix/io/dir/rename", "error 13 rename error of:/etc/tmppassd to /etc/passwd ", false},
-        // The planted link cannot be removed: the exclusive creation refuses to go through it.
-        {"posix/io/dir/unlink", "error 13 fopen /etc/tmppassd prepareSystemFiles\n", true},
+        {"posix/io/sync/fsync", "error 13 fflush or fsync error of:/etc/tmppassd\n"},
+        {"posix/io/dir/rename", "error 13 rename error of:/etc/tmppassd to /etc/passwd "},
+        {"posix/io/dir/unlink", "error 13 fopen /etc/tmppassd prepareSystemFiles\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.point);
-        if (c.planted) {
-            ASSERT_EQ(symlink("/etc/victim", "/etc/tmppassd"), 0);
-        }
+        ASSERT_EQ(symlink("/etc/victim", "/etc/tmppassd"), 0);
         const std::string enable = std::string("enable name=") + c.point;
 #ifdef TVC_ASAN_RUNTIME
-        // fiu-run would preload its libraries ahead of the sanitizer runtime, which must come
-        // first; fiu's preload keeps its parsed command line to the end, a leak to ASan.
+        // The sanitizer runtime must come before fiu's preload libraries, which fiu-run puts first;
+        // fiu's preload keeps its parsed command line to the end, a leak to ASan.
         const std::string fiu = TVC_FIU_PRELOAD_DIR;
         const Result result =
             run("umask 022; FIU_ENABLE='" + enable + "' FIU_CTRL_FIFO= LD_PRELOAD='" TVC_ASAN_RUNTIME " " + fiu +
@@ -246,21 +202,18 @@ TEST_F(Reliability, InjectedSystemCallFailuresLeaveEverythingAsItWas) {
         EXPECT_EQ(result.output.rfind(c.expected, 0), 0u) << result.output;
         // The creation mask is never touched: other threads of a host create files meanwhile.
         EXPECT_NE(result.output.find("umask 022\n"), std::string::npos) << result.output;
-        if (c.planted) unlink("/etc/tmppassd");
+        unlink("/etc/tmppassd");
         snapshot.expectUnchanged();
     }
 }
 
-// A writer killed between its two installs leaves the shadow entry of a removed account and its
-// shadow temporary file.  Neither may trip the next operation, and the stale entry's password
-// must never log in to the next account of that name, created or renamed to it.
+// A writer killed between its two installs leaves a stale shadow entry and temporary file: neither
+// may trip the next operation, nor the stale password log in to the next account of that name.
 TEST_F(Reliability, AWriterKilledBetweenItsInstallsLeavesNothingTheNextOneTripsOver) {
-    const struct {
-        std::string next;
-        const char* password;  // the one "guest" has afterwards
-    } cases[] = {{"add guest Fresh#2026", "Fresh#2026"}, {"rename viewer guest", "Viewer#2026"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.next);
+    // The next operation, and the password "guest" has afterwards.
+    for (const auto& [next, password] :
+         {std::pair{"add guest Fresh#2026", "Fresh#2026"}, {"rename viewer guest", "Viewer#2026"}}) {
+        SCOPED_TRACE(next);
         restoreSampleDevice();
         FILE* writer = popen((kDriver + " --hold remove guest").c_str(), "re");
         ASSERT_NE(writer, nullptr);
@@ -269,28 +222,26 @@ TEST_F(Reliability, AWriterKilledBetweenItsInstallsLeavesNothingTheNextOneTripsO
         kill(pid, SIGKILL);
         ASSERT_EQ(finish(writer).status, 128 + SIGKILL);
         EXPECT_TRUE(lockIsFree()) << "the kernel releases the lock with the process";
-        ASSERT_EQ(lineOf("/etc/passwd", "guest"), "");
-        ASSERT_NE(lineOf("/etc/shadow", "guest"), "") << "no stale shadow entry to test with";
-        ASSERT_TRUE(exists("/etc/tmpshadow"));
+        ASSERT_TRUE(lineOf("/etc/passwd", "guest").empty() && !lineOf("/etc/shadow", "guest").empty() &&
+                    exists("/etc/tmpshadow"))
+            << "no stale shadow entry and temporary file to test with";
 
-        const Result next = run(kDriver + " " + c.next);
-        ASSERT_EQ(next.status, 0) << next.output;
+        const Result result = run(kDriver + " " + next);
+        ASSERT_EQ(result.status, 0) << result.output;
         EXPECT_FALSE(exists("/etc/tmppassd") || exists("/etc/tmpshadow"));
         const std::string shadow = readFile("/etc/shadow"), hash = fields(lineOf("/etc/shadow", "guest"))[1];
         EXPECT_EQ(shadow.find("\nguest:"), shadow.rfind("\nguest:")) << "the stale entry stays beside the new one";
-        EXPECT_STREQ(crypt(c.password, hash.c_str()), hash.c_str());
+        EXPECT_STREQ(crypt(password, hash.c_str()), hash.c_str());
         EXPECT_STRNE(crypt("Guest#2026", hash.c_str()), hash.c_str()) << "the removed account's password logs in";
     }
 }
 
 TEST_F(Reliability, ConcurrentWritersAndShadowUtilsLoseNoEntry) {
     constexpr int kLibraryAdds = 25, kUseradds = 20;
-    // Shell loops over i = 0 .. count - 1 that stop at the first failing command.
     const auto loop = [](int count, const std::string& body) {
         return "for i in $(seq 0 " + std::to_string(count - 1) + "); do " + body + " || exit 1; done";
     };
-    // Two library writers share one uid range; useradd takes ids far from it and deletes every
-    // second account again.
+    // Two library writers share one uid range; useradd uses others and userdel every second one.
     FILE* writers[] = {popen(loop(kLibraryAdds, kDriver + " add lib-a-$i >/dev/null").c_str(), "re"),
                        popen(loop(kLibraryAdds, kDriver + " add lib-b-$i >/dev/null").c_str(), "re"),
                        popen(loop(kUseradds,
@@ -302,7 +253,6 @@ TEST_F(Reliability, ConcurrentWritersAndShadowUtilsLoseNoEntry) {
         const Result result = finish(writer);
         EXPECT_EQ(result.status, 0) << result.output;
     }
-    ASSERT_FALSE(HasFailure());
 
     for (int i = 0; i < 2 * kLibraryAdds; ++i) {
         const std::string name = (i % 2 ? "lib-b-" : "lib-a-") + std::to_string(i / 2);
@@ -315,10 +265,8 @@ TEST_F(Reliability, ConcurrentWritersAndShadowUtilsLoseNoEntry) {
     EXPECT_EQ(lines("/etc/shadow").size(), lines("/etc/passwd").size());
     std::set<std::string> uids;
     for (const std::string& line : lines("/etc/passwd")) EXPECT_TRUE(uids.insert(fields(line)[2]).second) << line;
-    for (const char* check : {"/usr/sbin/pwck", "/usr/sbin/grpck"}) {
-        const Result result = run(std::string(check) + " -r");
-        EXPECT_EQ(result.status, 0) << check << ": " << result.output;
-    }
+    const Result checks = run("/usr/sbin/pwck -r && /usr/sbin/grpck -r");
+    EXPECT_EQ(checks.status, 0) << checks.output;
     EXPECT_FALSE(exists("/etc/tmppassd") || exists("/etc/tmpshadow"));
     EXPECT_TRUE(lockIsFree());
 }

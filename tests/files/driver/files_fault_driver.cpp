@@ -1,10 +1,7 @@
-// files_fault_driver: one two-file account operation (passwd + shadow) in a process of its own,
-// for tests that inject failures, kill a writer half-way or run several at once.
+// One two-file account operation in a process of its own, to inject failures into, kill or race.
 //     files_fault_driver [--hold] add NAME [PASSWORD] | rename OLD NEW | remove NAME
-// --hold stops once the password file is installed and the shadow file is not (what a kill
-// inside finalyzeSystemFilesTogether leaves), prints "held <pid>" and waits to be killed.
-// Otherwise prints "ok" or "error <id> <message>" (exit 1), then "umask <octal>".  New accounts
-// get uids 20000-20999 and, without a PASSWORD, a ready-made hash: no time goes into crypt.
+// --hold stops between the installs of passwd and shadow, prints "held <pid>" and waits to be
+// killed.  Otherwise prints "ok" or "error <id> <message>" (exit 1), then "umask <octal>".
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,6 +20,7 @@ using namespace usermanagement;
 
 namespace {
 
+// New accounts get uids 20000-20999 and, without a PASSWORD, a ready-made hash (no time for crypt).
 struct DriverDefinition : UserDefinition {
     unsigned int getMaxUser() override { return 1000; }
     unsigned int getBaseUid() override { return 20000; }
