@@ -1,5 +1,4 @@
-// Shared pieces of the account-file tests: an adjustable configuration, the check made after
-// every failed transaction, file helpers and shell commands.
+// Shared pieces of the account-file tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -28,8 +26,7 @@
 
 namespace tvc::test {
 
-// The sample device's settings with what the tests change: the size of the uid range, root
-// or the update command, an ageing policy, and a shell of its own for profile gid 10003.
+// The sample device's settings with what the tests change, and a shell of its own for gid 10003.
 class FilesDefinition : public usermanagement::UserDefinition {
 public:
     unsigned int count = 5;
@@ -72,8 +69,7 @@ inline bool lockIsFree() {
     return true;
 }
 
-// What every failed transaction must leave: live files byte for byte as they were, no
-// temporary file, the lock free.
+// What a failed transaction must leave: live files byte for byte as before, no temporary, the lock free.
 struct Snapshot {
     std::map<std::string, std::string> files;
     std::vector<std::string> temporaries;
@@ -101,11 +97,11 @@ inline void rewrite(const std::string& live, const std::string& tmp, const Body&
 inline void inPasswd(const Body& body) { rewrite("/etc/passwd", "/etc/tmppassd", body); }
 inline void inShadow(const Body& body) { rewrite("/etc/shadow", "/etc/tmpshadow", body); }
 
-// Expects `body` to throw exactly the class `type` with `code` and `message` (or a message
-// that begins with it, when the rest names a system error text).
+// Expects `body` to throw exactly `type` with `code` and `message` (or a message that begins with
+// it); returns the description, the reason of a failed system call.
 enum class Match { Whole, Start };
-inline void expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
-                          const std::string& message, Match match = Match::Whole) {
+inline std::string expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
+                                 const std::string& message, Match match = Match::Whole) {
     try {
         body();
         ADD_FAILURE() << "no exception, expected " << code << " " << message;
@@ -114,7 +110,9 @@ inline void expectFailure(const std::function<void()>& body, const std::type_inf
         EXPECT_EQ(e.getErrorId(), code) << e.what();
         const std::string what = e.what();
         EXPECT_EQ(match == Match::Whole ? what : what.substr(0, message.size()), message) << what;
+        return e.getErrorDescription();
     }
+    return "";
 }
 
 inline std::vector<std::string> lines(const std::string& path) {

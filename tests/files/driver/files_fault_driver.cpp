@@ -1,17 +1,14 @@
-// files_fault_driver: one two-file account operation (passwd + shadow) in a process of its own,
-// for tests that inject failures, kill a writer half-way or run several at once.
-//     files_fault_driver [--hold-filled | --hold-between] add NAME [PASSWORD] | rename OLD NEW | remove NAME
-// --hold-filled stops once both temporary files hold the change, --hold-between once the password
-// file is installed and the shadow file is not (what a kill inside finalyzeSystemFilesTogether
-// leaves); both print "<state> <pid>" and wait to be killed.  Otherwise prints "ok" or "error
-// <id> <message>" (exit 1), then "umask <octal>".  New accounts get uids 20000-20999; without a
-// PASSWORD they get a ready-made hash, so that no time goes into crypt.
+// One two-file account operation in a process of its own, to inject failures into, kill or race.
+//     files_fault_driver [--hold] add NAME [PASSWORD] | rename OLD NEW | remove NAME
+// --hold stops between the installs of passwd and shadow, prints "held <pid>" and waits to be
+// killed.  Otherwise prints "ok" or "error <id> <message>" (exit 1), then "umask <octal>".
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <tarvicexception/TvcException.h>
 #include <usermanagement/FileSystemUpdate.h>
@@ -23,18 +20,13 @@ using namespace usermanagement;
 
 namespace {
 
+// New accounts get uids 20000-20999 and, without a PASSWORD, a ready-made hash (no time for crypt).
 struct DriverDefinition : UserDefinition {
     unsigned int getMaxUser() override { return 1000; }
     unsigned int getBaseUid() override { return 20000; }
 } definition;
 
-[[noreturn]] void holdHere(const char* state) {
-    std::printf("%s %d\n", state, static_cast<int>(getpid()));
-    std::fflush(stdout);
-    for (;;) pause();
-}
-
-void run(const std::string& hold, const std::string& operation, const std::string& name, const std::string* extra) {
+void run(bool hold, const std::string& operation, const std::string& name, const std::string* extra) {
     const struct passwd* account = getpwnam(name.c_str());
     const unsigned int uid = account ? account->pw_uid : 0, gid = account ? account->pw_gid : 100;
     FileSystemUpdate passwd("/etc/passwd", "/etc/tmppassd", true);
@@ -54,14 +46,11 @@ void run(const std::string& hold, const std::string& operation, const std::strin
         removeEntryInPasswordFile(passwd, uid);
         removeEntryInShadowFile(shadow, name);
     }
-    if (hold == "--hold-filled") {
-        std::fflush(passwd.m_tmpFile);
-        std::fflush(shadow.m_tmpFile);
-        holdHere("filled");
-    }
-    if (hold == "--hold-between") {
+    if (hold) {
         passwd.finalyzeSystemFiles();
-        holdHere("between");
+        std::printf("held %d\n", static_cast<int>(getpid()));
+        std::fflush(stdout);
+        for (;;) pause();
     }
     finalyzeSystemFilesTogether(passwd, shadow);
     std::printf("ok\n");
@@ -70,19 +59,17 @@ void run(const std::string& hold, const std::string& operation, const std::strin
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int first = argc > 1 && std::string(argv[1]).rfind("--hold-", 0) == 0 ? 2 : 1;
-    const std::string operation = argc > first + 1 ? argv[first] : "";
-    if (operation != "add" && operation != "rename" && operation != "remove") {
-        std::fprintf(stderr,
-                     "usage: files_fault_driver [--hold-filled|--hold-between] add NAME [PASSWORD] | "
-                     "rename OLD NEW | remove NAME\n");
+    std::vector<std::string> args(argv + 1, argv + argc);
+    const bool hold = !args.empty() && args[0] == "--hold";
+    if (hold) args.erase(args.begin());
+    if (args.size() < 2 || (args[0] != "add" && args[0] != "rename" && args[0] != "remove")) {
+        std::fprintf(stderr, "usage: files_fault_driver [--hold] add NAME [PASSWORD] | rename OLD NEW | remove NAME\n");
         return 2;
     }
     definition.setUserDefinition(definition);
-    const std::string extra = argc > first + 2 ? argv[first + 2] : "";
     int status = 0;
     try {
-        run(first == 2 ? argv[1] : "", operation, argv[first + 1], argc > first + 2 ? &extra : nullptr);
+        run(hold, args[0], args[1], args.size() > 2 ? &args[2] : nullptr);
     } catch (tarvicexception::TvcException& e) {
         std::printf("error %d %s\n", e.getErrorId(), e.what());
         status = 1;
