@@ -222,6 +222,10 @@ TEST_F(Refusals, NamesAndPasswordsTheFilesCannotHoldFaithfully) {
         {renamePasswd("guest"), UMError::UserAlreadyExists, nameUsed + "guest"},  // and one after it
         {addShadow("a:b", "x"), UMError::BadUserName, addSh + badName + control},
         {updateShadow("viewer", "-x", {}), UMError::BadUserName, updSh + badName + leading},
+        // A shadow entry of a name whose account exists is that account's, never a stale one.
+        {addShadow("viewer", "x"), UMError::UserAlreadyExists, "viewer :user already exists"},
+        {updateShadow("operator", "viewer", {}), UMError::UserAlreadyExists, "viewer :user already exists"},
+        {updateShadow("nosuch", {}, std::string("\0", 1)), UMError::PasswordError, nulPassword},
         {addShadow("fresh", std::string("\0secret", 7)), UMError::PasswordError, nulPassword},
         {updateShadow("viewer", {}, std::string("\0", 1)), UMError::PasswordError, nulPassword},
         {addShadow("fresh", std::string(256, 'p')), UpdatePasswordError::NewPasswordTooLong, "cryptPwd",
