@@ -9,7 +9,8 @@ umctl=$1
 sandbox=$2
 passed=0
 failed=0
-scratch=$(mktemp -d)
+# Scratch space in the directory the test runs in (the build tree), not the host's /tmp.
+scratch=$(mktemp -d "$PWD/umctl_test.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
 
 if ! reason=$("$sandbox" -- true 2>&1); then
