@@ -2,8 +2,10 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <usermanagement/Export.h>
+#include <usermanagement/User.h>
 
 namespace usermanagement::utilities {
 
@@ -13,5 +15,12 @@ namespace usermanagement::utilities {
 // file (a FIFO there does not block the caller) or the record lies beyond its end.  Raises
 // nothing.
 TVC_UM_EXPORT int getLockCount(const unsigned int& uid, const std::string& tallyFilePath);
+
+// The managed accounts (user ids in [getBaseUid(), getBaseUid() + getMaxUser())) in the order of
+// the password file, each built by name (so each runs the ReadUser rights check) with the
+// lookup's state flags: call updateState() for the real ones.  Passes every exception of the
+// User constructor on.  Enumerates the account database: not concurrently with another
+// enumeration in the process.
+TVC_UM_EXPORT std::vector<User> getUserList();
 
 }  // namespace usermanagement::utilities

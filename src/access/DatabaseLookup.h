@@ -17,6 +17,7 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <shadow.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -89,5 +90,9 @@ inline DatabaseLookup<group> groupByName(const char* name) {
     return lookUpEntry(_SC_GETGR_R_SIZE_MAX, getgrnam_r, name);
 }
 inline DatabaseLookup<group> groupById(gid_t gid) { return lookUpEntry(_SC_GETGR_R_SIZE_MAX, getgrgid_r, gid); }
+// The shadow entry of `name`: readable as root only; the caller holds the password-file lock.
+inline DatabaseLookup<spwd> shadowByName(const char* name) {
+    return lookUpEntry(_SC_GETPW_R_SIZE_MAX, getspnam_r, name);
+}
 
 }  // namespace usermanagement::detail

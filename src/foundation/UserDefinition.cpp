@@ -1,6 +1,5 @@
 #include <usermanagement/UserDefinition.h>
 
-#include <stdexcept>
 
 #include "foundation/Provider.h"
 
@@ -25,9 +24,7 @@ std::string UserDefinition::getTallyFilePath() { return "/var/log/tallylog"; }
 std::string UserDefinition::getUserManagerRole() { return "role-user-manager"; }
 std::string UserDefinition::getSelfAccountRole() { return "role-user-configure-self"; }
 
-void UserDefinition::checkRight(Action, User*) {
-    throw std::logic_error("checkRight: not available yet");
-}
+// checkRight, the built-in rights policy, lives with the session checks (src/authnz).
 
 void UserDefinition::getDBLockCount(int& count) { count = -1; }
 void UserDefinition::getDBPasswordExpirationAge(int&, int&, int&, bool&) {}

@@ -1,0 +1,148 @@
+// One managed account as the library sees it: ids, name, profile, four state flags and a cached
+// list of its groups.  An object looks itself up in the account database and the profile
+// catalogue when it is built, and reads its state from the tally and the shadow file on
+// updateState().  The same class carries the account's life-cycle operations and its audit
+// events.
+//
+//     User viewer("viewer");            // lookup, profile, then the ReadUser rights check
+//     viewer.updateState();             // flags from the tally and the shadow entry
+//     if (viewer.isLocked()) ...
+//
+// The class is part of the binary interface: its fields, their order and its one virtual
+// operation (the destructor) are fixed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <ostream>
+#include <string>
+
+#include <usermanagement/Export.h>
+#include <usermanagement/PasswdEntries.h>
+#include <usermanagement/ShadowEntries.h>
+#include <usermanagement/UmGroup.h>
+
+namespace usermanagement {
+
+// What a lock-state check or an unlock found; the caller creates it with all three false and
+// nothing here ever resets a field.
+struct TVC_UM_EXPORT LookLockUpdate {
+    bool locked = false;      // the failed-login count has reached the limit
+    bool unlocked = false;    // unLock() found the account locked and reset its count
+    bool justLocked = false;  // the count equals the limit: the last failure locked the account
+};
+
+class TVC_UM_EXPORT User {
+public:
+    // The account that runs the process (its effective user id); no rights check.
+    User();
+    // Looked up by name (UMException 5 after the configured pause when unknown), then the
+    // ReadUser rights check.
+    explicit User(const std::string& name);
+    // Looked up by user id, likewise.
+    explicit User(unsigned int uid);
+    // An account that is not stored yet, with the catalogue's profile `profileId`; no lookup,
+    // no rights check.
+    User(std::string name, int profileId, bool active);
+    User(const User& other);
+    User(User&& other) noexcept;
+    User& operator=(const User& other);
+    User& operator=(User&& other) noexcept;
+    virtual ~User();
+
+    void swap(User& other) noexcept;
+    // Same user id, primary group id and name; profile, flags and group cache are ignored.
+    bool operator==(const User& other) const;
+    bool operator!=(const User& other) const;
+
+    std::string getUserName() const;
+    // Changes the object only; renaming an account goes through updateUser.
+    void setUserName(const std::string& name);
+    // Whether this account is the one the process runs as at this moment.
+    bool isHimSelf() const;
+
+    unsigned int getUid() const { return m_uid; }
+    unsigned int getGid() const { return m_gid; }
+    const UmProfile& getProfile() const { return m_profile; }
+    bool isActive() const { return m_isActive; }
+    bool isPasswordExpired() const { return m_isPasswordExpired; }
+    bool isLocked() const { return m_isLocked; }
+    bool isAccountExpired() const { return m_isAccountExpired; }
+
+    // Lookups: ids from the name; name and gid from the id (only while the name is "nobody"
+    // or the gid unknown); a group's id; the profile of the primary group.
+    unsigned int retrieveUID();
+    void retrieveUserName();
+    unsigned int retrieveGUID(const char* groupName);
+    void retrieveProfile();
+
+    // The four flags from the tally file and the shadow entry (ReadUser rights check first;
+    // reads the shadow file as root under the password-file lock).
+    void updateState();
+    // m_isLocked from the tally file, reported into `look`; never throws a std::exception.
+    void retrieveLockState(LookLockUpdate& look);
+    // The stored hash without a "!!" prefix; empty when the account has no shadow entry.
+    std::string getEncryptedPassword() const;
+    // All groups of the account (primary group included), computed once and cached; null when
+    // the cache cannot be allocated.  The array belongs to the object.
+    gid_t* getUserGroupsIds(int& count) const;
+
+    bool isBelongingToRole(const std::string& roleName) const;
+    bool isBelongingToRole(int roleId) const;
+    bool isBelongingToGroup(const std::string& groupName) const;
+    bool isBelongingToGroup(unsigned int gid) const;
+
+    // Whether a group's null-terminated member list names this account; every matching entry
+    // is replaced by `replacement`'s characters when given (the string must outlive the list).
+    // `count` receives the number of entries, not the position of the match.
+    bool isPresentInListeName(char** list, const std::string* replacement, int& count);
+
+    // Life cycle, passwords and unlocking: declared with the class so that it keeps its form;
+    // this version of the library does not provide them yet (a host calling them does not link).
+    static User createUser(const std::string& name, const std::string& password, bool encrypted, int profileId,
+                           bool active, bool mustChange, const bool* skipPasswordCheck);
+    static User createUser(const std::string& name, const std::string& password, int profileId, bool active,
+                           bool mustChange, const bool* skipPasswordCheck);
+    static User createUserWithEncryptedPassword(const std::string& name, const std::string& password, int profileId,
+                                                bool active, bool mustChange, const bool* skipPasswordCheck);
+    void updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
+                    bool encrypted, const bool* mustChange, const bool* skipPasswordCheck);
+    void updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
+                    const bool* mustChange, const bool* skipPasswordCheck);
+    void updateUserWithEncryptedPassword(const std::string* newName, const int* profileId, const bool* active,
+                                         const std::string* password, const bool* mustChange,
+                                         const bool* skipPasswordCheck);
+    void removeUser();
+
+    void updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip);
+    static void updateAnyUserPassword(const std::string& name, const std::string& oldPassword,
+                                      const std::string& newPassword, const std::string& ip);
+    void updateAnyUserPassword(const std::string& name, const std::string& newPassword, bool mustChange,
+                               const std::string& ip, bool checkPassword);
+    void checkPasswordStrenght(const std::string& password);
+    static bool checkCurrentUserPasswd(const std::string& password);
+    void unLock();
+
+    // Audit events, one log call per changed aspect of the records.
+    void logPwdEvent(LookUpdatePasswd& look);
+    void logShadowdEvent(LookUpdateShadow& look);
+    void logUserLockEvent(LookLockUpdate& look);
+
+private:
+    unsigned int m_uid;
+    unsigned int m_gid;
+    std::string m_userName;
+    bool m_isActive;
+    bool m_isPasswordExpired;
+    bool m_isLocked;
+    bool m_isAccountExpired;
+    UmProfile m_profile;
+    // The group cache: filled on first use by a const operation, malloc'ed, owned.
+    mutable int m_nbGroups;
+    mutable gid_t* m_groups;
+};
+
+// "User Name:[name] uid:[uid]", a line end, then the profile.
+TVC_UM_EXPORT std::ostream& operator<<(std::ostream& out, User& user);
+
+}  // namespace usermanagement

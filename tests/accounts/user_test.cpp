@@ -1,0 +1,296 @@
+// The account object, the rights check, Rbac and the listing on the sample device: state flags
+// from crafted shadow entries and tally records, rights decided under real thread identities.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <authnz/AuthNZException.h>
+#include <usermanagement/ProfileDefinition.h>
+#include <usermanagement/Rbac.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/User.h>
+#include <usermanagement/UserDefinition.h>
+#include <usermanagement/Utilities.h>
+
+#include "sampledevice/SampleCatalogue.h"
+#include "support/RecordingLogger.h"
+#include "support/Sandbox.h"
+#include "system/IdSyscalls.h"
+
+using namespace usermanagement;
+namespace ids = usermanagement::detail::ids;
+
+namespace {
+
+// The sample device's settings with no pause for unknown names and a tally of our own.
+class Definition : public UserDefinition {
+public:
+    unsigned int delay = 0;
+    int lockLimit = -1;
+    unsigned int getDBDelayWrongCredential() override { return delay; }
+    void getDBLockCount(int& count) override { count = lockLimit; }
+    std::string getTallyFilePath() override { return "/etc/tvc-tallylog"; }
+};
+
+class AccountTest : public tvc::test::SandboxTest {
+protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        definition.setUserDefinition(definition);
+        catalogue.setProfileDefinition(catalogue);
+    }
+    void TearDown() override {
+        UserDefinition::m_ptrDefaultUserDefinition = savedDefinition;
+        ProfileDefinition::m_ptrDefaultProfileDefinition = savedCatalogue;
+        std::lock_guard<std::mutex> lock(ProfileDefinition::m_mtx);
+        ProfileDefinition::g_profiles.clear();
+        ProfileDefinition::g_roles.clear();
+        ProfileDefinition::m_init = false;
+    }
+    UserDefinition* const savedDefinition = UserDefinition::m_ptrDefaultUserDefinition;
+    ProfileDefinition* const savedCatalogue = ProfileDefinition::m_ptrDefaultProfileDefinition;
+    Definition definition;
+    tvc::sample::SampleCatalogue catalogue;
+};
+
+// Runs `body` in a thread whose effective ids are those of `uid`/`gid` (real and saved stay
+// root, so that it could switch back), and checks that the thread ends as it started.
+void as(unsigned int uid, unsigned int gid, const std::function<void()>& body) {
+    std::thread([=] {
+        ASSERT_EQ(ids::setResGid(ids::kUnchanged, gid, ids::kUnchanged), 0);
+        ASSERT_EQ(ids::setResUid(ids::kUnchanged, uid, ids::kUnchanged), 0);
+        body();
+        EXPECT_EQ(geteuid(), uid) << "the identity moved under the test";
+        ASSERT_EQ(ids::setResUid(ids::kUnchanged, 0, ids::kUnchanged), 0);
+    }).join();
+}
+
+// "allowed", or the refusal as "code user".
+std::string decision(UserDefinition::Action action, User* target) {
+    try {
+        UserDefinition::GetUserDefinition().checkRight(action, target);
+        return "allowed";
+    } catch (const authnz::AuthorizationException& e) {
+        return std::to_string(e.getErrorId()) + " " + e.getUser();
+    }
+}
+
+std::string flags(const User& user) {
+    return std::string(user.isActive() ? "A" : "-") + (user.isPasswordExpired() ? "P" : "-") +
+           (user.isLocked() ? "L" : "-") + (user.isAccountExpired() ? "E" : "-");
+}
+
+TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
+    const long today = static_cast<long>(std::time(nullptr)) / 86400;
+    const auto day = [today](long offset) { return std::to_string(today + offset); };
+    const struct {
+        std::string fields;  // the shadow entry of viewer after the name
+        int tallyCount, limit;
+        std::string expected;
+    } cases[] = {
+        {"$6$x$y:" + day(0) + ":0:99999:7:::", 0, -1, "A---"},
+        {"!!$6$x$y:" + day(0) + ":0:99999:7:::", 0, -1, "----"},
+        {"$6$x$y:0:0::7:::", 0, -1, "AP--"},                 // changed on day 0: expired anyway
+        {"$6$x$y::0:1:7:::", 0, -1, "A---"},                   // no last change: no ageing
+        {"$6$x$y:" + day(-10) + ":0:10:7:::", 0, -1, "A---"},  // exactly the maximum age
+        {"$6$x$y:" + day(-11) + ":0:10:7:::", 0, -1, "AP--"},
+        {"$6$x$y:" + day(-15) + ":0:10:7:5::", 0, -1, "AP--"},  // inactive for exactly 5 days
+        {"$6$x$y:" + day(-16) + ":0:10:7:5::", 0, -1, "APL-"},
+        {"$6$x$y:" + day(0) + ":0:99999:7::" + day(0) + ":", 0, -1, "A---"},  // expires today: not yet
+        {"$6$x$y:" + day(0) + ":0:99999:7::" + day(-1) + ":", 0, -1, "A--E"},
+        {"$6$x$y:" + day(0) + ":0:99999:7:::", 3, 3, "A-L-"},
+        {"$6$x$y:" + day(0) + ":0:99999:7:::", 2, 3, "A---"},
+        {"$6$x$y:" + day(0) + ":0:99999:7:::", 9, -1, "A---"},  // no limit: never locked
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fields);
+        tvc::test::removeEntry("/etc/shadow", "viewer");
+        tvc::test::addLines("/etc/shadow", "viewer:" + c.fields + "\n");
+        std::string record(10002 * 64 + 64, '\0');
+        record[10002 * 64 + 54] = static_cast<char>(c.tallyCount);
+        tvc::test::writeFile("/etc/tvc-tallylog", record);
+        definition.lockLimit = c.limit;
+        User viewer("viewer");
+        EXPECT_EQ(flags(viewer), "-PLE");  // looked up, not yet read
+        viewer.updateState();
+        EXPECT_EQ(flags(viewer), c.expected);
+    }
+    // The lock record: reached exactly, or beyond.
+    for (const auto& [count, expected] : {std::pair{3, "locked justLocked"}, {4, "locked"}}) {
+        std::string record(10002 * 64 + 64, '\0');
+        record[10002 * 64 + 54] = static_cast<char>(count);
+        tvc::test::writeFile("/etc/tvc-tallylog", record);
+        definition.lockLimit = 3;
+        LookLockUpdate look;
+        User("viewer").retrieveLockState(look);
+        EXPECT_EQ(std::string(look.locked ? "locked" : "") + (look.justLocked ? " justLocked" : ""), expected);
+    }
+    tvc::test::removeEntry("/etc/shadow", "viewer");
+    tvc::test::addLines("/etc/shadow", "viewer:!!$6$x$y:1:0:99999:7:::\n");
+    EXPECT_EQ(User("viewer").getEncryptedPassword(), "$6$x$y");
+    EXPECT_EQ(User("admin").getEncryptedPassword().substr(0, 13), "$6$tvcadmin20");
+    tvc::test::removeEntry("/etc/shadow", "viewer");
+    EXPECT_EQ(User("viewer").getEncryptedPassword(), "");
+    EXPECT_THROW(User("viewer").updateState(), UMException);
+}
+
+// Unknown accounts: code 5, after the configured pause and before any rights check.
+TEST_F(AccountTest, UnknownAccountsFailAfterThePause) {
+    const std::pair<std::function<void()>, std::string> cases[] = {
+        {[] { User("nosuch"); }, "User uid not found in the system (retrieveUID from username):nosuch"},
+        {[] { User(4242u); }, "User uid not found in the system (retrieveUserName from uid):4242"},
+        {[] { Rbac::RetrieveUserId("nosuch"); }, "nosuch :User not found"},
+    };
+    for (const auto& [call, message] : cases) {
+        try {
+            call();
+            ADD_FAILURE() << message;
+        } catch (const UMException& e) {
+            EXPECT_EQ(e.getErrorId(), UMError::UserNotFound);
+            EXPECT_EQ(e.what(), message);
+        }
+    }
+    definition.delay = 1;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(User("nosuch"), UMException);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+// One table of (caller, action, target): the caller is the thread's effective identity.
+TEST_F(AccountTest, RightsFollowTheCallersRolesUnderItsIdentity) {
+    const std::string all = "allowed allowed allowed allowed allowed allowed";
+    const struct {
+        unsigned int uid, gid;
+        const char* target;    // for actions 1, 4 and 5; null: no target
+        std::string expected;  // actions 0 to 5, then 6
+    } cases[] = {
+        {10000, 10000, "viewer", all + " | 302 admin"},  // user manager
+        {0, 0, nullptr, all + " | 302 root"},
+        {10002, 10002, "viewer", "302 viewer 302 viewer allowed 302 viewer 302 viewer allowed | 302 viewer"},
+        {10002, 10002, "guest", "302 viewer 302 viewer allowed 302 viewer 302 viewer 302 viewer | 302 viewer"},
+        {10002, 10002, nullptr, "302 viewer 302 viewer allowed 302 viewer 302 viewer 302 viewer | 302 viewer"},
+        {33, 33, "viewer", "302 www-data 302 www-data allowed 302 www-data 302 www-data 302 www-data | 302 www-data"},
+        {2003, 100, "viewer",
+         "302 svc-backup 302 svc-backup 302 svc-backup 302 svc-backup 302 svc-backup "
+         "302 svc-backup | 302 svc-backup"},
+    };
+    std::vector<std::optional<User>> targets;
+    for (const auto& c : cases) targets.emplace_back(c.target ? std::optional<User>(User(c.target)) : std::nullopt);
+    const auto answers = [&](std::size_t i) {
+        std::string text;
+        for (int action = 0; action <= 6; ++action)
+            text += (action == 0   ? ""
+                     : action == 6 ? " | "
+                                   : " ") +
+                    decision(static_cast<UserDefinition::Action>(action), targets[i] ? &*targets[i] : nullptr);
+        return text;
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        as(cases[i].uid, cases[i].gid, [&] { EXPECT_EQ(answers(i), cases[i].expected) << cases[i].uid; });
+    // The same questions from many threads at once, each under its own identity, the callers'
+    // objects built concurrently as well.
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        for (int copy = 0; copy < 3; ++copy)
+            threads.emplace_back([&, i] {
+                as(cases[i].uid, cases[i].gid, [&] {
+                    for (int n = 0; n < 20; ++n) EXPECT_EQ(answers(i), cases[i].expected) << cases[i].uid;
+                });
+            });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(geteuid(), 0u);
+}
+
+TEST_F(AccountTest, ValuesListingAndRbac) {
+    User admin("admin"), copy(admin), viewer("viewer");
+    int count = 0;
+    gid_t* groups = admin.getUserGroupsIds(count);
+    ASSERT_NE(groups, nullptr);
+    EXPECT_EQ(std::vector<gid_t>(groups, groups + count),
+              (std::vector<gid_t>{10000, 4101, 4102, 4103, 4104, 4200, 4201}));
+    copy = admin;  // the cache is copied, not shared
+    EXPECT_NE(copy.getUserGroupsIds(count), groups);
+    EXPECT_TRUE(copy == admin && copy != viewer);
+    viewer.swap(copy);
+    EXPECT_EQ(viewer.getUserName() + " " + copy.getUserName(), "admin viewer");
+    std::ostringstream printed;
+    printed << copy;
+    EXPECT_EQ(printed.str().substr(0, 31), "User Name:[viewer] uid:[10002]\n");
+
+    char a[] = "viewer", b[] = "admin", c[] = "viewer";
+    char* members[] = {a, b, c, nullptr};
+    const std::string renamed = "watcher";
+    EXPECT_TRUE(copy.isPresentInListeName(members, &renamed, count));
+    EXPECT_EQ(std::string(members[0]) + members[1] + members[2] + std::to_string(count), "watcheradminwatcher3");
+
+    std::string listed;
+    for (const User& user : utilities::getUserList()) listed += user.getUserName() + " ";
+    EXPECT_EQ(listed, "admin operator viewer tech guest ");
+
+    const auto text = [](auto values) {
+        std::string joined;
+        for (const auto& value : values) joined += std::to_string(value) + " ";
+        return joined;
+    };
+    EXPECT_EQ(Rbac::RetrieveUserId("root") + Rbac::RetrieveProfileGidFromUser("plainuser"), 10002u);
+    EXPECT_EQ(Rbac::RetrieveProfileGidFromUser(0u), 0u);
+    EXPECT_EQ(Rbac::RetrieveProfileGid("net-admin"), Rbac::RetrieveRoleGid("net-admin"));
+    EXPECT_EQ(Rbac::RetrieveRoleName(4101u) + " " + Rbac::RetrieveRoleName(9), "role-user-manager nogroup");
+    EXPECT_EQ(text(Rbac::RetrieveRolesIdFromUser("operator")), "2 3 4 ");
+    EXPECT_EQ(text(Rbac::RetrieveRolesGidFromProfile(2)), "4102 4104 ");
+    EXPECT_EQ(Rbac::RetrieveProfileId("nosuch") + Rbac::RetrieveProfileIdFromUser(10003u), -1);
+    EXPECT_EQ(text(Rbac::RetrieveRolesIdFromProfile("nosuch")), "");
+    try {
+        Rbac::RetrieveRoleName(4242u);
+        ADD_FAILURE();
+    } catch (const UMException& e) {
+        EXPECT_EQ(std::to_string(e.getErrorId()) + " " + e.what(), "2 4242 :Role not found");
+    }
+}
+
+TEST_F(AccountTest, AuditEventsOnePerChangedAspect) {
+    User viewer("viewer");
+    tvc::test::RecordingLogger sink;
+    LookUpdatePasswd passwd;
+    passwd.nameUpdated = passwd.profileUpdated = true;
+    passwd.oldName = "seer";
+    passwd.oldGid = 10001;
+    LookUpdateShadow reset, self, quiet;
+    reset.passwordUpdated = true;
+    reset.activation = 0;
+    self.passwordUpdated = self.selfUpdate = true;
+    self.activation = 1;
+    quiet.activation = 5;
+    LookLockUpdate unlocked, locked;
+    unlocked.unlocked = true;
+    locked.locked = locked.justLocked = true;
+    viewer.logPwdEvent(passwd);
+    for (LookUpdateShadow* look : {&reset, &self, &quiet}) viewer.logShadowdEvent(*look);
+    viewer.logUserLockEvent(unlocked);
+    viewer.logUserLockEvent(locked);
+    std::string log;
+    for (const auto& m : sink.messages) {
+        EXPECT_TRUE(m.category == LogCategory::UserAccount && m.severity == LogSeverity::Notice && m.third == 0 &&
+                    m.sixth == 0);
+        log += std::to_string(m.messageId) + " " + m.text + "\n";
+    }
+    EXPECT_EQ(log,
+              "4 User account - name changed from <seer> to <viewer>\n"
+              "5 User account - profile of <viewer> changed from <operators> to <viewers>\n"
+              "8 User account - password reset <viewer>\n"
+              "11 User account - activated <viewer>\n"
+              "6 User account - password changed\n"
+              "12 User account - deactivated <viewer>\n"
+              "10 User account - unlocked <viewer>\n");
+}
+
+}  // namespace
