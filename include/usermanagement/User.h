@@ -129,6 +129,10 @@ public:
     void logUserLockEvent(LookLockUpdate& look);
 
 private:
+    // `uid` and `name` with the lookup defaults: gid unknown, flags (inactive, password expired,
+    // locked, account expired), the placeholder profile, no group cache.
+    User(unsigned int uid, std::string name);
+
     unsigned int m_uid;
     unsigned int m_gid;
     std::string m_userName;

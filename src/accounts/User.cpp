@@ -65,48 +65,30 @@ bool isDisabled(const char* field) { return field != nullptr && std::strncmp(fie
 
 }  // namespace
 
-User::User()
-    : m_uid(SystemPermission().getEuid()),
+User::User(unsigned int uid, std::string name)
+    : m_uid(uid),
       m_gid(kUnknownId),
-      m_userName("nobody"),
+      m_userName(std::move(name)),
       m_isActive(false),
       m_isPasswordExpired(true),
       m_isLocked(true),
       m_isAccountExpired(true),
       m_profile(placeholderProfile()),
       m_nbGroups(0),
-      m_groups(nullptr) {
+      m_groups(nullptr) {}
+
+User::User() : User(SystemPermission().getEuid(), "nobody") {
     retrieveUserName();
     retrieveProfile();
 }
 
-User::User(const std::string& name)
-    : m_uid(kUnknownId),
-      m_gid(kUnknownId),
-      m_userName(name),
-      m_isActive(false),
-      m_isPasswordExpired(true),
-      m_isLocked(true),
-      m_isAccountExpired(true),
-      m_profile(placeholderProfile()),
-      m_nbGroups(0),
-      m_groups(nullptr) {
+User::User(const std::string& name) : User(kUnknownId, name) {
     retrieveUID();
     retrieveProfile();
     checkReadRight();
 }
 
-User::User(unsigned int uid)
-    : m_uid(uid),
-      m_gid(kUnknownId),
-      m_userName("nobody"),
-      m_isActive(false),
-      m_isPasswordExpired(true),
-      m_isLocked(true),
-      m_isAccountExpired(true),
-      m_profile(placeholderProfile()),
-      m_nbGroups(0),
-      m_groups(nullptr) {
+User::User(unsigned int uid) : User(uid, "nobody") {
     retrieveUserName();
     retrieveProfile();
     checkReadRight();
@@ -126,18 +108,7 @@ User::User(std::string name, int profileId, bool active)
     m_gid = m_profile.getGid();
 }
 
-User::User(const User& other)
-    : m_uid(kUnknownId),
-      m_gid(kUnknownId),
-      m_isActive(false),
-      m_isPasswordExpired(true),
-      m_isLocked(true),
-      m_isAccountExpired(true),
-      m_profile(placeholderProfile()),
-      m_nbGroups(0),
-      m_groups(nullptr) {
-    *this = other;
-}
+User::User(const User& other) : User(kUnknownId, std::string()) { *this = other; }
 
 User::User(User&& other) noexcept
     : m_uid(other.m_uid),
