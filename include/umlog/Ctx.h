@@ -43,9 +43,17 @@ public:
     // Stores `value` under `key`, replacing an earlier value.
     void addAttribut(const std::string& key, const std::string& value);
 
+    // The account the thread acts as.  setUser() replaces it by the account of the thread's
+    // effective user id; setUser(user) by a copy of `user`, unless the one held compares equal.
+    // The old object is gone before the new one is built: when building fails (the exception
+    // propagates), the context holds none and getUser() builds one afresh.
+    void setUser();
+    void setUser(const usermanagement::User& user);
+    // The account object, built by setUser() on first use.
+    usermanagement::User& getUser();
+
 private:
-    // The account object of the thread, owned; kept first.  Filled once a serving thread is
-    // made to act as an account.
+    // The account object of the thread, owned; kept first.  Null until first needed.
     usermanagement::User* m_account;
     std::string m_username;
     std::string m_ip;

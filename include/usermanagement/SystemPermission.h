@@ -21,9 +21,13 @@
 // operations can be added without changing the layout).
 #pragma once
 
+#include <string>
+
 #include <usermanagement/Export.h>
 
 namespace usermanagement {
+
+class User;
 
 class TVC_UM_EXPORT SystemPermission {
 public:
@@ -68,6 +72,21 @@ public:
     // and PMException 15 "restorePermission" when the thread does not have the snapshot's
     // effective ids afterwards; the object then stays in the changed state.
     void restorePermission();
+    // Act as an account: the calling thread takes the account's supplementary groups, its
+    // primary group as effective group id and its user id as effective user id (saved ids 0,
+    // real ids unchanged), the object enters the changed state, and the thread's log context
+    // records the account (umlog::Ctx::getUser()).  restorePermission() or the destructor
+    // switches back.  In the changed state the call does nothing.  The new identity is read
+    // back before the call returns.  Failures: PMException 16 "setUserPermission no user" for
+    // a name without an account; PMException 15 for a refused switch ("setUserPermission
+    // sys_setresgid", "... sys_setresuid", "... sys_setgroups") or a group list that cannot be
+    // had ("Memory malloc failed", "Memory realloc failed").  After a failure the object stays
+    // unchanged and the thread keeps what the completed steps set: at least effective root.
+    // Without a root configuration the account is still looked up and the state changes, but
+    // no id does, and the context records the account of the thread's unchanged effective id.
+    void setUserPermission(const std::string& userName);
+    // The same with the ids and the cached group list of `user` (no lookup).
+    void setUserPermission(const User& user);
     // Makes the snapshot's effective user and group ids the thread's real, effective and saved
     // ids, so that it can never become root again (meant for a child process about to run a
     // command).  Groups and the state of the object are unchanged.  PMException 15

@@ -26,6 +26,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <vector>
 
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/UMException.h>
@@ -93,6 +94,27 @@ inline DatabaseLookup<group> groupById(gid_t gid) { return lookUpEntry(_SC_GETGR
 // The shadow entry of `name`: readable as root only; the caller holds the password-file lock.
 inline DatabaseLookup<spwd> shadowByName(const char* name) {
     return lookUpEntry(_SC_GETPW_R_SIZE_MAX, getspnam_r, name);
+}
+
+// Every group of account `name` with primary group `gid` (`gid` first), as getgrouplist(3) reports
+// them: the list starts with room for 64 and grows to the size getgrouplist asks for.  False,
+// with errno EINVAL, when getgrouplist fails without asking for more room.  std::bad_alloc when
+// the list cannot grow.
+inline bool groupListOf(const char* name, gid_t gid, std::vector<gid_t>& groups) {
+    for (int room = 64;;) {
+        groups.resize(static_cast<std::size_t>(room));
+        int count = room;
+        if (getgrouplist(name, gid, groups.data(), &count) != -1) {
+            groups.resize(static_cast<std::size_t>(count));
+            return true;
+        }
+        // -1 with a larger count: the list needs that much room.
+        if (count <= room) {
+            errno = EINVAL;
+            return false;
+        }
+        room = count;
+    }
 }
 
 }  // namespace usermanagement::detail

@@ -89,20 +89,7 @@ bool accountGroups(uid_t uid, gid_t gid, std::vector<gid_t>& groups) {
         groups.assign(1, gid);
         return true;
     }
-    for (int room = 64;;) {
-        groups.resize(static_cast<size_t>(room));
-        int count = room;
-        if (getgrouplist(account.entry.pw_name, gid, groups.data(), &count) != -1) {
-            groups.resize(static_cast<size_t>(count));
-            break;
-        }
-        // -1 with a larger count: the list needs that much room.
-        if (count <= room) {
-            errno = EINVAL;
-            return false;
-        }
-        room = count;
-    }
+    if (!usermanagement::detail::groupListOf(account.entry.pw_name, gid, groups)) return false;
     std::sort(groups.begin(), groups.end());
     return true;
 }

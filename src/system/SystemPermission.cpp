@@ -15,14 +15,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <new>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <systemutilities/LinuxUserSystem.h>
+#include <umlog/Ctx.h>
 #include <usermanagement/UMException.h>
+#include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/DatabaseLookup.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
 #include "system/IdSyscalls.h"
@@ -98,6 +103,24 @@ void restoreOrAbort(uid_t euid, gid_t egid, const unsigned int* groups, int coun
         (void)ignored;
     }
     std::abort();
+}
+
+// Puts the calling thread (effective root) into an account's identity: groups, then effective
+// group id, then effective user id, saved ids 0 so that the library can regain root for its own
+// operations.  The identity is read back afterwards: a thread that kept root's supplementary
+// groups (group 0, shadow...) while acting as an account would keep their rights, so a list
+// that did not stick is a failure like a refused id.
+void actAs(uid_t uid, gid_t gid, const gid_t* groups, int count) {
+    if (!rootProfile()) return;
+    ids::setGroups(count, groups);
+    if (ids::setResGid(ids::kUnchanged, gid, 0) == -1)
+        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresgid");
+    if (ids::setResUid(ids::kUnchanged, uid, 0) == -1)
+        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid");
+    if (!hasGroups(groups, count))
+        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setgroups");
+    if (!hasEffectiveIds(uid, gid))
+        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid");
 }
 
 // The trace file, ready for appending, or nothing.  print() runs as root in a directory anyone
@@ -202,6 +225,37 @@ void SystemPermission::restorePermission() {
         if (!hasEffectiveIds(m_euid, m_egid)) raise<PMException>(PMError::UpdatePrivilegeFailed, "restorePermission");
     }
     m_permissionChanged = false;
+}
+
+void SystemPermission::setUserPermission(const std::string& userName) {
+    if (m_permissionChanged) return;
+    setUpPermission();
+    unsigned int uid = kUnknownId, gid = kUnknownId;
+    if (!systemutilities::LinuxUserSystem::getUserIds(userName.c_str(), &uid, &gid))
+        raise<PMException>(PMError::UpdateUserFailed, "setUserPermission no user");
+    std::vector<gid_t> groups;
+    try {
+        // A list that cannot be had is refused rather than switching with the caller's groups.
+        if (!detail::groupListOf(userName.c_str(), gid, groups))
+            raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setgroups");
+    } catch (const std::bad_alloc&) {
+        raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
+    }
+    actAs(uid, gid, groups.data(), static_cast<int>(groups.size()));
+    // From here the destructor restores, also when the context cannot build the account.
+    m_permissionChanged = true;
+    umlog::Ctx::getCtx().setUser();
+}
+
+void SystemPermission::setUserPermission(const User& user) {
+    if (m_permissionChanged) return;
+    setUpPermission();
+    int count = 0;
+    const gid_t* groups = user.getUserGroupsIds(count);
+    if (groups == nullptr) raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory malloc failed");
+    actAs(user.getUid(), user.getGid(), groups, count);
+    m_permissionChanged = true;
+    umlog::Ctx::getCtx().setUser(user);
 }
 
 void SystemPermission::setUserPermissionDefinitely() {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <functional>
@@ -14,8 +15,10 @@
 #include <vector>
 
 #include <authnz/AuthNZException.h>
+#include <umlog/Ctx.h>
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/Rbac.h>
+#include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
@@ -24,10 +27,8 @@
 #include "sampledevice/SampleCatalogue.h"
 #include "support/RecordingLogger.h"
 #include "support/Sandbox.h"
-#include "system/IdSyscalls.h"
 
 using namespace usermanagement;
-namespace ids = usermanagement::detail::ids;
 
 namespace {
 
@@ -62,15 +63,23 @@ protected:
     tvc::sample::SampleCatalogue catalogue;
 };
 
-// Runs `body` in a thread whose effective ids are those of `uid`/`gid` (real and saved stay
-// root, so that it could switch back), and checks that the thread ends as it started.
-void as(unsigned int uid, unsigned int gid, const std::function<void()>& body) {
+// Runs `body` in a thread acting as account `name` through the library's switch, and checks
+// that the thread ends with exactly the ids it started with.
+void as(const std::string& name, const std::function<void()>& body) {
     std::thread([=] {
-        ASSERT_EQ(ids::setResGid(ids::kUnchanged, gid, ids::kUnchanged), 0);
-        ASSERT_EQ(ids::setResUid(ids::kUnchanged, uid, ids::kUnchanged), 0);
-        body();
-        EXPECT_EQ(geteuid(), uid) << "the identity moved under the test";
-        ASSERT_EQ(ids::setResUid(ids::kUnchanged, 0, ids::kUnchanged), 0);
+        uid_t uid[3], gid[3];
+        ASSERT_EQ(getresuid(&uid[0], &uid[1], &uid[2]) + getresgid(&gid[0], &gid[1], &gid[2]), 0);
+        {
+            SystemPermission permission;
+            permission.setUserPermission(name);
+            body();
+            EXPECT_EQ(umlog::Ctx::getCtx().getUser().getUserName(), name) << "the identity moved under the test";
+        }
+        uid_t uidAfter[3], gidAfter[3];
+        ASSERT_EQ(
+            getresuid(&uidAfter[0], &uidAfter[1], &uidAfter[2]) + getresgid(&gidAfter[0], &gidAfter[1], &gidAfter[2]),
+            0);
+        EXPECT_TRUE(std::equal(uid, uid + 3, uidAfter) && std::equal(gid, gid + 3, gidAfter));
     }).join();
 }
 
@@ -99,7 +108,7 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     } cases[] = {
         {"$6$x$y:" + day(0) + ":0:99999:7:::", 0, -1, "A---"},
         {"!!$6$x$y:" + day(0) + ":0:99999:7:::", 0, -1, "----"},
-        {"$6$x$y:0:0::7:::", 0, -1, "AP--"},                 // changed on day 0: expired anyway
+        {"$6$x$y:0:0::7:::", 0, -1, "AP--"},                   // changed on day 0: expired anyway
         {"$6$x$y::0:1:7:::", 0, -1, "A---"},                   // no last change: no ageing
         {"$6$x$y:" + day(-10) + ":0:10:7:::", 0, -1, "A---"},  // exactly the maximum age
         {"$6$x$y:" + day(-11) + ":0:10:7:::", 0, -1, "AP--"},
@@ -169,17 +178,18 @@ TEST_F(AccountTest, UnknownAccountsFailAfterThePause) {
 TEST_F(AccountTest, RightsFollowTheCallersRolesUnderItsIdentity) {
     const std::string all = "allowed allowed allowed allowed allowed allowed";
     const struct {
-        unsigned int uid, gid;
+        const char* caller;
         const char* target;    // for actions 1, 4 and 5; null: no target
         std::string expected;  // actions 0 to 5, then 6
     } cases[] = {
-        {10000, 10000, "viewer", all + " | 302 admin"},  // user manager
-        {0, 0, nullptr, all + " | 302 root"},
-        {10002, 10002, "viewer", "302 viewer 302 viewer allowed 302 viewer 302 viewer allowed | 302 viewer"},
-        {10002, 10002, "guest", "302 viewer 302 viewer allowed 302 viewer 302 viewer 302 viewer | 302 viewer"},
-        {10002, 10002, nullptr, "302 viewer 302 viewer allowed 302 viewer 302 viewer 302 viewer | 302 viewer"},
-        {33, 33, "viewer", "302 www-data 302 www-data allowed 302 www-data 302 www-data 302 www-data | 302 www-data"},
-        {2003, 100, "viewer",
+        {"admin", "viewer", all + " | 302 admin"},  // user manager
+        {"root", nullptr, all + " | 302 root"},
+        {"viewer", "viewer", "302 viewer 302 viewer allowed 302 viewer 302 viewer allowed | 302 viewer"},
+        {"viewer", "guest", "302 viewer 302 viewer allowed 302 viewer 302 viewer 302 viewer | 302 viewer"},
+        {"viewer", nullptr, "302 viewer 302 viewer allowed 302 viewer 302 viewer 302 viewer | 302 viewer"},
+        {"www-data", "viewer",
+         "302 www-data 302 www-data allowed 302 www-data 302 www-data 302 www-data | 302 www-data"},
+        {"svc-backup", "viewer",
          "302 svc-backup 302 svc-backup 302 svc-backup 302 svc-backup 302 svc-backup "
          "302 svc-backup | 302 svc-backup"},
     };
@@ -195,15 +205,15 @@ TEST_F(AccountTest, RightsFollowTheCallersRolesUnderItsIdentity) {
         return text;
     };
     for (std::size_t i = 0; i < std::size(cases); ++i)
-        as(cases[i].uid, cases[i].gid, [&] { EXPECT_EQ(answers(i), cases[i].expected) << cases[i].uid; });
+        as(cases[i].caller, [&] { EXPECT_EQ(answers(i), cases[i].expected) << cases[i].caller; });
     // The same questions from many threads at once, each under its own identity, the callers'
     // objects built concurrently as well.
     std::vector<std::thread> threads;
     for (std::size_t i = 0; i < std::size(cases); ++i)
         for (int copy = 0; copy < 3; ++copy)
             threads.emplace_back([&, i] {
-                as(cases[i].uid, cases[i].gid, [&] {
-                    for (int n = 0; n < 20; ++n) EXPECT_EQ(answers(i), cases[i].expected) << cases[i].uid;
+                as(cases[i].caller, [&] {
+                    for (int n = 0; n < 20; ++n) EXPECT_EQ(answers(i), cases[i].expected) << cases[i].caller;
                 });
             });
     for (std::thread& thread : threads) thread.join();

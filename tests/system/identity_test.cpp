@@ -18,8 +18,10 @@
 #include <thread>
 
 #include <systemutilities/ScriptLauncher.h>
+#include <umlog/Ctx.h>
 #include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
+#include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
 #include "foundation/Descriptor.h"
@@ -30,6 +32,7 @@ using systemutilities::ScriptLauncher;
 using tvc::test::writeFile;
 using usermanagement::PMException;
 using usermanagement::SystemPermission;
+using usermanagement::User;
 using usermanagement::detail::Descriptor;
 namespace ids = usermanagement::detail::ids;
 
@@ -226,17 +229,89 @@ TEST_F(IdentityTest, TraceWritesOnlyARegularFileOfItsOwnWithOneName) {
     umount2("/tmp", MNT_DETACH);
 }
 
-TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOnly) {
-    // Asked in the child, this configuration would let the command keep its root ids.
-    static const pid_t parent = getpid();
-    ScopedRootProfile parentOnly([] { return getpid() == parent; });
-    // operator is in more groups than the first guess of room holds.
+// operator in 100 more groups than the first guess of room for a group list holds; their ids.
+std::string growOperatorsGroups() {
     std::string lines, gids;
     for (int gid = 5000; gid < 5100; ++gid) {
         lines += "g" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":operator\n";
         gids += std::to_string(gid) + " ";
     }
     tvc::test::addLines("/etc/group", lines);
+    return gids;
+}
+
+// Acting as an account, from a root thread that carries groups of its own (shadow's among
+// them): by name and through an account object, back to the snapshot afterwards.
+TEST_F(IdentityTest, ActingAsAnAccountTakesExactlyItsIdentityUntilRestored) {
+    const std::string gids = growOperatorsGroups();
+    const auto acting = [](unsigned int uid, unsigned int gid, const std::string& groups) {
+        const std::string u = std::to_string(uid), g = std::to_string(gid);
+        return "Uid: 0 " + u + " 0 " + u + " Gid: 0 " + g + " 0 " + g + " Groups: " + groups + " ";
+    };
+    const struct {
+        std::string name, ids;
+    } cases[] = {
+        {"operator", acting(10001, 10001, "4102 4103 4104 4200 4201 " + gids + "10001")},
+        {"plainuser", acting(2002, 10002, "4101 10002")},  // the profile group, not "users", is its group id
+        {"root", acting(0, 0, "0")},
+    };
+    for (const auto& c : cases)
+        std::thread([&c] {
+            SCOPED_TRACE(c.name);
+            becomeThread(0, 0, 0, {0, 42});
+            const std::string before = idsOf();
+            {
+                SystemPermission permission;
+                permission.setUserPermission(c.name);
+                EXPECT_EQ(idsOf(), c.ids);
+                User& account = umlog::Ctx::getCtx().getUser();
+                EXPECT_EQ(account.getUserName(), c.name);
+                permission.setUserPermission("admin");  // switched already: nothing happens
+                EXPECT_EQ(idsOf(), c.ids);
+                permission.restorePermission();
+                EXPECT_EQ(idsOf(), before);
+                account.updateState();  // active now, unlike a freshly looked-up account
+                const User user(c.name);
+                permission.setUserPermission(user);
+                EXPECT_EQ(idsOf(), c.ids);
+                EXPECT_TRUE(umlog::Ctx::getCtx().getUser().isActive());  // an equal account is kept
+            }
+            EXPECT_EQ(idsOf(), before);
+        }).join();
+}
+
+TEST_F(IdentityTest, ActingAsAnAccountRefusesWhatItCannotBecome) {
+    std::thread([] {
+        becomeThread(0, 10001, 0, kOperatorGroups);
+        const std::string before = idsOf();
+        {
+            SystemPermission permission;
+            EXPECT_EQ(failure([&] { permission.setUserPermission("nosuch"); }), "setUserPermission no user");
+            // An account that is not stored has no user id to take: the read-back refuses it.
+            const User unsaved("newcomer", 2, true);
+            EXPECT_EQ(failure([&] { permission.setUserPermission(unsaved); }), "setUserPermission sys_setresuid");
+        }  // never switched: the destructor leaves the thread as the failures did
+        EXPECT_EQ(geteuid(), 0u);
+        becomeThread(0, 10001, 0, kOperatorGroups);
+        ScopedRootProfile noRoot([] { return false; });
+        {
+            SystemPermission permission;
+            // Looked up and the state changed, nothing switched: the context keeps telling the
+            // account the thread really is.
+            EXPECT_EQ(failure([&] { permission.setUserPermission("nosuch"); }), "setUserPermission no user");
+            permission.setUserPermission("viewer");
+            EXPECT_EQ(idsOf(), before);
+            EXPECT_EQ(umlog::Ctx::getCtx().getUser().getUserName(), "operator");
+        }
+        EXPECT_EQ(idsOf(), before);
+    }).join();
+}
+
+TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOnly) {
+    // Asked in the child, this configuration would let the command keep its root ids.
+    static const pid_t parent = getpid();
+    ScopedRootProfile parentOnly([] { return getpid() == parent; });
+    const std::string gids = growOperatorsGroups();
     const struct {
         unsigned int real, effective, saved;
         std::vector<gid_t> groups;
