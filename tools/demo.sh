@@ -19,6 +19,11 @@ show() {
 }
 
 echo "umctl on the sample device that tools/sampledevice/sample-device.txt describes"
+show list
+show show operator
+show --as admin can CreateUser
+show --as viewer can CreateUser
+show --as viewer can UpdatePassword viewer
 show user admin
 show user 10002
 show group viewers

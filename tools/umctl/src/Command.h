@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <usermanagement/ErrorCodes.h>
+#include <usermanagement/SystemPermission.h>
 
 namespace umctl {
 
@@ -15,7 +16,6 @@ namespace umctl {
 constexpr int kOk = 0;
 constexpr int kFailed = 1;  // not found, or the library refused
 constexpr int kUsage = 2;
-
 
 using Args = std::vector<std::string>;
 
@@ -26,6 +26,29 @@ struct Command {
     std::size_t maxArgs;
     // Prints the answer on stdout and returns the exit status; failures throw.
     int (*run)(const Args& args);
+    // False: main runs the command acting as the --as account.  True: the command switches
+    // itself (it has work to do under umctl's own identity first).
+    bool switchesItself = false;
+};
+
+// The options before or after the command words.
+struct Options {
+    bool json = false;     // --json: answers and library failures as JSON
+    std::string actingAs;  // --as NAME: the account the command runs as ("" for none)
+};
+const Options& options();
+
+// For its lifetime the calling thread acts as the --as account through the library's switch
+// (SystemPermission::setUserPermission), and the log context names that account.  Nothing
+// happens without --as.  UMException 5 for an account that does not exist.
+class ActingAs {
+public:
+    ActingAs();
+    ActingAs(const ActingAs&) = delete;
+    ActingAs& operator=(const ActingAs&) = delete;
+
+private:
+    usermanagement::SystemPermission m_permission;
 };
 
 // Bad command line; main prints "umctl: <what>" and exits kUsage.
@@ -54,8 +77,14 @@ std::vector<Command> settingsCommands();
 std::vector<Command> accessCommands();
 std::vector<Command> identityCommands();
 std::vector<Command> hashCommands();
+std::vector<Command> accountCommands();
 
 // Installs the device's profile catalogue; called once at start-up.
 void installCatalogue();
+// Installs umctl's log sink (stderr, and syslog where a log socket exists); called once.
+void installAuditSink();
+
+// `text` as a JSON string literal.
+std::string jsonString(const std::string& text);
 
 }  // namespace umctl

@@ -1,13 +1,16 @@
 // umctl: command-line host of libtvc_usermanagement.
 //
-//     umctl [--json] COMMAND [ARGS...]
+//     umctl [--json] [--as NAME] COMMAND [ARGS...]
 //
 // Exit status 0 on success, 1 when something is not found or the library refuses, 2 on a bad
 // command line.  Every error is one line on stderr; with --json a library failure also prints
-// the library's JSON answer on stdout, as the web front end would receive it.
+// the library's JSON answer on stdout, as the web front end would receive it.  With --as the
+// command runs with the thread acting as account NAME, as a device's web server serves a
+// logged-in operator: the library's rights checks judge that account.
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <climits>
 #include <cstdlib>
 #include <iostream>
@@ -16,7 +19,6 @@
 #include <systemutilities/LinuxUserSystem.h>
 #include <tarvicexception/TvcException.h>
 #include <umlog/Ctx.h>
-#include <usermanagement/Logger.h>
 #include <usermanagement/UMException.h>
 
 #include "Command.h"
@@ -25,7 +27,8 @@ namespace umctl {
 
 std::vector<Command> allCommands() {
     std::vector<Command> all;
-    for (auto group : {lookupCommands, settingsCommands, accessCommands, identityCommands, hashCommands}) {
+    for (auto group :
+         {lookupCommands, accountCommands, settingsCommands, accessCommands, identityCommands, hashCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }
@@ -56,20 +59,42 @@ Account resolveUser(const std::string& nameOrUid) {
     return account;
 }
 
+Options& mutableOptions() {
+    static Options options;
+    return options;
+}
+
+const Options& options() { return mutableOptions(); }
+
+ActingAs::ActingAs() {
+    const std::string& name = options().actingAs;
+    if (name.empty()) return;
+    resolveUser(name);  // "no such user" rather than the switch's own failure
+    m_permission.setUserPermission(name);
+    umlog::Ctx::getCtx().setUsername(name);
+}
+
+std::string jsonString(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            quoted += '\\';
+            quoted += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
+            quoted += escape;
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "\"";
+}
+
 namespace {
 
-// The audit trail of a command-line run goes to stderr, next to the errors.
-class StderrLogger : public usermanagement::Logger {
-public:
-    void logMessage(usermanagement::LogCategory category, int messageId, int,
-                    const usermanagement::LogSeverity& severity, std::string ip, int, std::string text) override {
-        std::cerr << "umctl: log: " << text << " [category " << static_cast<int>(category) << ", message " << messageId
-                  << ", severity " << static_cast<int>(severity) << ", ip " << ip << "]\n";
-    }
-};
-
 std::string usageLine(const Command& command) {
-    std::string line = std::string("umctl [--json] ") + command.name;
+    std::string line = std::string("umctl [--json] [--as NAME] ") + command.name;
     if (*command.arguments) line += std::string(" ") + command.arguments;
     return line;
 }
@@ -88,12 +113,15 @@ std::string invokingUser() {
 }
 
 int run(const std::vector<Command>& commands, const Args& words) {
-    if (words.empty()) throw UsageError("usage: umctl [--json] COMMAND [ARGS...] (umctl --help lists them)");
+    if (words.empty())
+        throw UsageError("usage: umctl [--json] [--as NAME] COMMAND [ARGS...] (umctl --help lists them)");
     for (const Command& command : commands) {
         if (words[0] != command.name) continue;
         const Args args(words.begin() + 1, words.end());
         if (args.size() < command.minArgs || args.size() > command.maxArgs)
             throw UsageError("usage: " + usageLine(command));
+        if (command.switchesItself) return command.run(args);
+        const ActingAs scope;
         return command.run(args);
     }
     throw UsageError("unknown command: " + words[0] + " (umctl --help lists them)");
@@ -106,22 +134,29 @@ int run(const std::vector<Command>& commands, const Args& words) {
 int main(int argc, char** argv) {
     using namespace umctl;
     const std::vector<Command> commands = allCommands();
-    bool json = false;
+    Options& options = mutableOptions();
     Args words;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        if (word == "--json") {
-            json = true;
-        } else if (word == "-h" || word == "--help") {
-            printHelp(commands);
-            return kOk;
-        } else {
-            words.push_back(word);
+    try {
+        for (int i = 1; i < argc; ++i) {
+            const std::string word = argv[i];
+            if (word == "--json") {
+                options.json = true;
+            } else if (word == "--as") {
+                if (i + 1 == argc || *argv[i + 1] == '\0') throw UsageError("--as needs an account name");
+                options.actingAs = argv[++i];
+            } else if (word == "-h" || word == "--help") {
+                printHelp(commands);
+                return kOk;
+            } else {
+                words.push_back(word);
+            }
         }
+    } catch (const UsageError& e) {
+        std::cerr << "umctl: " << e.what() << "\n";
+        return kUsage;
     }
 
-    static StderrLogger logger;
-    logger.setLogger(logger);
+    installAuditSink();
     installCatalogue();
     umlog::Ctx& context = umlog::Ctx::getCtx();
     context.setIP("cli");
@@ -136,7 +171,7 @@ int main(int argc, char** argv) {
     } catch (tarvicexception::TvcException& e) {
         e.logCdsMessage();
         std::cerr << "umctl: " << e.what() << "\n";
-        if (json) std::cout << e.getJsonAnswer() << "\n";
+        if (options.json) std::cout << e.getJsonAnswer() << "\n";
         return kFailed;
     } catch (const std::exception& e) {
         std::cerr << "umctl: " << e.what() << "\n";

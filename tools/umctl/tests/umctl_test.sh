@@ -54,14 +54,14 @@ expect 0 "gid: 10002${nl}name: viewers" "" -- group viewers
 expect 0 "gid: 4101${nl}name: role-user-manager" "" -- group 4101
 
 # Not found: status 1, an audit line and one error line on stderr, JSON only when asked.
-expect 1 "" "umctl: log: User not found*ip cli]${nl}umctl: no such user: nosuch" -- user nosuch
+expect 1 "" "umctl: log: category=8 id=22 severity=debug ip=cli user=root text=User not found*${nl}umctl: no such user: nosuch" -- user nosuch
 expect 1 "" "*${nl}umctl: no such user: 4242" -- user 4242
 expect 1 '{"classCode":0,*"errorCode":5*}' "*umctl: no such user: nosuch" -- --json user nosuch
 expect 1 '{"classCode":0,*}' "*umctl: no such group: nosuch" -- group nosuch --json
 
 # Bad usage: status 2 and exactly one line on stderr.
-expect 2 "" "umctl: usage: umctl [[]--json] user NAME|UID" -- user
-expect 2 "" "umctl: usage: umctl [[]--json] group NAME|GID" -- group a b
+expect 2 "" "umctl: usage: umctl [[]--json] [[]--as NAME] user NAME|UID" -- user
+expect 2 "" "umctl: usage: umctl [[]--json] [[]--as NAME] group NAME|GID" -- group a b
 expect 2 "" "umctl: unknown command: bogus (umctl --help lists them)" -- bogus
 expect 2 "" "umctl: usage: umctl*" --
 expect 2 "" "umctl: id out of range: 99999999999" -- user 99999999999
@@ -85,7 +85,26 @@ expect 0 "ruid: 0${nl}euid: 0${nl}suid: 0${nl}rgid: 0${nl}egid: 0${nl}sgid: 0${n
 expect 0 "uid: 10001${nl}failures: [0-9]*" "" -- tally operator
 expect 0 "uid: 10000${nl}failures: [0-9]*" "" -- tally 10000
 expect 1 "" "*umctl: no such user: nosuch" -- tally nosuch
-expect 2 "" "umctl: usage: umctl [[]--json] tally NAME|UID" -- tally
+expect 2 "" "umctl: usage: umctl [[]--json] [[]--as NAME] tally NAME|UID" -- tally
+
+# The managed accounts with their profile and state, as a table and as JSON; one account in detail.
+expect 0 "NAME *UID *PROFILE *ACTIVE *PASSWORD-EXPIRED *LOCKED *ACCOUNT-EXPIRED${nl}admin *10000 *administrators *yes *no *no *no${nl}*${nl}guest *10004 *viewers *yes *no *no *no" "" -- list
+expect 0 '[[]{"name":"admin","uid":10000,"gid":10000,"profile":"administrators","profileId":0,"active":true,"passwordExpired":false,"locked":false,"accountExpired":false},{"name":"operator"*}]' "" -- list --json
+expect 0 "name: plainuser${nl}uid: 2002${nl}gid: 10002${nl}profile: viewers (id 2, gid 10002)${nl}active: yes${nl}*${nl}groups:${nl}  10002 viewers${nl}  4101 role-user-manager" "" -- show plainuser
+expect 0 '{"name":"tech",*"groups":[[]10003,4102,4104,4201]}' "" -- --json show 10003
+expect 1 "" "*umctl: User uid not found in the system (retrieveUID from username):nosuch" -- show nosuch
+
+# Rights, judged with the thread acting as the --as account: a user manager, a viewer asking
+# about itself and about another account, a profile without the read right.
+expect 0 "allowed" "" -- --as admin can CreateUser
+expect 1 "refused" "" -- --as viewer can createuser
+expect 0 "allowed" "" -- --as viewer can UpdatePassword viewer
+expect 1 "refused" "" -- --as viewer can UpdatePassword 10004
+expect 1 "" "*umctl: Not authorized*" -- --as svc-backup show admin
+expect 0 "ruid: 0${nl}euid: 10002${nl}suid: 0${nl}rgid: 0${nl}egid: 10002${nl}sgid: 0${nl}groups: 4" "" -- --as viewer whoami
+expect 1 "" "*umctl: no such user: nosuch" -- --as nosuch can ReadUser
+expect 2 "" "umctl: unknown action: Fly (one of CreateUser, *UpdatePassword)" -- can Fly
+expect 2 "" "umctl: --as needs an account name" -- list --as
 
 # A SHA-512 crypt hash with a 16-character salt; a password beyond the 255-byte limit is refused.
 salt='[./0-9A-Za-z]'

@@ -1,0 +1,91 @@
+// umctl's log sink.  Every audit event and every failure the library logs becomes one line on
+// standard error, in a format meant to be read by scripts as well as by people:
+//
+//     umctl: log: category=8 id=5 severity=warning ip=cli user=root text=User not found ...
+//
+// The fields are always present and in this order; the text comes last and runs to the end of
+// the line (control characters in it become spaces, so one message is always one line).  The
+// same line without the "umctl: log: " prefix goes to syslog(3), facility authpriv, when the
+// system has a log socket: account changes belong in the device's security log.
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include <umlog/Ctx.h>
+#include <usermanagement/Logger.h>
+
+#include "Command.h"
+
+namespace umctl {
+
+namespace {
+
+using usermanagement::LogCategory;
+using usermanagement::LogSeverity;
+
+constexpr const char* kLogSocket = "/dev/log";
+
+const char* severityName(LogSeverity severity) {
+    switch (severity) {
+        case LogSeverity::Warning:
+            return "warning";
+        case LogSeverity::Notice:
+            return "notice";
+        case LogSeverity::Debug:
+            return "debug";
+    }
+    return "unknown";
+}
+
+int syslogPriority(LogSeverity severity) {
+    switch (severity) {
+        case LogSeverity::Warning:
+            return LOG_WARNING;
+        case LogSeverity::Notice:
+            return LOG_NOTICE;
+        case LogSeverity::Debug:
+            return LOG_DEBUG;
+    }
+    return LOG_WARNING;
+}
+
+std::string oneLine(std::string text) {
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+    return text;
+}
+
+class AuditSink : public usermanagement::Logger {
+public:
+    void logMessage(LogCategory category, int messageId, int, const LogSeverity& severity, std::string ip, int,
+                    std::string text) override {
+        std::ostringstream line;
+        line << "category=" << static_cast<int>(category) << " id=" << messageId
+             << " severity=" << severityName(severity) << " ip=" << oneLine(ip)
+             << " user=" << oneLine(umlog::Ctx::getCtx().getUsername()) << " text=" << oneLine(text);
+        std::cerr << "umctl: log: " << line.str() << "\n";
+        if (m_syslog) syslog(syslogPriority(severity), "%s", line.str().c_str());
+    }
+
+    void open() {
+        struct stat status {};
+        m_syslog = stat(kLogSocket, &status) == 0 && S_ISSOCK(status.st_mode);
+        if (m_syslog) openlog("umctl", LOG_PID, LOG_AUTHPRIV);
+    }
+
+private:
+    bool m_syslog = false;
+};
+
+}  // namespace
+
+void installAuditSink() {
+    static AuditSink sink;
+    sink.open();
+    sink.setLogger(sink);
+}
+
+}  // namespace umctl
