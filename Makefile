@@ -66,8 +66,9 @@ asan:
 	cmake --build $(BUILD)/asan -j$(JOBS)
 	ctest --test-dir $(BUILD)/asan --output-on-failure
 
-# Rewrite cost against a copy-and-fsync baseline (see README, Performance); an optimised build
-# of its own, run inside the sandbox because transactions take /etc/.pwd.lock.
+# Rewrite cost against a copy-and-fsync baseline, and the cost of reading an account and of a
+# rights check (see README, Performance); an optimised build of its own, run inside the sandbox
+# because transactions take /etc/.pwd.lock and the account benchmarks grow the account files.
 bench: deps
 	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=Release -DTVC_BUILD_TESTS=OFF -DTVC_BUILD_BENCH=ON
 	cmake --build $(BUILD)/bench -j$(JOBS) --target tvc_bench

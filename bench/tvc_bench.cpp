@@ -7,13 +7,27 @@
 //   BM_CopyAndSync/N     the baseline: the same bytes copied with read/write and fsynced, as
 //                        often as BM_AddRemove rewrites them, without parsing anything.
 //
-// The files live in a scratch directory ($TVC_BENCH_DIR, default /var/tmp, which is usually
-// on disk where /tmp may be a tmpfs), pointed at by the configuration; only the lock file
-// /etc/.pwd.lock and the uid lookup touch /etc, so the program runs itself inside the device
-// sandbox (tools/sandbox/tvc-sandbox).
+// What reading an account costs:
+//
+//   BM_CheckRight/C/N      one ReadUser rights check with the benchmark thread running as
+//                          account C (admin: a user manager by its profile; root).
+//   BM_UserUpdateState/N   User("admin") (lookup, profile, rights check) and updateState()
+//                          (rights check, tally, password-file lock, shadow entry).
+//
+// N is the number of generated accounts added to the sandbox's /etc/passwd, shadow and group:
+// 0 is the sample device as the sandbox writes it; with more, admin's lines and the groups its
+// lookups ask for go behind the generated ones, so that every lookup reads the whole file.
+//
+// The rewrite benchmarks' files live in a scratch directory ($TVC_BENCH_DIR, default /var/tmp,
+// which is usually on disk where /tmp may be a tmpfs), pointed at by the configuration; the
+// lock file /etc/.pwd.lock and the uid lookup touch /etc, and the account benchmarks rewrite
+// the account files there, so the program runs itself inside the device sandbox
+// (tools/sandbox/tvc-sandbox) and refuses to touch /etc outside it.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <limits.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +35,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,7 +44,11 @@
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/PasswdEntries.h>
 #include <usermanagement/ShadowEntries.h>
+#include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
+
+#include "sampledevice/SampleCatalogue.h"
+#include "system/IdSyscalls.h"
 
 #ifndef TVC_SANDBOX_SCRIPT
 #error "TVC_SANDBOX_SCRIPT must name tools/sandbox/tvc-sandbox"
@@ -160,11 +180,218 @@ void BM_CopyAndSync(benchmark::State& state) {
 
 BENCHMARK(BM_CryptPwd)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AddRemove)
-    ->Arg(10)->Arg(1000)->Arg(10000)->Arg(100000)
-    ->Unit(benchmark::kMillisecond)->UseRealTime()->Complexity(benchmark::oN);
+    ->Arg(10)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Complexity(benchmark::oN);
 BENCHMARK(BM_CopyAndSync)
-    ->Arg(10)->Arg(1000)->Arg(10000)->Arg(100000)
-    ->Unit(benchmark::kMillisecond)->UseRealTime()->Complexity(benchmark::oN);
+    ->Arg(10)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Complexity(benchmark::oN);
+
+// ---- Reading accounts -------------------------------------------------------------------
+
+// The sample device's configuration as the library ships it: the account benchmarks work on
+// the live files of the sandbox, not on the scratch files of the rewrite benchmarks.  Its
+// pause for unknown names is the real one; the benchmarks check beforehand that every name
+// they look up exists, so a run that hit the pause would be a broken run, not a slow one.
+UserDefinition device;
+tvc::sample::SampleCatalogue catalogue;
+
+// The account whose lookups BM_UserUpdateState measures and whose identity BM_CheckRight/admin
+// takes; with generated accounts it is the last entry of passwd and shadow.
+const char* const kManaged = "admin";
+// Groups the lookups of admin and root read by gid or by name (admin's profile group, and the
+// group of the catalogue's placeholder profile); they go behind the generated groups.
+const char* const kLastGroups[] = {"administrators", "nogroup"};
+
+// Installs `definition` for the lifetime of the object, then puts the previous one back.
+class ScopedDefinition {
+public:
+    explicit ScopedDefinition(UserDefinition& definition) { definition.setUserDefinition(definition); }
+    ~ScopedDefinition() { m_saved->setUserDefinition(*m_saved); }
+    ScopedDefinition(const ScopedDefinition&) = delete;
+    ScopedDefinition& operator=(const ScopedDefinition&) = delete;
+
+private:
+    UserDefinition* m_saved = UserDefinition::m_ptrDefaultUserDefinition;
+};
+
+std::string readWhole(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw std::runtime_error("cannot read " + path);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+// `text` without the lines of the entries `names`, which are appended to `moved` in file order.
+std::string takeLines(const std::string& text, const std::vector<std::string>& names, std::string& moved) {
+    std::string kept;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = text.find('\n', at);
+        const std::size_t next = end == std::string::npos ? text.size() : end + 1;
+        const std::string line = text.substr(at, next - at);
+        bool wanted = false;
+        for (const std::string& name : names) wanted = wanted || line.compare(0, name.size() + 1, name + ":") == 0;
+        (wanted ? moved : kept) += line;
+        at = next;
+    }
+    return kept;
+}
+
+// The sandbox's /etc/passwd, shadow and group with `extra` generated accounts (each with a
+// group of its own, uids and gids from 20000 on) for the lifetime of the object; the sample
+// device's files are put back afterwards, so the rewrite benchmarks always see those.  Only
+// ever inside the sandbox: /etc is then a throw-away overlay, never the host's.
+class DeviceFiles {
+public:
+    explicit DeviceFiles(long extra) {
+        const char* inside = std::getenv("TVC_SANDBOX");
+        const char* pristine = std::getenv("TVC_SANDBOX_PRISTINE");
+        if (inside == nullptr || std::strcmp(inside, "1") != 0 || pristine == nullptr || *pristine == '\0')
+            throw std::runtime_error("not inside the device sandbox: /etc is left alone");
+        for (const char* name : {"passwd", "shadow", "group"})
+            m_pristine.push_back(readWhole(std::string(pristine) + "/" + name));
+        std::string passwd, shadow, group;
+        for (long i = 0; i < extra; ++i) {
+            char name[32];
+            std::snprintf(name, sizeof name, "bench%05ld", i);
+            const std::string id = std::to_string(20000 + i);
+            passwd += std::string(name) + ":x:" + id + ":" + id + ":Bench user:/nonexistent:/usr/sbin/nologin\n";
+            shadow += std::string(name) + ":" + kHash + ":20454:0:99999:7:::\n";
+            group += std::string(name) + ":x:" + id + ":\n";
+        }
+        std::string managedPasswd, managedShadow, lastGroups;
+        passwd = takeLines(m_pristine[0], {kManaged}, managedPasswd) + passwd + managedPasswd;
+        shadow = takeLines(m_pristine[1], {kManaged}, managedShadow) + shadow + managedShadow;
+        group =
+            takeLines(m_pristine[2], {std::begin(kLastGroups), std::end(kLastGroups)}, lastGroups) + group + lastGroups;
+        // Writing over the files keeps their owner and mode.
+        writeWhole("/etc/passwd", passwd);
+        writeWhole("/etc/shadow", shadow);
+        writeWhole("/etc/group", group);
+    }
+    ~DeviceFiles() {
+        writeWhole("/etc/passwd", m_pristine[0]);
+        writeWhole("/etc/shadow", m_pristine[1]);
+        writeWhole("/etc/group", m_pristine[2]);
+    }
+    DeviceFiles(const DeviceFiles&) = delete;
+    DeviceFiles& operator=(const DeviceFiles&) = delete;
+
+private:
+    std::vector<std::string> m_pristine;
+};
+
+// The calling thread (only it: the raw calls of IdSyscalls.h) with the effective ids and the
+// groups of account `name` for the lifetime of the object; real and saved ids stay root, so
+// that it can switch back.  Root stays as it is.  A thread that cannot get back to root would
+// run every later benchmark as the wrong account: that aborts.
+class ThreadIdentity {
+public:
+    ThreadIdentity(const std::string& name, uid_t uid, gid_t gid) : m_switched(uid != 0) {
+        namespace ids = usermanagement::detail::ids;
+        if (!m_switched) return;
+        const int held = ids::getGroups(0, nullptr);
+        if (held < 0) throw std::runtime_error("getgroups failed");
+        m_groups.resize(static_cast<std::size_t>(held));
+        if (ids::getGroups(held, m_groups.data()) != held) throw std::runtime_error("getgroups failed");
+        int count = 64;
+        std::vector<gid_t> groups(static_cast<std::size_t>(count));
+        if (getgrouplist(name.c_str(), gid, groups.data(), &count) < 0) {
+            groups.resize(static_cast<std::size_t>(count));
+            getgrouplist(name.c_str(), gid, groups.data(), &count);
+        }
+        if (ids::setGroups(count, groups.data()) != 0 || ids::setResGid(ids::kUnchanged, gid, 0) != 0 ||
+            ids::setResUid(ids::kUnchanged, uid, 0) != 0 || geteuid() != uid || getegid() != gid) {
+            restore();
+            throw std::runtime_error("cannot switch the thread to " + name);
+        }
+    }
+    ~ThreadIdentity() {
+        if (m_switched) restore();
+    }
+    ThreadIdentity(const ThreadIdentity&) = delete;
+    ThreadIdentity& operator=(const ThreadIdentity&) = delete;
+
+private:
+    void restore() noexcept {
+        namespace ids = usermanagement::detail::ids;
+        if (ids::setResUid(ids::kUnchanged, 0, 0) != 0 ||
+            ids::setGroups(static_cast<int>(m_groups.size()), m_groups.data()) != 0 ||
+            ids::setResGid(ids::kUnchanged, 0, 0) != 0 || geteuid() != 0 || getegid() != 0) {
+            std::fputs("tvc_bench: the benchmark thread cannot return to root\n", stderr);
+            std::abort();
+        }
+    }
+
+    bool m_switched;
+    std::vector<gid_t> m_groups;
+};
+
+// Ids of an account that must exist; the lookups measured afterwards then never pause.
+void accountIds(const std::string& name, uid_t& uid, gid_t& gid) {
+    const passwd* entry = getpwnam(name.c_str());
+    if (entry == nullptr) throw std::runtime_error("no account " + name + " in the sandbox");
+    uid = entry->pw_uid;
+    gid = entry->pw_gid;
+}
+
+// Runs `benchmark`, reporting a failure of its set-up as the benchmark's error.
+template <class Body>
+void guarded(benchmark::State& state, Body body) {
+    try {
+        body();
+    } catch (const std::exception& e) {
+        state.SkipWithError(e.what());
+    }
+}
+
+void BM_CheckRight(benchmark::State& state, const char* caller) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(device);
+        const DeviceFiles files(state.range(0));
+        uid_t uid = 0;
+        gid_t gid = 0;
+        accountIds(caller, uid, gid);
+        const ThreadIdentity identity(caller, uid, gid);
+        UserDefinition& definition = UserDefinition::GetUserDefinition();
+        // Outside the loop: the first check builds the catalogue, and a refusal throws here.
+        definition.checkRight(UserDefinition::ReadUser, nullptr);
+        for (auto _ : state) definition.checkRight(UserDefinition::ReadUser, nullptr);
+    });
+}
+
+void BM_UserUpdateState(benchmark::State& state) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(device);
+        const DeviceFiles files(state.range(0));
+        uid_t uid = 0;
+        gid_t gid = 0;
+        accountIds(kManaged, uid, gid);
+        {
+            User user(kManaged);
+            user.updateState();
+            if (!user.isActive() || user.isLocked() || user.getUid() != uid)
+                throw std::runtime_error(std::string(kManaged) + " does not read as an active account");
+        }
+        for (auto _ : state) {
+            User user(kManaged);
+            user.updateState();
+            benchmark::DoNotOptimize(user.isActive());
+        }
+    });
+}
+
+BENCHMARK_CAPTURE(BM_CheckRight, admin, "admin")->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_CheckRight, root, "root")->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_UserUpdateState)->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 // Outside the sandbox: run again inside it (fails with the sandbox's message when it cannot
 // be built; the lock file of the host is never touched).
@@ -201,6 +428,8 @@ int main(int argc, char** argv) {
     scratch.shadow = dir + "/shadow";
     scratch.shadowTmp = dir + "/tmpshadow";
     scratch.setUserDefinition(scratch);
+    // As a device host does at start-up: profiles then resolve to the sample device's.
+    catalogue.setProfileDefinition(catalogue);
 
     benchmark::Initialize(&argc, argv);
     int status = 0;
