@@ -33,10 +33,10 @@ struct UMError {
 // UMSystemErrorException: the account files and the system database.
 struct UMSystemError {
     enum : int {
-        FileContents = 10,      // reading or writing the entries of an account file
-        FilesLocked = 11,       // the password-file lock could not be taken
-        DatabaseLookup = 12,    // the account or group database could not answer
-        FileTransaction = 13,   // preparing or installing a file update transaction
+        FileContents = 10,     // reading or writing the entries of an account file
+        FilesLocked = 11,      // the password-file lock could not be taken
+        DatabaseLookup = 12,   // the account or group database could not answer
+        FileTransaction = 13,  // preparing or installing a file update transaction
     };
 };
 
@@ -58,7 +58,25 @@ struct UpdatePasswordError {
         NewPasswordTooLong = 19,
         PasswordSecurityRules = 20,
         InvalidNewPassword = 21,
+        // The password-quality rules, by the rule the modules' text names.
         FirstQualityRule = 22,
+        SameAsOld = 22,  // also: differs from the old one by case changes only
+        Palindrome = 23,
+        TooSimilar = 25,
+        ContainsUserName = 26,
+        ContainsRealName = 27,
+        ForbiddenWords = 28,
+        TooFewDigits = 29,
+        TooFewUppercase = 30,
+        TooFewLowercase = 31,
+        TooFewOthers = 32,  // non-alphanumeric characters
+        TooShort = 33,
+        Rotated = 34,
+        TooFewClasses = 35,
+        TooManyRepeats = 36,       // the same character consecutively
+        TooManyClassRepeats = 37,  // characters of the same class consecutively
+        Monotonic = 38,
+        Dictionary = 39,
         LastQualityRule = 39,
     };
 };

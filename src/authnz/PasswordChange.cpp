@@ -1,0 +1,93 @@
+// Password changes through pam_chauthtok, and the classification of a refusal: the texts the
+// modules showed are searched for the wording of the password-quality rules, so that the web
+// client can tell its user which rule the new password broke.
+#include <authnz/WebPam.h>
+
+#include <cstring>
+#include <string>
+
+#include <authnz/AuthNZException.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "authnz/AsRoot.h"
+
+namespace authnz {
+
+namespace {
+
+using usermanagement::UpdatePasswordError;
+using usermanagement::UpdatePasswordException;
+
+struct Rule {
+    const char* fragment;
+    int code;
+};
+
+// Tried in order, the first fragment found deciding; the search is case-sensitive.  Longer
+// fragments come before the shorter ones they contain ("same class consecutively" before
+// "consecutively").
+constexpr Rule kRules[] = {
+    {"password is a palindrome", UpdatePasswordError::Palindrome},
+    {"password is the same as the old one", UpdatePasswordError::SameAsOld},
+    {"password differs with case changes only", UpdatePasswordError::SameAsOld},
+    {"password is too similar to the old one", UpdatePasswordError::TooSimilar},
+    {"password contains the user name in some form", UpdatePasswordError::ContainsUserName},
+    {"password contains words from the real name of the user in some form", UpdatePasswordError::ContainsRealName},
+    {"password contains forbidden words in some form", UpdatePasswordError::ForbiddenWords},
+    {"digits", UpdatePasswordError::TooFewDigits},
+    {"uppercase", UpdatePasswordError::TooFewUppercase},
+    {"lowercase", UpdatePasswordError::TooFewLowercase},
+    {"non-alphanumeric characters", UpdatePasswordError::TooFewOthers},
+    {"short", UpdatePasswordError::TooShort},
+    {"rotated", UpdatePasswordError::Rotated},
+    {"classes", UpdatePasswordError::TooFewClasses},
+    {"same class consecutively", UpdatePasswordError::TooManyClassRepeats},
+    {"consecutively", UpdatePasswordError::TooManyRepeats},
+    {"monotonic", UpdatePasswordError::Monotonic},
+    {"dictionary", UpdatePasswordError::Dictionary},
+};
+
+int classify(const std::string& messages) {
+    for (const Rule& rule : kRules)
+        if (messages.find(rule.fragment) != std::string::npos) return rule.code;
+    return UpdatePasswordError::PasswordSecurityRules;
+}
+
+}  // namespace
+
+void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
+    detail::Borrowed current(m_password, oldPassword);
+    detail::Borrowed next(m_newPassword, newPassword);
+    m_pamMessages.clear();
+    // Beyond the maximum, PAM is not asked at all; strnlen stops looking one byte past it.
+    const std::size_t max = usermanagement::UserDefinition::GetUserDefinition().getDBPasswordMaxLen();
+    if (strnlen(newPassword, max + 1) > max || strnlen(oldPassword, max + 1) > max) {
+        m_pamMessages = "Password too long";
+        throw UpdatePasswordException(UpdatePasswordError::NewPasswordTooLong, "", "", m_pamUser, true);
+    }
+    setConvState(Start);
+    m_lastStatus = pam_set_item(m_pamHandle, PAM_CONV, &m_chauthtokConv);
+    if (m_lastStatus != PAM_SUCCESS)
+        throw AuthNZException(AuthNZError::InitError, "InternalError", pam_strerror(m_pamHandle, m_lastStatus),
+                              m_pamUser, true);
+    {
+        const detail::AsRoot root;
+        m_lastStatus = pam_chauthtok(m_pamHandle, PAM_CHANGE_EXPIRED_AUTHTOK);
+    }
+    current.end();
+    next.end();
+    if (m_lastStatus == PAM_SUCCESS) return;
+    if (m_pamMessages.empty()) appendMsg(pam_strerror(m_pamHandle, m_lastStatus));
+    int code = classify(m_pamMessages);
+    // Refused while the current password was being checked: a wrong current password,
+    // whatever the texts say.
+    if (m_convState == CurrentPassword) {
+        code = UpdatePasswordError::InvalidCredentials;
+        if (m_pamMessages.find("token manipulation error") != std::string::npos)
+            m_pamMessages = "Incorrect old password";
+    }
+    throw UpdatePasswordException(code, m_pamMessages.c_str(), "", m_pamUser, true);
+}
+
+}  // namespace authnz
