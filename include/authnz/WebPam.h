@@ -71,7 +71,9 @@ public:
     // Changes (or, on a judging service, tries) the password of the object's user.  Both
     // pointers non-null; an empty current password is allowed.  UpdatePasswordException 19 for
     // a password beyond the configured maximum (no PAM call), 18 for a wrong current password,
-    // 22 to 39 for the password-quality rule the modules' texts name, 20 otherwise.
+    // 22 to 39 for the password-quality rule the modules' texts name, 20 otherwise.  When
+    // another process holds the password-file lock for more than a few seconds: UMSystemError-
+    // Exception 11 instead of waiting for it (the modules would wait as long as it is held).
     void pamChauthtok(const char* oldPassword, const char* newPassword);
 
     // Enters `state` and returns how many answers in a row were given in it before: 0 for the

@@ -3,14 +3,21 @@
 // client can tell its user which rule the new password broke.
 #include <authnz/WebPam.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <authnz/AuthNZException.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
 #include "authnz/AsRoot.h"
+#include "foundation/Descriptor.h"
+#include "foundation/Raise.h"
 
 namespace authnz {
 
@@ -54,6 +61,35 @@ int classify(const std::string& messages) {
     return UpdatePasswordError::PasswordSecurityRules;
 }
 
+// The system's password-file lock (lckpwdf) and how long a holder may keep it before a
+// password change gives up.  The library's own file transactions hold it for milliseconds.
+constexpr const char* kPasswordLock = "/etc/.pwd.lock";
+constexpr std::chrono::seconds kLockPatience{5};
+
+// pam_unix takes the password-file lock itself to store the new hash, and waits for it as long
+// as another process holds it: a web request would hang with it.  So the change starts only
+// once the lock is free (or after a short wait), and otherwise fails with a clear error.  Locks
+// of this process do not count: lckpwdf is a per-process lock, which pam_unix then shares.
+// Run as root (the lock file is root's).  A holder that takes the lock after this check is
+// still waited for by pam_unix; the check keeps the common case (a stuck or long holder) from
+// hanging the caller.
+void waitForFreePasswordLock() {
+    const usermanagement::detail::Descriptor lock(open(kPasswordLock, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!lock) return;  // no lock file: nobody can hold it
+    const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+    for (;;) {
+        struct flock probe {};
+        probe.l_type = F_WRLCK;
+        probe.l_whence = SEEK_SET;
+        if (fcntl(lock.get(), F_GETLK, &probe) != 0 || probe.l_type == F_UNLCK) return;
+        if (std::chrono::steady_clock::now() >= deadline)
+            usermanagement::detail::raise<usermanagement::UMSystemErrorException>(
+                usermanagement::UMSystemError::FilesLocked, "pamChauthtok:password files locked by process ",
+                probe.l_pid);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
 }  // namespace
 
 void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
@@ -73,6 +109,7 @@ void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
                               m_pamUser, true);
     {
         const detail::AsRoot root;
+        waitForFreePasswordLock();
         m_lastStatus = pam_chauthtok(m_pamHandle, PAM_CHANGE_EXPIRED_AUTHTOK);
     }
     current.end();

@@ -78,6 +78,7 @@ std::vector<Command> accessCommands();
 std::vector<Command> identityCommands();
 std::vector<Command> hashCommands();
 std::vector<Command> accountCommands();
+std::vector<Command> loginCommands();
 
 // Installs the device's profile catalogue; called once at start-up.
 void installCatalogue();

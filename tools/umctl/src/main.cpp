@@ -27,8 +27,8 @@ namespace umctl {
 
 std::vector<Command> allCommands() {
     std::vector<Command> all;
-    for (auto group :
-         {lookupCommands, accountCommands, settingsCommands, accessCommands, identityCommands, hashCommands}) {
+    for (auto group : {lookupCommands, accountCommands, loginCommands, settingsCommands, accessCommands,
+                       identityCommands, hashCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }
