@@ -1,0 +1,219 @@
+// Logins and password changes through real libpam and real modules in the device sandbox, from
+// a thread acting as the web server's account (www-data), as a device's web server calls them:
+// every call must leave that thread with exactly the identity it had.
+#include <crypt.h>
+#include <gtest/gtest.h>
+#include <shadow.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <authnz/AuthNZException.h>
+#include <authnz/WebPam.h>
+#include <usermanagement/ProfileDefinition.h>
+#include <usermanagement/SystemPermission.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "sampledevice/SampleCatalogue.h"
+#include "support/RecordingLogger.h"
+#include "support/Sandbox.h"
+
+using namespace usermanagement;
+using authnz::WebPam;
+
+namespace {
+
+class Definition : public UserDefinition {
+public:
+    unsigned int getDBDelayWrongCredential() override { return 0; }
+    void getDBLockCount(int& count) override { count = 3; }
+};
+
+class PamTest : public tvc::test::SandboxTest {
+protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        definition.setUserDefinition(definition);
+        catalogue.setProfileDefinition(catalogue);
+    }
+    void TearDown() override {
+        UserDefinition::m_ptrDefaultUserDefinition = savedDefinition;
+        ProfileDefinition::m_ptrDefaultProfileDefinition = savedCatalogue;
+        std::lock_guard<std::mutex> lock(ProfileDefinition::m_mtx);
+        ProfileDefinition::g_profiles.clear();
+        ProfileDefinition::g_roles.clear();
+        ProfileDefinition::m_init = false;
+    }
+    UserDefinition* const savedDefinition = UserDefinition::m_ptrDefaultUserDefinition;
+    ProfileDefinition* const savedCatalogue = ProfileDefinition::m_ptrDefaultProfileDefinition;
+    Definition definition;
+    tvc::sample::SampleCatalogue catalogue;
+};
+
+// The calling thread's user and group ids and groups.
+std::string identity() {
+    uid_t u[3];
+    gid_t g[3];
+    getresuid(&u[0], &u[1], &u[2]);
+    getresgid(&g[0], &g[1], &g[2]);
+    std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
+    groups.resize(static_cast<std::size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
+    std::string text = std::to_string(u[0]) + " " + std::to_string(u[1]) + " " + std::to_string(u[2]) + " / " +
+                       std::to_string(g[0]) + " " + std::to_string(g[1]) + " " + std::to_string(g[2]) + " /";
+    for (gid_t group : groups) text += " " + std::to_string(group);
+    return text;
+}
+
+// Runs `body` in a thread acting as www-data; the thread must end every call as it started it.
+void asWebServer(const std::function<void(const std::function<void()>& sameIdentity)>& body) {
+    std::thread([&] {
+        SystemPermission permission;
+        permission.setUserPermission("www-data");
+        const std::string before = identity();
+        body([&] { EXPECT_EQ(identity(), before); });
+    }).join();
+}
+
+// The outcome of `call`: "ok", or "<code> <message>".
+std::string outcome(const std::function<void()>& call) try {
+    call();
+    return "ok";
+} catch (tarvicexception::TvcException& e) {
+    return std::to_string(e.getErrorId()) + " " + e.what();
+}
+
+std::shared_ptr<WebPam> session(const std::string& user, WebPam::PamType type) {
+    return std::shared_ptr<WebPam>(WebPam::GetPAM(user, "192.0.2.7", type));
+}
+
+// The test's own work on /etc, done as root from a thread acting as www-data.
+template <class Work>
+auto asRoot(Work work) {
+    SystemPermission root;
+    root.setRealPermissions();
+    return work();
+}
+
+void writeService(const std::string& name, const std::string& text) {
+    asRoot([&] { return bool(std::ofstream("/etc/pam.d/" + name) << text); });
+}
+
+std::string storedHash(const std::string& user) {
+    return asRoot([&] {
+        const spwd* entry = getspnam(user.c_str());
+        return std::string(entry != nullptr && entry->sp_pwdp != nullptr ? entry->sp_pwdp : "");
+    });
+}
+
+// Every password-quality rule the classification knows, fired by the real pam_pwquality: as a
+// strength test (no current password; the stack stores nothing) or, for the rules that compare
+// with the old password, as the account's own change through pam_unix.
+TEST_F(PamTest, EachQualityRuleOfTheRealModuleGivesItsCode) {
+    const struct {
+        const char* options;  // of pam_pwquality, besides retry=1 enforce_for_root
+        const char* user;
+        const char* current;  // null: a strength test
+        const char* password;
+        int code;
+    } cases[] = {
+        {"minlen=12 dictcheck=0", "viewer", nullptr, "Ab1#xyz", 33},
+        {"dcredit=-2 dictcheck=0", "viewer", nullptr, "Abcdef#x1q", 29},
+        {"ucredit=-2 dictcheck=0", "viewer", nullptr, "Abcdef#x1q", 30},
+        {"lcredit=-2 dictcheck=0", "viewer", nullptr, "ABCDEF#X1q", 31},
+        {"ocredit=-2 dictcheck=0", "viewer", nullptr, "Abcdef#x1q", 32},
+        {"minclass=4 dictcheck=0", "viewer", nullptr, "Abcdefgx1q", 35},
+        {"maxrepeat=2 dictcheck=0", "viewer", nullptr, "Abccc#x1qz", 36},
+        {"maxclassrepeat=3 dictcheck=0", "viewer", nullptr, "Abcdef#x1q", 37},
+        {"maxsequence=3 dictcheck=0", "viewer", nullptr, "Xq#1234zkw", 38},
+        {"dictcheck=0", "viewer", nullptr, "Ab#1221#bA", 23},
+        {"dictcheck=0 usercheck=1", "tech", nullptr, "Xq#tech9Lz", 26},
+        {"dictcheck=0 gecoscheck=1", "tech", nullptr, "Maintenance#4x", 27},
+        {"dictcheck=0 badwords=acme", "viewer", nullptr, "Xq#acme9Lzw", 28},
+        {"dictcheck=1", "viewer", nullptr, "password1#", 39},
+        {"dictcheck=0", "viewer", "Viewer#2026", "Viewer#2026", 22},
+        {"dictcheck=0", "viewer", "Viewer#2026", "vIEWER#2026", 22},
+        {"dictcheck=0 difok=5", "viewer", "Viewer#2026", "Viewer#2027x", 25},
+        {"dictcheck=0 usercheck=0", "viewer", "Viewer#2026", "2026Viewer#", 34},
+        {"dictcheck=0", "viewer", "Wrong#2026", "Xk3#vQ9!mTz2", 18},  // wrong current password
+    };
+    asWebServer([&](const std::function<void()>& sameIdentity) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.password);
+            writeService("testpwd", std::string("password requisite pam_pwquality.so retry=1 enforce_for_root ") +
+                                        c.options + "\npassword required " +
+                                        (c.current ? "pam_unix.so use_authtok sha512\n" : "pam_permit.so\n"));
+            try {
+                session(c.user, WebPam::PasswordCheck)->pamChauthtok(c.current ? c.current : "", c.password);
+                ADD_FAILURE() << "accepted";
+            } catch (const UpdatePasswordException& e) {
+                EXPECT_EQ(e.getErrorId(), c.code) << e.what();
+            }
+            sameIdentity();
+        }
+    });
+}
+
+// A good change stores a hash of the new password; the limit is checked before PAM is asked.
+TEST_F(PamTest, AGoodChangeStoresTheNewPasswordAndOverlongOnesNeverReachPam) {
+    writeService("testpwd",
+                 "password requisite pam_pwquality.so retry=1 enforce_for_root dictcheck=0\n"
+                 "password required pam_unix.so use_authtok sha512\n");
+    const std::string longest(255, 'x'), tooLong(256, 'x');
+    asWebServer([&](const std::function<void()>& sameIdentity) {
+        EXPECT_EQ(
+            outcome([] { session("viewer", WebPam::PasswordCheck)->pamChauthtok("Viewer#2026", "Xk3#vQ9!mTz2"); }),
+            "ok");
+        sameIdentity();
+        const std::string hash = storedHash("viewer");
+        EXPECT_EQ(hash.substr(0, 3), "$6$");
+        EXPECT_EQ(crypt("Xk3#vQ9!mTz2", hash.c_str()), hash);
+        // No module would be asked: a service that does not exist would fail otherwise.
+        for (const auto& [current, next] : {std::pair{tooLong, longest}, {longest, tooLong}}) {
+            const auto pam = session("viewer", static_cast<WebPam::PamType>(7));
+            EXPECT_EQ(outcome([&] { pam->pamChauthtok(current.c_str(), next.c_str()); }), "19 ");
+            EXPECT_EQ(pam->getPamMessages(), "Password too long");
+        }
+        const auto pam = session("viewer", static_cast<WebPam::PamType>(7));
+        EXPECT_NE(outcome([&] { pam->pamChauthtok(longest.c_str(), longest.c_str()); }).substr(0, 3), "19 ");
+        sameIdentity();
+    });
+}
+
+// pam_unix takes the password-file lock to store the hash and would wait as long as another
+// process holds it: the change fails instead, and the lock is never held around the PAM call
+// by the library itself (the change above succeeds with the lock free).
+TEST_F(PamTest, APasswordChangeFailsClearlyWhileAnotherProcessKeepsTheLock) {
+    writeService("testpwd", "password required pam_unix.so sha512\n");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        const char answer = lckpwdf() == 0 ? 'y' : 'n';
+        (void)!write(ready[1], &answer, 1);
+        pause();
+        _exit(0);
+    }
+    char answer = 0;
+    ASSERT_EQ(read(ready[0], &answer, 1), 1);
+    ASSERT_EQ(answer, 'y');
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(outcome([] {
+                  session("viewer", WebPam::PasswordCheck)->pamChauthtok("Viewer#2026", "Xk3#vQ9!mTz2");
+              }).substr(0, 45),
+              "11 pamChauthtok:password files locked by proc");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+}  // namespace
