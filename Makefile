@@ -10,7 +10,11 @@ SANITIZE ?= 1
 BUILD := $(CURDIR)/build
 SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
 PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
-            libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl
+            libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
+            libpam-pwquality
+# The sample device's PAM modules and pam_tally2 (tools/sampledevice/pam), which the sandbox
+# installs when TVC_PAM_DIR names them.  The library's test binaries pass their own build's.
+PAM_DIR := $(BUILD)/default/tools/sampledevice/pam
 # The host files the sandbox must never change; `make test` checks them before and after.
 HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 
@@ -27,14 +31,19 @@ test: deps
 	exit $$status
 
 demo: deps umctl
-	$(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/umctl/umctl
+	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/umctl/umctl
 
-# Installs what is missing; apt-get runs only then.
+# Installs what is missing; apt-get runs only then.  Installing libpam-pwquality would switch
+# it on in the host's /etc/pam.d/common-password (pam-auth-update enables a new default
+# profile); only the sandbox's services use it, so its profile is marked as seen first and the
+# host's PAM configuration stays as it is.
 deps:
 	@missing=; \
 	for package in $(PACKAGES); do dpkg -s $$package >/dev/null 2>&1 || missing="$$missing $$package"; done; \
 	if [ -n "$$missing" ]; then \
 	    echo "installing:$$missing"; \
+	    if [[ " $$missing " == *" libpam-pwquality "* && -f /var/lib/pam/seen ]] && \
+	       ! grep -qx pwquality /var/lib/pam/seen; then echo pwquality >>/var/lib/pam/seen; fi; \
 	    export DEBIAN_FRONTEND=noninteractive; \
 	    apt-get update && apt-get install -y $$missing; \
 	fi
@@ -50,7 +59,7 @@ stage: library
 
 # umctl is built against the staged package, as any host would be.
 umctl: stage
-	cmake -S tools/umctl -B $(BUILD)/umctl -DCMAKE_PREFIX_PATH=$(BUILD)/stage
+	cmake -S tools/umctl -B $(BUILD)/umctl -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR)
 	cmake --build $(BUILD)/umctl -j$(JOBS)
 
 # Every suite runs even when an earlier one failed.

@@ -1,5 +1,6 @@
 // main() of every test binary.  Started outside a device sandbox, a binary re-executes itself
-// through tools/sandbox/tvc-sandbox, which sets TVC_SANDBOX (inside) or TVC_SANDBOX_ERROR.
+// through tools/sandbox/tvc-sandbox, which sets TVC_SANDBOX (inside) or TVC_SANDBOX_ERROR.  It
+// passes TVC_PAM_DIR on, so that the sandbox installs the sample device's PAM stack.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -14,6 +15,8 @@
 int main(int argc, char** argv) {
     char self[PATH_MAX];
     if (std::getenv("TVC_SANDBOX") == nullptr && std::getenv("TVC_SANDBOX_ERROR") == nullptr) {
+        // The device gets the PAM modules built with the tests, unless the caller names others.
+        setenv("TVC_PAM_DIR", TVC_PAM_DIR, 0);
         if (realpath("/proc/self/exe", self) != nullptr) {
             std::vector<char*> args{const_cast<char*>(TVC_SANDBOX_SCRIPT), const_cast<char*>("--fallback"),
                                     const_cast<char*>("--"), self};

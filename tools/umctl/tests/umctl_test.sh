@@ -2,7 +2,8 @@
 # umctl_test.sh UMCTL SANDBOX
 # Runs umctl against the sample device of tools/sandbox/tvc-sandbox (a fresh one per run) and
 # checks its output and exit status.  Exits 77 (skipped) when no sandbox can be built, unless
-# CI=true, where that is a failure.
+# CI=true, where that is a failure.  TVC_PAM_DIR, when set, reaches the sandbox, which then
+# installs the sample device's PAM stack.
 set -uo pipefail
 
 umctl=$1
