@@ -11,7 +11,7 @@ BUILD := $(CURDIR)/build
 SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
 PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
-            libpam-pwquality
+            libpam-pwquality cracklib-runtime
 # The sample device's PAM modules and pam_tally2 (tools/sampledevice/pam), which the sandbox
 # installs when TVC_PAM_DIR names them.  The library's test binaries pass their own build's.
 PAM_DIR := $(BUILD)/default/tools/sampledevice/pam

@@ -23,10 +23,12 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "sampledevice/SampleCatalogue.h"
+#include "sampledevice/SampleDevice.h"
 #include "support/RecordingLogger.h"
 #include "support/Sandbox.h"
 
 using namespace usermanagement;
+using authnz::Options;
 using authnz::WebPam;
 
 namespace {
@@ -41,6 +43,7 @@ class PamTest : public tvc::test::SandboxTest {
 protected:
     void SetUp() override {
         SandboxTest::SetUp();
+        unlink("/var/log/tallylog");  // no failed logins left by an earlier test
         definition.setUserDefinition(definition);
         catalogue.setProfileDefinition(catalogue);
     }
@@ -111,6 +114,132 @@ std::string storedHash(const std::string& user) {
         const spwd* entry = getspnam(user.c_str());
         return std::string(entry != nullptr && entry->sp_pwdp != nullptr ? entry->sp_pwdp : "");
     });
+}
+
+// "<code> <message> / <description>" of what `call` throws, or "ok".
+std::string described(const std::function<void()>& call) try {
+    call();
+    return "ok";
+} catch (tarvicexception::TvcException& e) {
+    return std::to_string(e.getErrorId()) + " " + e.what() + " / " + e.getErrorDescription();
+}
+
+// Logins through the sample device's "login" service, whose tally module counts every failure
+// and refuses an account at the limit (3, as the library is configured here).
+TEST_F(PamTest, LoginsPassFailExpireAndLockAtTheLimitWithOneLockEvent) {
+    tvc::test::removeEntry("/etc/shadow", "operator");
+    tvc::test::addLines("/etc/shadow", "operator:" + tvc::sample::sampleDevice().account("operator").shadow +
+                                           ":0:0:99999:7:::\n");  // changed on day 0: expired
+    tvc::test::RecordingLogger sink;
+    const std::string invalid = "200 Invalid Credentials / Authentication failure";
+    const struct {
+        const char* user;
+        const char* password;
+        std::string expected;  // the login, then the account check when the login passed
+    } cases[] = {
+        {"viewer", "Viewer#2026", "ok ok"},
+        {"viewer", "Wrong#1", invalid},
+        {"viewer", "Wrong#2", invalid},
+        {"viewer", "Wrong#3", invalid},      // reaches the limit: the lock event
+        {"viewer", "Wrong#4", invalid},      // beyond it: no event
+        {"viewer", "Viewer#2026", invalid},  // locked: the right password is refused too
+        {"operator", "Operator#2026", "ok 301 ExpiredCredentials / PAM: pamAccount 12 "},
+        {"root", "Root#2026", "0  / "},  // refused before PAM is asked
+        {"nosuch", "Nosuch#2026", "200 PAM:User not found / "},
+    };
+    asWebServer([&](const std::function<void()>& sameIdentity) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::string(c.user) + " " + c.password);
+            const auto pam = session(c.user, WebPam::WebLogin);
+            std::string result = described([&] { pam->pamAuthentication(c.password); });
+            if (result == "ok") result += " " + described([&] { pam->pamAccount(); });
+            EXPECT_EQ(result.substr(0, c.expected.size()), c.expected);
+            sameIdentity();
+        }
+    });
+    ASSERT_EQ(sink.messages.size(), 1u);
+    EXPECT_EQ(sink.messages[0].text, "User account - locked <viewer>");
+    EXPECT_EQ(std::to_string(sink.messages[0].messageId) + " " + sink.messages[0].ip, "9 192.0.2.7");
+    EXPECT_TRUE(sink.messages[0].category == LogCategory::UserAccount &&
+                sink.messages[0].severity == LogSeverity::Warning);
+}
+
+// Many logins at once, each thread acting as the web server: every one gets its own answer.
+TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
+    const struct {
+        const char* user;
+        const char* password;
+        const char* expected;
+    } cases[] = {
+        {"viewer", "Viewer#2026", "ok"}, {"tech", "Tech#2026", "ok"},       {"admin", "Admin#2026", "ok"},
+        {"guest", "Wrong#2026", "200"},  {"operator", "Wrong#2026", "200"},
+    };
+    std::vector<std::thread> threads;
+    for (const auto& c : cases)
+        threads.emplace_back([&c] {
+            asWebServer([&](const std::function<void()>& sameIdentity) {
+                // Two rounds: the wrong passwords stay below the limit.
+                for (int round = 0; round < 2; ++round) {
+                    const auto pam = session(c.user, WebPam::WebLogin);
+                    EXPECT_EQ(outcome([&] { pam->pamAuthentication(c.password); }).substr(0, 3), c.expected) << c.user;
+                    sameIdentity();
+                }
+            });
+        });
+    for (std::thread& thread : threads) thread.join();
+}
+
+// The conversation rules, through real libpam and a module that says what its arguments script
+// ("call" starts the next conversation call; the module reports the answers of each call).
+TEST_F(PamTest, ConversationsFollowTheirRules) {
+    const std::string report = "/var/log/tvc-script.report";
+    const struct {
+        const char* phase;   // auth, account (before any login: the storing conversation), password
+        const char* script;  // pam_tvc_script.so arguments
+        std::string expected, messages, answers;
+    } cases[] = {
+        {"auth", "off=Password: off=Password:", "ok", "", "rc=0 n=2 answers=pw|-"},  // once per call
+        {"auth", "off=Password: call off=Password:", "200", "", "rc=0 n=1 answers=pw\nrc=20 n=1 answers=-"},
+        {"auth", "info=a error=b info=", "ok", "a,b", "rc=0 n=3 answers=||"},
+        {"auth", "on=Login:", "200", "", "rc=20 n=1 answers=-"},
+        {"auth", "info=x times=33", "200", "",
+         "rc=19 n=33 answers=-" +
+             [] {
+                 std::string more;
+                 for (int i = 1; i < 33; ++i) more += "|-";
+                 return more;
+             }()},
+        {"account", "info=a error=b", "ok", "b", "rc=0 n=2 answers=-|-"},
+        {"account", "off=Password:", "3", "", "rc=19 n=1 answers=-"},
+        {"password", "[info=Changing password] [off=CURRENT password:] [off=New password:] [off=Retype new password:]",
+         "ok", "", "rc=0 n=4 answers=Changing password|pw|new|new"},
+        {"password", "off=Current: call off=Current: result=authtok_err", "18", "Incorrect old password",
+         "rc=0 n=1 answers=pw\nrc=20 n=1 answers=-"},
+        {"password", "[error=too short, and in the dictionary] result=authtok_err", "33",
+         "too short, and in the dictionary", "rc=20 n=1 answers=-"},
+        {"password", "error=dictionary [error=3 DIGITS] result=authtok_err", "20", "3 DIGITS", "rc=20 n=2 answers=-|-"},
+        {"password", "result=auth_err", "20", "Authentication failure", ""},  // PAM's text, no module text
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.script);
+        tvc::test::writeFile(
+            "/etc/pam.d/tvc-script",
+            std::string(c.phase) + " required /etc/tvc-pam/pam_tvc_script.so report=" + report + " " + c.script + "\n");
+        unlink(report.c_str());
+        Options options{1, 1};
+        WebPam pam("tvc-script", "viewer", "192.0.2.7", options);
+        const std::string phase = c.phase;
+        const std::string result = outcome([&] {
+            if (phase == "auth") pam.pamAuthentication("pw");
+            if (phase == "account") pam.pamAccount();
+            if (phase == "password") pam.pamChauthtok("pw", "new");
+        });
+        EXPECT_EQ(result.substr(0, c.expected.size()), c.expected) << result;
+        EXPECT_EQ(pam.getPamMessages(), c.messages);
+        std::string answers = access(report.c_str(), F_OK) == 0 ? tvc::test::readFile(report) : "";
+        if (!answers.empty()) answers.pop_back();
+        EXPECT_EQ(answers, c.answers);
+    }
 }
 
 // Every password-quality rule the classification knows, fired by the real pam_pwquality: as a
@@ -198,6 +327,7 @@ TEST_F(PamTest, APasswordChangeFailsClearlyWhileAnotherProcessKeepsTheLock) {
     if (holder == 0) {
         const char answer = lckpwdf() == 0 ? 'y' : 'n';
         (void)!write(ready[1], &answer, 1);
+        alarm(60);  // a change that waits for the lock fails the test instead of hanging it
         pause();
         _exit(0);
     }

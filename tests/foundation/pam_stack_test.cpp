@@ -1,6 +1,6 @@
 // The sample device's PAM stack through real libpam: the "login" service counts failed logins
 // with pam_tvc_tally.so, refuses a locked account whatever the password and is unlocked by
-// pam_tally2; pam_tvc_script.so holds the conversation its arguments describe.
+// pam_tally2.  (pam_tvc_script.so is exercised by the library's conversation tests.)
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -143,22 +143,6 @@ TEST_F(PamStack, LoginCountsFailuresRefusesALockedAccountAndPamTally2Unlocks) {
     struct stat st {};
     ASSERT_EQ(stat("/var/log/tallylog", &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
-}
-
-// A service of the test's own: two conversation calls, the second with a bracketed argument
-// holding a blank, each reported by the module with the answers it got.
-TEST_F(PamStack, ScriptModuleHoldsTheConversationItsArgumentsDescribe) {
-    const std::string report = "/var/log/tvc-script.report";
-    tvc::test::writeFile("/etc/pam.d/tvc-script",
-                         "auth required /etc/tvc-pam/pam_tvc_script.so off=Password: call"
-                         " info=a [info=b c] report=" +
-                             report + "\n");
-    Talk talk{"secret", {}};
-    Transaction script("tvc-script", "viewer", talk);
-    ASSERT_EQ(script.status(), PAM_SUCCESS);
-    EXPECT_EQ(script.authenticate(), PAM_SUCCESS);
-    EXPECT_EQ(talk.shown, (std::vector<std::string>{"off:Password:", "info:a", "info:b c"}));
-    EXPECT_EQ(tvc::test::readFile(report), "rc=0 n=1 answers=secret\nrc=0 n=2 answers=-|-\n");
 }
 
 }  // namespace
