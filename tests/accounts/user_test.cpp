@@ -24,8 +24,8 @@
 #include <usermanagement/UserDefinition.h>
 #include <usermanagement/Utilities.h>
 
-#include "sampledevice/SampleCatalogue.h"
 #include "support/RecordingLogger.h"
+#include "support/DeviceFixture.h"
 #include "support/Sandbox.h"
 
 using namespace usermanagement;
@@ -42,26 +42,7 @@ public:
     std::string getTallyFilePath() override { return "/etc/tvc-tallylog"; }
 };
 
-class AccountTest : public tvc::test::SandboxTest {
-protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        definition.setUserDefinition(definition);
-        catalogue.setProfileDefinition(catalogue);
-    }
-    void TearDown() override {
-        UserDefinition::m_ptrDefaultUserDefinition = savedDefinition;
-        ProfileDefinition::m_ptrDefaultProfileDefinition = savedCatalogue;
-        std::lock_guard<std::mutex> lock(ProfileDefinition::m_mtx);
-        ProfileDefinition::g_profiles.clear();
-        ProfileDefinition::g_roles.clear();
-        ProfileDefinition::m_init = false;
-    }
-    UserDefinition* const savedDefinition = UserDefinition::m_ptrDefaultUserDefinition;
-    ProfileDefinition* const savedCatalogue = ProfileDefinition::m_ptrDefaultProfileDefinition;
-    Definition definition;
-    tvc::sample::SampleCatalogue catalogue;
-};
+using AccountTest = tvc::test::DeviceTest<Definition>;
 
 // Runs `body` in a thread acting as account `name` through the library's switch, and checks
 // that the thread ends with exactly the ids it started with.

@@ -22,9 +22,9 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
-#include "sampledevice/SampleCatalogue.h"
 #include "sampledevice/SampleDevice.h"
 #include "support/RecordingLogger.h"
+#include "support/DeviceFixture.h"
 #include "support/Sandbox.h"
 
 using namespace usermanagement;
@@ -39,26 +39,12 @@ public:
     void getDBLockCount(int& count) override { count = 3; }
 };
 
-class PamTest : public tvc::test::SandboxTest {
+class PamTest : public tvc::test::DeviceTest<Definition> {
 protected:
     void SetUp() override {
-        SandboxTest::SetUp();
+        DeviceTest::SetUp();
         unlink("/var/log/tallylog");  // no failed logins left by an earlier test
-        definition.setUserDefinition(definition);
-        catalogue.setProfileDefinition(catalogue);
     }
-    void TearDown() override {
-        UserDefinition::m_ptrDefaultUserDefinition = savedDefinition;
-        ProfileDefinition::m_ptrDefaultProfileDefinition = savedCatalogue;
-        std::lock_guard<std::mutex> lock(ProfileDefinition::m_mtx);
-        ProfileDefinition::g_profiles.clear();
-        ProfileDefinition::g_roles.clear();
-        ProfileDefinition::m_init = false;
-    }
-    UserDefinition* const savedDefinition = UserDefinition::m_ptrDefaultUserDefinition;
-    ProfileDefinition* const savedCatalogue = ProfileDefinition::m_ptrDefaultProfileDefinition;
-    Definition definition;
-    tvc::sample::SampleCatalogue catalogue;
 };
 
 // The calling thread's user and group ids and groups.

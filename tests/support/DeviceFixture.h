@@ -1,0 +1,46 @@
+// A fixture for tests of the account layer on the sample device: for each test it installs a
+// configuration of type `Definition` and the sample device's profile catalogue, and afterwards
+// puts back the providers that were installed and drops the catalogue's built tables, so that
+// the next test starts from an unbuilt catalogue.  The test binary compiles
+// tools/sampledevice/SampleCatalogue.cpp.
+#pragma once
+
+#include <mutex>
+
+#include <usermanagement/ProfileDefinition.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "sampledevice/SampleCatalogue.h"
+#include "support/Sandbox.h"
+
+namespace tvc::test {
+
+template <class Definition>
+class DeviceTest : public SandboxTest {
+protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        definition.setUserDefinition(definition);
+        catalogue.setProfileDefinition(catalogue);
+    }
+    void TearDown() override {
+        using usermanagement::ProfileDefinition;
+        usermanagement::UserDefinition::m_ptrDefaultUserDefinition = m_savedDefinition;
+        ProfileDefinition::m_ptrDefaultProfileDefinition = m_savedCatalogue;
+        std::lock_guard<std::mutex> lock(ProfileDefinition::m_mtx);
+        ProfileDefinition::g_profiles.clear();
+        ProfileDefinition::g_roles.clear();
+        ProfileDefinition::m_init = false;
+    }
+
+    Definition definition;
+    tvc::sample::SampleCatalogue catalogue;
+
+private:
+    usermanagement::UserDefinition* const m_savedDefinition =
+        usermanagement::UserDefinition::m_ptrDefaultUserDefinition;
+    usermanagement::ProfileDefinition* const m_savedCatalogue =
+        usermanagement::ProfileDefinition::m_ptrDefaultProfileDefinition;
+};
+
+}  // namespace tvc::test
