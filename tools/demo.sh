@@ -24,6 +24,20 @@ show show operator
 show --as admin can CreateUser
 show --as viewer can CreateUser
 show --as viewer can UpdatePassword viewer
+# Web logins: the password comes on stdin here, as a web request would carry it.  guest's
+# third wrong password reaches the failed-login limit of the sample device's login service.
+login() { # name password
+    echo
+    echo "\$ echo '$2' | umctl login $1 --password-stdin"
+    echo "$2" | "$umctl" login "$1" --password-stdin
+    local status=$?
+    ((status == 0)) || echo "[exit status $status]"
+}
+login viewer 'Viewer#2026'
+login guest 'Wrong#1'
+login guest 'Wrong#2'
+login guest 'Wrong#3'
+login guest 'Guest#2026'
 show user admin
 show user 10002
 show group viewers

@@ -33,10 +33,10 @@ using authnz::WebPam;
 
 namespace {
 
-class Definition : public UserDefinition {
+// The sample device's limit of failed logins, without the pause for unknown names.
+class Definition : public tvc::sample::SampleDefinition {
 public:
     unsigned int getDBDelayWrongCredential() override { return 0; }
-    void getDBLockCount(int& count) override { count = 3; }
 };
 
 class PamTest : public tvc::test::DeviceTest<Definition> {
@@ -111,7 +111,7 @@ std::string described(const std::function<void()>& call) try {
 }
 
 // Logins through the sample device's "login" service, whose tally module counts every failure
-// and refuses an account at the limit (3, as the library is configured here).
+// and refuses an account at the limit, the one the library is configured with.
 TEST_F(PamTest, LoginsPassFailExpireAndLockAtTheLimitWithOneLockEvent) {
     tvc::test::removeEntry("/etc/shadow", "operator");
     tvc::test::addLines("/etc/shadow", "operator:" + tvc::sample::sampleDevice().account("operator").shadow +

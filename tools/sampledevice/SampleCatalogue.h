@@ -5,12 +5,22 @@
 #pragma once
 
 #include <usermanagement/ProfileDefinition.h>
+#include <usermanagement/UserDefinition.h>
 
 namespace tvc::sample {
 
 class SampleCatalogue : public usermanagement::ProfileDefinition {
 public:
     void buildProfiles() override;
+};
+
+// The sample device's configuration: the library's defaults, except the failed-login limit,
+// which must be the one its "login" PAM service enforces (the tally module's deny=3), so that
+// the login failure that locks an account is the one reported as locking it.
+class SampleDefinition : public usermanagement::UserDefinition {
+public:
+    static constexpr int kLoginFailureLimit = 3;
+    void getDBLockCount(int& count) override { count = kLoginFailureLimit; }
 };
 
 }  // namespace tvc::sample

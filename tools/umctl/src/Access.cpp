@@ -52,6 +52,8 @@ int groups(const Args& args) {
 void installCatalogue() {
     static tvc::sample::SampleCatalogue catalogue;
     catalogue.setProfileDefinition(catalogue);
+    static tvc::sample::SampleDefinition definition;
+    definition.setUserDefinition(definition);
 }
 
 std::vector<Command> accessCommands() {

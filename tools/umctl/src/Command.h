@@ -80,7 +80,7 @@ std::vector<Command> hashCommands();
 std::vector<Command> accountCommands();
 std::vector<Command> loginCommands();
 
-// Installs the device's profile catalogue; called once at start-up.
+// Installs the sample device's profile catalogue and configuration; called once at start-up.
 void installCatalogue();
 // Installs umctl's log sink (stderr, and syslog where a log socket exists); called once.
 void installAuditSink();

@@ -72,7 +72,7 @@ expect 0 "usage:*settings*" "" -- --help
 expect 0 "maxUser: 5${nl}baseUid: 10000${nl}*" "" -- settings
 expect 0 "*${nl}userHome: \"/home/admin\"${nl}*" "" -- settings
 expect 0 "*${nl}selfAccountRole: \"role-user-configure-self\"${nl}*" "" -- settings
-expect 0 "*${nl}dbLockCount: -1${nl}*${nl}rootProfile: true${nl}updateFileScript: \"false \"" "" -- settings
+expect 0 "*${nl}dbLockCount: 3${nl}*${nl}rootProfile: true${nl}updateFileScript: \"false \"" "" -- settings
 
 # The sample catalogue and the groups an account holds.
 expect 0 "10000 administrators${nl}4101 role-user-manager*4201 log-read" "" -- groups admin
@@ -106,6 +106,13 @@ expect 0 "ruid: 0${nl}euid: 10002${nl}suid: 0${nl}rgid: 0${nl}egid: 10002${nl}sg
 expect 1 "" "*umctl: no such user: nosuch" -- --as nosuch can ReadUser
 expect 2 "" "umctl: unknown action: Fly (one of CreateUser, *UpdatePassword)" -- can Fly
 expect 2 "" "umctl: --as needs an account name" -- list --as
+
+# Logins through the sample device's login service (password on stdin): accepted, refused
+# with the JSON answer, and the audit line of the failure.
+expect 0 "login ok: viewer" "" -- login viewer --password-stdin <<<'Viewer#2026'
+expect 1 '{"classCode":1,*"errorCode":200*}' "umctl: log: category=9 id=4 severity=notice *<viewer>${nl}umctl: Invalid Credentials: Authentication failure" -- login viewer --password-stdin <<<'Wrong#2026'
+expect 1 '{"classCode":1,*"errorCode":0*}' "*" -- login root --password-stdin <<<'Root#2026'
+expect 2 "" "umctl: unknown option: --bogus" -- login viewer --bogus
 
 # A SHA-512 crypt hash with a 16-character salt; a password beyond the 255-byte limit is refused.
 salt='[./0-9A-Za-z]'
