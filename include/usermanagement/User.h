@@ -97,14 +97,29 @@ public:
     // `count` receives the number of entries, not the position of the match.
     bool isPresentInListeName(char** list, const std::string* replacement, int& count);
 
-    // Life cycle, passwords and unlocking: declared with the class so that it keeps its form;
-    // this version of the library does not provide them yet (a host calling them does not link).
+    // Life cycle.  Each operation checks the caller's rights and the whole request before it
+    // opens a file, then rewrites the password and shadow files as root under the system
+    // password-file lock; both files are installed or neither is.  Optional values are
+    // pointers: null keeps the item.  `skipPasswordCheck` null or false: the password is first
+    // judged by the password-rules PAM service.
+    //
+    // createUser: rights CreateUser; UMException 2 for a profile id below 1 or one the
+    // catalogue does not allow, 7 for a name the configuration or the files refuse, 0 for a
+    // taken name, 6 when no user id is free.  `encrypted`: the password is a finished crypt
+    // hash, stored as given.  `mustChange`: the password must be changed at the next login.
+    // Logs "User account - created <name>".
     static User createUser(const std::string& name, const std::string& password, bool encrypted, int profileId,
                            bool active, bool mustChange, const bool* skipPasswordCheck);
     static User createUser(const std::string& name, const std::string& password, int profileId, bool active,
                            bool mustChange, const bool* skipPasswordCheck);
     static User createUserWithEncryptedPassword(const std::string& name, const std::string& password, int profileId,
                                                 bool active, bool mustChange, const bool* skipPasswordCheck);
+    // Renames, moves to another profile, enables or disables, sets the password and the
+    // must-change day of this stored account.  Rights UpdateUser, or UpdatePassword when only
+    // the password and the must-change day are given.  The main account (getBaseUid()) cannot
+    // be disabled (UMException 4).  Enabling or a new password also resets the failed-login
+    // count; a rename or a profile change makes the name-service cache reload.  One audit
+    // event per changed aspect; the object is refreshed from the files.
     void updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
                     bool encrypted, const bool* mustChange, const bool* skipPasswordCheck);
     void updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
@@ -112,15 +127,28 @@ public:
     void updateUserWithEncryptedPassword(const std::string* newName, const int* profileId, const bool* active,
                                          const std::string* password, const bool* mustChange,
                                          const bool* skipPasswordCheck);
+    // Rights RemoveUser; neither the main account (UMException 3) nor the account running the
+    // process (8).  Its group memberships and tally record stay.  Logs "User account - deleted".
     void removeUser();
 
+    // The holder's own change through the web-login PAM service, which verifies `oldPassword`
+    // and judges and stores `newPassword`.  No rights check of its own.
     void updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip);
+    // The same for the account `name` (looked up first, with the ReadUser rights check).
     static void updateAnyUserPassword(const std::string& name, const std::string& oldPassword,
                                       const std::string& newPassword, const std::string& ip);
+    // A reset: writes the hash of `newPassword` into the shadow entry of `name`, resets its
+    // failed-login count, and logs the reset under this object's name.  Rights UpdatePassword
+    // with this object as target.  `checkPassword` true: the password rules judge it first.
     void updateAnyUserPassword(const std::string& name, const std::string& newPassword, bool mustChange,
                                const std::string& ip, bool checkPassword);
+    // Throws the password-rules service's refusal; the PAM user is the log context's user.
     void checkPasswordStrenght(const std::string& password);
+    // Whether `password` is the current password of the account running the process; a wrong
+    // one is logged here.  Root is refused (authnz::AuthNZException 0).
     static bool checkCurrentUserPasswd(const std::string& password);
+    // Resets the failed-login count with the tally tool (rights UpdateUser), run with the
+    // calling thread's rights; logs "User account - unlocked" when the account was locked.
     void unLock();
 
     // Audit events, one log call per changed aspect of the records.

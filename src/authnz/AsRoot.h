@@ -2,21 +2,11 @@
 // null again however the call ends.
 #pragma once
 
-#include <usermanagement/SystemPermission.h>
+#include "system/AsRoot.h"
 
 namespace authnz::detail {
 
-// Effective root on the calling thread from construction on; the destructor puts the thread's
-// identity back (PMException 15 from the constructor when root cannot be had).
-class AsRoot {
-public:
-    AsRoot() { m_permission.setRealPermissions(); }
-    AsRoot(const AsRoot&) = delete;
-    AsRoot& operator=(const AsRoot&) = delete;
-
-private:
-    usermanagement::SystemPermission m_permission;
-};
+using usermanagement::detail::AsRoot;
 
 // `field` points at `value` until end() or the end of the scope.
 class Borrowed {

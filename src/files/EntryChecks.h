@@ -21,6 +21,7 @@
 #include <cstring>
 #include <string>
 
+#include <usermanagement/ShadowEntries.h>
 #include <usermanagement/UMException.h>
 
 #include "foundation/Raise.h"
@@ -63,5 +64,16 @@ inline void checkStoredHash(const std::string& hash, const char* function) {
         raise<UMException>(UMError::PasswordError, function,
                            " error, the stored password holds ':', a newline or a NUL byte");
 }
+
+// What cryptPwd refuses before hashing: longer than getDBPasswordMaxLen() bytes
+// (UpdatePasswordException 19), a NUL byte (UMException 1).
+void checkPlainForCrypt(const std::string& password);
+
+// Every refusal the shadow entry functions make from a password argument alone, with their
+// errors: a plaintext password cryptPwd refuses, a ready-made hash the file cannot hold, an
+// empty hash for an account being enabled (`enabling`).  For operations that check a request
+// before they open any file; `name` and `function` word the error as the entry function would.
+void checkPasswordToStore(const std::string& name, const std::string& password, const PasswordType& type, bool enabling,
+                          const char* function);
 
 }  // namespace usermanagement::detail

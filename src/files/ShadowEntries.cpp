@@ -100,14 +100,32 @@ bool isManaged(unsigned int uid, UserDefinition& definition) {
 
 }  // namespace
 
-void cryptPwd(const std::string& password, std::string& out) {
+namespace detail {
+
+void checkPlainForCrypt(const std::string& password) {
     if (password.size() > UserDefinition::GetUserDefinition().getDBPasswordMaxLen()) {
         // Built by hand, not with raise(): the interface reports this refusal with an empty
         // user, the only throw of the library that does not carry the context's user.
         throw UpdatePasswordException(UpdatePasswordError::NewPasswordTooLong, std::string("cryptPwd"), std::string(),
                                       true);
     }
-    detail::checkPlainPassword(password, "cryptPwd");
+    checkPlainPassword(password, "cryptPwd");
+}
+
+void checkPasswordToStore(const std::string& name, const std::string& password, const PasswordType& type, bool enabling,
+                          const char* function) {
+    if (!type.encrypted) {
+        checkPlainForCrypt(password);
+        return;
+    }
+    checkStoredHash(password, function);
+    if (enabling) refuseEnabledWithoutPassword(password, name, function);
+}
+
+}  // namespace detail
+
+void cryptPwd(const std::string& password, std::string& out) {
+    detail::checkPlainForCrypt(password);
     const std::string setting = freshSha512Setting();
     CryptWorkArea work;
     errno = 0;

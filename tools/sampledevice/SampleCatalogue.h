@@ -14,13 +14,18 @@ public:
     void buildProfiles() override;
 };
 
-// The sample device's configuration: the library's defaults, except the failed-login limit,
-// which must be the one its "login" PAM service enforces (the tally module's deny=3), so that
-// the login failure that locks an account is the one reported as locking it.
+// The sample device's configuration: the library's defaults, except
+//   - the failed-login limit, which must be the one its "login" PAM service enforces (the
+//     tally module's deny=3), so that the login failure that locks an account is the one
+//     reported as locking it;
+//   - room for ten managed accounts: its five fill the default limit, and an operator must be
+//     able to create one.
 class SampleDefinition : public usermanagement::UserDefinition {
 public:
     static constexpr int kLoginFailureLimit = 3;
+    static constexpr unsigned int kManagedAccounts = 10;
     void getDBLockCount(int& count) override { count = kLoginFailureLimit; }
+    unsigned int getMaxUser() override { return kManagedAccounts; }
 };
 
 }  // namespace tvc::sample

@@ -69,7 +69,7 @@ expect 2 "" "umctl: id out of range: 99999999999" -- user 99999999999
 expect 0 "usage:*settings*" "" -- --help
 
 # The built-in configuration, including the trailing blank of the update script.
-expect 0 "maxUser: 5${nl}baseUid: 10000${nl}*" "" -- settings
+expect 0 "maxUser: 10${nl}baseUid: 10000${nl}*" "" -- settings
 expect 0 "*${nl}userHome: \"/home/admin\"${nl}*" "" -- settings
 expect 0 "*${nl}selfAccountRole: \"role-user-configure-self\"${nl}*" "" -- settings
 expect 0 "*${nl}dbLockCount: 3${nl}*${nl}rootProfile: true${nl}updateFileScript: \"false \"" "" -- settings

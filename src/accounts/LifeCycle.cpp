@@ -1,0 +1,161 @@
+// Creating, changing and removing stored accounts.
+//
+// Every operation first checks the whole request (rights, names, password rules, profile) and
+// only then opens the account files, so a refused request leaves them untouched.  The files are
+// changed under the system password-file lock, as root, through one transaction per file; both
+// are installed together or not at all (AccountFiles).  Audit events are logged once the change
+// is installed.
+#include <usermanagement/User.h>
+
+#include <systemutilities/ScriptLauncher.h>
+#include <usermanagement/PasswdEntries.h>
+#include <usermanagement/ProfileDefinition.h>
+#include <usermanagement/ShadowEntries.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "accounts/AccountFiles.h"
+#include "accounts/AuditEvent.h"
+#include "files/EntryChecks.h"
+#include "foundation/Raise.h"
+
+namespace usermanagement {
+
+namespace {
+
+using detail::raise;
+
+constexpr unsigned int kNoAccount = 4294967295u;
+// Makes the name-service cache daemon forget the old name and groups of an account.
+constexpr const char* kReloadNameCache = "sudo /etc/init.d/S46unscd reload";
+
+UserDefinition& definition() { return UserDefinition::GetUserDefinition(); }
+
+bool isSet(const bool* flag) { return flag != nullptr && *flag; }
+
+[[noreturn]] void roleNotAllowed(int profileId) {
+    raise<UMException>(UMError::RoleError, profileId, " (profileId): Role not retieved or not allowed");
+}
+
+}  // namespace
+
+User User::createUser(const std::string& name, const std::string& password, bool encrypted, int profileId, bool active,
+                      bool mustChange, const bool* skipPasswordCheck) {
+    int maxAge = -1, minAge = -1, thirdAge = -1;
+    bool exemptBaseUser = true;
+    UserDefinition& config = definition();
+    config.checkRight(UserDefinition::CreateUser, nullptr);
+    if (profileId < 1) raise<UMException>(UMError::RoleError, profileId, " (profileId): Role not found");
+
+    User result(name, profileId, active);
+    // The password rules come before the name, so a weak password is reported first.
+    if (!isSet(skipPasswordCheck)) result.checkPasswordStrenght(password);
+    if (!config.isAValidUserName(name, kNoAccount)) raise<UMException>(UMError::BadUserName, name, " :Bad user name");
+    // The configured name check may accept anything; what the files cannot hold is refused
+    // here, with the entry functions' own errors, before the lock is taken.
+    detail::checkUserName(name, "addEntryInPasswordFile");
+    detail::checkPasswordToStore(name, password, PasswordType{encrypted}, active, "addEntryInShadowFile");
+    result.setUserName(name);
+    config.getDBPasswordExpirationAge(maxAge, minAge, thirdAge, exemptBaseUser);
+    result.m_profile = ProfileDefinition::GetProfileDefinition().getProfile(profileId);
+    if (result.m_profile.getId() < 0) roleNotAllowed(profileId);
+
+    unsigned int uid = kNoAccount;
+    {
+        detail::AccountFiles files;
+        uid = addEntryInPasswordFile(files.passwd, result.getUserName(), result.m_gid);
+        addEntryInShadowFile(files.shadow, result.getUserName(), password, PasswordType{encrypted}, maxAge, minAge,
+                             thirdAge, active, mustChange);
+        files.install();
+    }
+    result.m_uid = uid;
+    result.retrieveUserName();
+    result.retrieveProfile();
+    result.updateState();
+    detail::logAccountEvent(detail::AccountCreated, "User account - created <" + name + ">");
+    return result;
+}
+
+User User::createUser(const std::string& name, const std::string& password, int profileId, bool active, bool mustChange,
+                      const bool* skipPasswordCheck) {
+    return createUser(name, password, false, profileId, active, mustChange, skipPasswordCheck);
+}
+
+User User::createUserWithEncryptedPassword(const std::string& name, const std::string& password, int profileId,
+                                           bool active, bool mustChange, const bool* skipPasswordCheck) {
+    return createUser(name, password, true, profileId, active, mustChange, skipPasswordCheck);
+}
+
+void User::updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
+                      bool encrypted, const bool* mustChange, const bool* skipPasswordCheck) {
+    UserDefinition& config = definition();
+    // Changing at most the password and the must-change day is a password operation, which
+    // the holder of the account may do; anything else, or asking to skip the password rules,
+    // is an account update.
+    const bool accountUpdate = newName != nullptr || profileId != nullptr || active != nullptr || skipPasswordCheck;
+    config.checkRight(accountUpdate ? UserDefinition::UpdateUser : UserDefinition::UpdatePassword, this);
+    if (newName != nullptr && !config.isAValidUserName(*newName, m_uid))
+        raise<UMException>(UMError::BadUserName, *newName, " :Bad user name");
+    if (active != nullptr && !*active && m_uid == config.getBaseUid())
+        raise<UMException>(UMError::MainAccountUndisable, m_userName, " :Forbidden to disable the main user");
+    if (password != nullptr && !isSet(skipPasswordCheck)) checkPasswordStrenght(*password);
+    if (profileId != nullptr) {
+        m_profile = ProfileDefinition::GetProfileDefinition().getProfile(*profileId);
+        if (m_profile.getId() < 0) roleNotAllowed(*profileId);
+        m_gid = m_profile.getGid();
+    }
+    // What the files cannot hold is refused before the lock is taken (see createUser).
+    if (newName != nullptr) detail::checkUserName(*newName, "updateEntryInPasswordFile");
+    if (password != nullptr)
+        detail::checkPasswordToStore(m_userName, *password, PasswordType{encrypted}, isSet(active),
+                                     "updateEntryInShadowFile");
+
+    LookUpdateShadow lookShadow;
+    LookUpdatePasswd lookPasswd;
+    {
+        detail::AccountFiles files;
+        updateEntryInPasswordFile(files.passwd, m_uid, m_gid, newName, lookPasswd);
+        updateEntryInShadowFile(files.shadow, m_userName, newName, password, PasswordType{encrypted}, active,
+                                mustChange, lookShadow);
+        // Re-enabling or a new password ends a lock by failed logins.  The tally tool finds the
+        // account by its current name, which the live files still hold until install().
+        if (isSet(active) || password != nullptr) unLock();
+        files.install();
+        if (newName != nullptr) m_userName = *newName;
+        if (newName != nullptr || profileId != nullptr)
+            (void)systemutilities::ScriptLauncher::exec(kReloadNameCache, true);
+        retrieveProfile();
+    }
+    logPwdEvent(lookPasswd);
+    logShadowdEvent(lookShadow);
+    updateState();
+}
+
+void User::updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
+                      const bool* mustChange, const bool* skipPasswordCheck) {
+    updateUser(newName, profileId, active, password, false, mustChange, skipPasswordCheck);
+}
+
+void User::updateUserWithEncryptedPassword(const std::string* newName, const int* profileId, const bool* active,
+                                           const std::string* password, const bool* mustChange,
+                                           const bool* skipPasswordCheck) {
+    updateUser(newName, profileId, active, password, true, mustChange, skipPasswordCheck);
+}
+
+void User::removeUser() {
+    UserDefinition& config = definition();
+    config.checkRight(UserDefinition::RemoveUser, this);
+    if (m_uid == config.getBaseUid())
+        raise<UMException>(UMError::MainAccountUnremovable, m_userName, " :Forbidden deletion of the main user");
+    retrieveUserName();
+    if (isHimSelf())
+        raise<UMException>(UMError::RemoveUserForbidden, m_userName, " :Forbidden to remove the current user");
+
+    detail::AccountFiles files;
+    removeEntryInShadowFile(files.shadow, m_userName);
+    removeEntryInPasswordFile(files.passwd, m_uid);
+    files.install();
+    detail::logAccountEvent(detail::AccountDeleted, "User account - deleted <" + m_userName + ">");
+}
+
+}  // namespace usermanagement
