@@ -31,9 +31,11 @@
 // installed with its own finalyzeSystemFiles().
 //
 // The lock (lckpwdf) is process-wide and can be held once: among the transactions of one
-// operation exactly the first is built with `lock` true.  A second lock-taking transaction in
-// the same process fails with UMSystemErrorException 11.  Every other failure is
-// UMSystemErrorException 13.  An object is used by one thread only.
+// operation exactly the first is built with `lock` true.  A lock-taking transaction waits for
+// one held by another thread of the process as lckpwdf waits for another process (up to 15
+// seconds); a second one on the thread that holds the lock fails at once.  Both fail with
+// UMSystemErrorException 11.  Every other failure is UMSystemErrorException 13.  An object is
+// created, used and destroyed by one thread.
 //
 // The data members and their order are part of the binary interface; the entry functions use
 // the streams directly.

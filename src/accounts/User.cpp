@@ -24,6 +24,7 @@
 #include <usermanagement/Utilities.h>
 
 #include "access/DatabaseLookup.h"
+#include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement {
@@ -48,18 +49,6 @@ template <class... Parts>
     std::this_thread::sleep_for(std::chrono::seconds(UserDefinition::GetUserDefinition().getDBDelayWrongCredential()));
     raise<UMException>(UMError::UserNotFound, std::forward<Parts>(parts)...);
 }
-
-// The system password-file lock for one read of the shadow file; released on every way out.
-class ShadowReadLock {
-public:
-    ShadowReadLock() {
-        if (lckpwdf() != 0)
-            raise<UMSystemErrorException>(UMSystemError::FilesLocked, "updateState:password files locked");
-    }
-    ~ShadowReadLock() { (void)ulckpwdf(); }
-    ShadowReadLock(const ShadowReadLock&) = delete;
-    ShadowReadLock& operator=(const ShadowReadLock&) = delete;
-};
 
 bool isDisabled(const char* field) { return field != nullptr && std::strncmp(field, kDisabledMark, 2) == 0; }
 
@@ -238,7 +227,7 @@ void User::updateState() {
     LookLockUpdate ignored;
     retrieveLockState(ignored);
 
-    const ShadowReadLock lock;
+    const detail::PasswordFileLock lock("updateState:password files locked");
     m_isActive = m_isPasswordExpired = m_isAccountExpired = false;
     const auto shadow = detail::shadowByName(m_userName.c_str());
     if (!shadow.found()) raise<UMException>(UMError::UserNotFound, m_userName, " :User not found");
@@ -262,7 +251,7 @@ std::string User::getEncryptedPassword() const {
     checkReadRight();
     SystemPermission permission;
     permission.setRealPermissions();
-    const ShadowReadLock lock;
+    const detail::PasswordFileLock lock("updateState:password files locked");
     const auto shadow = detail::shadowByName(m_userName.c_str());
     if (!shadow.found() || shadow.entry.sp_pwdp == nullptr) return std::string();
     const char* field = shadow.entry.sp_pwdp;

@@ -16,6 +16,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "authnz/AsRoot.h"
+#include "files/PasswordFileLock.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
 
@@ -68,11 +69,10 @@ constexpr std::chrono::seconds kLockPatience{5};
 
 // pam_unix takes the password-file lock itself to store the new hash, and waits for it as long
 // as another process holds it: a web request would hang with it.  So the change starts only
-// once the lock is free (or after a short wait), and otherwise fails with a clear error.  Locks
-// of this process do not count: lckpwdf is a per-process lock, which pam_unix then shares.
+// once the lock is free (or after a short wait), and otherwise fails with a clear error.
 // Run as root (the lock file is root's).  A holder that takes the lock after this check is
 // still waited for by pam_unix; the check keeps the common case (a stuck or long holder) from
-// hanging the caller.
+// hanging the caller.  Our own threads are kept out by the caller (PasswordFileLock).
 void waitForFreePasswordLock() {
     const usermanagement::detail::Descriptor lock(open(kPasswordLock, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!lock) return;  // no lock file: nobody can hold it
@@ -108,6 +108,9 @@ void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
         throw AuthNZException(AuthNZError::InitError, "InternalError", pam_strerror(m_pamHandle, m_lastStatus),
                               m_pamUser, true);
     {
+        // The modules take the system lock themselves; the gate keeps our other threads from
+        // holding it meanwhile, since that would make their lckpwdf fail.
+        const usermanagement::detail::PasswordFileLock gate("pamChauthtok:password files locked", false);
         const detail::AsRoot root;
         waitForFreePasswordLock();
         m_lastStatus = pam_chauthtok(m_pamHandle, PAM_CHANGE_EXPIRED_AUTHTOK);

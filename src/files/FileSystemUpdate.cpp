@@ -26,6 +26,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "files/PasswordFileLock.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
 
@@ -232,11 +233,12 @@ FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath
     // Refused before the lock is taken: the destructor, which removes the temporary file, does
     // not run for an object whose construction failed.
     checkTemporaryPath(*this);
-    // No retry of our own: lckpwdf already waits for a holder in another process.  When this
-    // throws, no object exists and its destructor (which would unlink the temporary path of
-    // whoever holds the lock) does not run.
-    if (lock && lckpwdf() != 0)
-        detail::raiseErrno<UMSystemErrorException>(errno, UMSystemError::FilesLocked,
+    // lckpwdf waits for a holder in another process, the gate for one of our other threads.
+    // When this throws, no object exists and its destructor (which would unlink the temporary
+    // path of whoever holds the lock) does not run.
+    int error = 0;
+    if (lock && !detail::lockPasswordFiles(true, error))
+        detail::raiseErrno<UMSystemErrorException>(error, UMSystemError::FilesLocked,
                                                    "FileSystemUpdate:password files locked (", m_filePath, ")");
 }
 
@@ -255,7 +257,7 @@ FileSystemUpdate::~FileSystemUpdate() {
     } catch (const std::bad_alloc&) {
     }
     if (removable) (void)unlink(m_tmpFilePath.c_str());
-    if (m_lock) (void)ulckpwdf();
+    if (m_lock) detail::unlockPasswordFiles(true);
 }
 
 void FileSystemUpdate::prepareSystemFiles() {
