@@ -48,13 +48,14 @@ User User::createUser(const std::string& name, const std::string& password, bool
     if (profileId < 1) raise<UMException>(UMError::RoleError, profileId, " (profileId): Role not found");
 
     User result(name, profileId, active);
+    // What the files cannot hold is refused with the entry functions' own errors before
+    // anything else looks at it: PAM would judge a password cut at a NUL byte.
+    detail::checkPasswordToStore(name, password, PasswordType{encrypted}, active, "addEntryInShadowFile");
     // The password rules come before the name, so a weak password is reported first.
     if (!isSet(skipPasswordCheck)) result.checkPasswordStrenght(password);
     if (!config.isAValidUserName(name, kNoAccount)) raise<UMException>(UMError::BadUserName, name, " :Bad user name");
-    // The configured name check may accept anything; what the files cannot hold is refused
-    // here, with the entry functions' own errors, before the lock is taken.
+    // The configured name check may accept anything (the built-in one does).
     detail::checkUserName(name, "addEntryInPasswordFile");
-    detail::checkPasswordToStore(name, password, PasswordType{encrypted}, active, "addEntryInShadowFile");
     result.setUserName(name);
     config.getDBPasswordExpirationAge(maxAge, minAge, thirdAge, exemptBaseUser);
     result.m_profile = ProfileDefinition::GetProfileDefinition().getProfile(profileId);
@@ -98,17 +99,18 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
         raise<UMException>(UMError::BadUserName, *newName, " :Bad user name");
     if (active != nullptr && !*active && m_uid == config.getBaseUid())
         raise<UMException>(UMError::MainAccountUndisable, m_userName, " :Forbidden to disable the main user");
-    if (password != nullptr && !isSet(skipPasswordCheck)) checkPasswordStrenght(*password);
+    // What the files cannot hold is refused before PAM or the files see it (see createUser).
+    if (newName != nullptr) detail::checkUserName(*newName, "updateEntryInPasswordFile");
+    if (password != nullptr) {
+        detail::checkPasswordToStore(m_userName, *password, PasswordType{encrypted}, isSet(active),
+                                     "updateEntryInShadowFile");
+        if (!isSet(skipPasswordCheck)) checkPasswordStrenght(*password);
+    }
     if (profileId != nullptr) {
         m_profile = ProfileDefinition::GetProfileDefinition().getProfile(*profileId);
         if (m_profile.getId() < 0) roleNotAllowed(*profileId);
         m_gid = m_profile.getGid();
     }
-    // What the files cannot hold is refused before the lock is taken (see createUser).
-    if (newName != nullptr) detail::checkUserName(*newName, "updateEntryInPasswordFile");
-    if (password != nullptr)
-        detail::checkPasswordToStore(m_userName, *password, PasswordType{encrypted}, isSet(active),
-                                     "updateEntryInShadowFile");
 
     LookUpdateShadow lookShadow;
     LookUpdatePasswd lookPasswd;

@@ -17,6 +17,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "accounts/AuditEvent.h"
+#include "files/EntryChecks.h"
 #include "foundation/Raise.h"
 #include "system/AsRoot.h"
 
@@ -55,9 +56,16 @@ std::string insideDoubleQuotes(const std::string& text) {
     return quoted;
 }
 
+// A new password PAM is to store: what the shadow file could not take from the library is not
+// handed to PAM either (a NUL byte would cut the password short there).
+void checkNewPassword(const std::string& name, const std::string& password) {
+    detail::checkPasswordToStore(name, password, PasswordType{false}, false, "updateEntryInShadowFile");
+}
+
 }  // namespace
 
 void User::updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip) {
+    checkNewPassword(getUserName(), newPassword);
     const Session pam = session(getUserName(), ip, WebPam::WebLogin);
     requireSession(pam, getUserName());
     pam->pamChauthtok(oldPassword.c_str(), newPassword.c_str());
@@ -66,6 +74,7 @@ void User::updatePassword(std::string& oldPassword, std::string& newPassword, co
 
 void User::updateAnyUserPassword(const std::string& name, const std::string& oldPassword,
                                  const std::string& newPassword, const std::string& ip) {
+    checkNewPassword(name, newPassword);
     const Session pam = session(name, ip, WebPam::WebLogin);
     const User account(name);
     requireSession(pam, name);
@@ -78,6 +87,7 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& new
     UserDefinition& config = UserDefinition::GetUserDefinition();
     config.checkRight(UserDefinition::UpdatePassword, this);
     User target(name);
+    checkNewPassword(name, newPassword);
     if (checkPassword) checkPasswordStrenght(newPassword);
 
     LookUpdateShadow look;

@@ -1,0 +1,324 @@
+// The account life cycle and the password operations on the sample device: the real account
+// files, the sandbox's PAM stack and tally, and the commands the library runs as root, which
+// the sandbox records in /var/log/tvc-commands.log.
+#include <crypt.h>
+#include <gtest/gtest.h>
+#include <shadow.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <authnz/AuthNZException.h>
+#include <authnz/WebPam.h>
+#include <umlog/Ctx.h>
+#include <usermanagement/SystemPermission.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/User.h>
+
+#include "support/DeviceFixture.h"
+#include "support/RecordingLogger.h"
+#include "support/Sandbox.h"
+
+using namespace usermanagement;
+
+namespace {
+
+constexpr const char* kCommandLog = "/var/log/tvc-commands.log";
+
+class Definition : public tvc::sample::SampleDefinition {
+public:
+    unsigned int getDBDelayWrongCredential() override { return 0; }
+};
+
+class LifeCycleTest : public tvc::test::DeviceTest<Definition> {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        unlink("/var/log/tallylog");
+        takeCommands();
+        umlog::Ctx::getCtx().setUsername("admin");
+    }
+
+    // The commands recorded since the last call, one line each.
+    static std::string takeCommands() {
+        std::string text = tvc::test::readFile(kCommandLog);
+        tvc::test::writeFile(kCommandLog, "");
+        return text;
+    }
+
+    // The account events logged since the last call: "<id> <text>" lines.
+    std::string takeEvents() {
+        std::string text;
+        for (const auto& m : sink.messages)
+            if (m.category == LogCategory::UserAccount) text += std::to_string(m.messageId) + " " + m.text + "\n";
+        sink.messages.clear();
+        return text;
+    }
+
+    tvc::test::RecordingLogger sink;
+};
+
+// "ok", or "<code> <message>" of what `call` throws.
+std::string outcome(const std::function<void()>& call) try {
+    call();
+    return "ok";
+} catch (tarvicexception::TvcException& e) {
+    return std::to_string(e.getErrorId()) + " " + e.what();
+}
+
+// Runs `body` in a thread acting as `name` through the library's switch.
+void as(const std::string& name, const std::function<void()>& body) {
+    std::thread([&] {
+        SystemPermission permission;
+        permission.setUserPermission(name);
+        body();
+    }).join();
+}
+
+// The line of entry `name` in `path`, "" when there is none.
+std::string entry(const std::string& path, const std::string& name) {
+    std::istringstream lines(tvc::test::readFile(path));
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind(name + ":", 0) == 0) return line;
+    return "";
+}
+
+std::vector<std::string> fields(const std::string& line) {
+    std::vector<std::string> out;
+    std::istringstream in(line + ":");
+    for (std::string field; std::getline(in, field, ':');) out.push_back(field);
+    return out;
+}
+
+bool hashIs(const std::string& name, const std::string& password) {
+    std::string hash = fields(entry("/etc/shadow", name)).at(1);
+    if (hash.rfind("!!", 0) == 0) hash.erase(0, 2);
+    const char* computed = crypt(password.c_str(), hash.c_str());
+    return computed != nullptr && hash == computed;
+}
+
+std::string today() { return std::to_string(std::time(nullptr) / 86400); }
+
+const std::string kReload = "sudo [/etc/init.d/S46unscd] [reload]\nS46unscd [reload]\n";
+std::string tallyReset(const std::string& name) {
+    return "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [" + name + "]\n";
+}
+
+void failLogins(const std::string& name, int count) {
+    for (int i = 0; i < count; ++i) {
+        std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM(name, "192.0.2.7", authnz::WebPam::WebLogin));
+        EXPECT_NE(outcome([&] { pam->pamAuthentication("Wrong#2026"); }), "ok");
+    }
+}
+
+// One account from creation to removal: after each step the files, the events in order and
+// the commands that ran.  The group file is never touched.
+TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
+    const std::string group = tvc::test::readFile("/etc/group");
+    std::unique_ptr<User> user;
+    const std::string rookie = "rookie", first = "Newbie#2026x", second = "Fresh#Pass2026", day = today();
+    const int operators = 1;
+    const bool no = false, yes = true;
+    const std::string line = ":x:10005:10002:UI User:/home/admin:/bin/sh",
+                      moved = ":x:10005:10001:UI User:/home/admin:/bin/sh";
+    const struct {
+        const char* step;
+        std::function<void()> run;
+        std::string passwd;  // the account's passwd line afterwards
+        std::string shadow;  // its hash prefix, password and last-change day
+        std::string events;
+        std::string commands;
+    } steps[] = {
+        {"create", [&] { user = std::make_unique<User>(User::createUser("newbie", first, 2, true, false, nullptr)); },
+         "newbie" + line, "$6$ " + first + " " + day, "1 User account - created <newbie>\n", ""},
+        {"rename", [&] { user->updateUser(&rookie, nullptr, nullptr, nullptr, nullptr, nullptr); }, "rookie" + line,
+         "$6$ " + first + " " + day, "4 User account - name changed from <newbie> to <rookie>\n", kReload},
+        {"profile", [&] { user->updateUser(nullptr, &operators, nullptr, nullptr, nullptr, nullptr); },
+         "rookie" + moved, "$6$ " + first + " " + day,
+         "5 User account - profile of <rookie> changed from <viewers> to <operators>\n", kReload},
+        {"password", [&] { user->updateUser(nullptr, nullptr, nullptr, &second, &yes, nullptr); }, "rookie" + moved,
+         "$6$ " + second + " 0", "8 User account - password reset <rookie>\n", tallyReset("rookie")},
+        {"disable", [&] { user->updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); }, "rookie" + moved,
+         "!!$6$ " + second + " 0", "12 User account - deactivated <rookie>\n", ""},
+        {"enable", [&] { user->updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); }, "rookie" + moved,
+         "$6$ " + second + " 0", "11 User account - activated <rookie>\n", tallyReset("rookie")},
+        {"remove", [&] { user->removeUser(); }, "", "", "2 User account - deleted <rookie>\n", ""},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.step);
+        ASSERT_EQ(outcome(s.run), "ok");
+        EXPECT_EQ(entry("/etc/passwd", user->getUserName()), s.passwd);
+        std::string shadow;
+        if (!s.passwd.empty()) {
+            const auto stored = fields(entry("/etc/shadow", user->getUserName()));
+            const std::string password =
+                s.shadow.substr(s.shadow.find(' ') + 1, s.shadow.rfind(' ') - s.shadow.find(' ') - 1);
+            shadow = stored.at(1).substr(0, stored.at(1)[0] == '!' ? 5 : 3) + " " +
+                     (hashIs(user->getUserName(), password) ? password : "?") + " " + stored.at(2);
+        }
+        EXPECT_EQ(shadow, s.shadow);
+        EXPECT_EQ(takeEvents(), s.events);
+        EXPECT_EQ(takeCommands(), s.commands);
+        EXPECT_EQ(tvc::test::readFile("/etc/group"), group);
+    }
+    EXPECT_EQ(entry("/etc/shadow", "rookie") + entry("/etc/shadow", "newbie"), "");
+}
+
+TEST_F(LifeCycleTest, PasswordsChangedByTheHolderResetByAManagerAndChecked) {
+    User viewer("viewer"), guest("guest");
+    std::string old = "Viewer#2026", fresh = "Changed#Pass26x", wrong = "Nope#2026xx";
+    as("viewer", [&] {
+        EXPECT_EQ(outcome([&] { viewer.updatePassword(wrong, fresh, "192.0.2.7"); }).substr(0, 3), "18 ");
+        EXPECT_EQ(outcome([&] { viewer.updatePassword(old, fresh, "192.0.2.7"); }), "ok");
+        EXPECT_TRUE(User::checkCurrentUserPasswd(fresh));
+        EXPECT_FALSE(User::checkCurrentUserPasswd(old));
+    });
+    EXPECT_TRUE(hashIs("viewer", fresh));
+    // The failed check logged itself; the change logged its event without a name.
+    ASSERT_FALSE(sink.messages.empty());
+    EXPECT_EQ(takeEvents(), "6 User account - password changed\n");
+    EXPECT_EQ(outcome([] { User::checkCurrentUserPasswd("Root#2026"); }).substr(0, 2), "0 ") << "root is refused";
+
+    // A manager's reset of guest, called on guest's object: the hash, must change, the unlock.
+    failLogins("guest", 3);
+    takeEvents();
+    EXPECT_EQ(outcome([&] { guest.updateAnyUserPassword("guest", "Reset#Guest2026", true, "", true); }), "ok");
+    EXPECT_TRUE(hashIs("guest", "Reset#Guest2026"));
+    EXPECT_EQ(fields(entry("/etc/shadow", "guest")).at(2), "0");
+    EXPECT_EQ(takeEvents(), "10 User account - unlocked <guest>\n8 User account - password reset <guest>\n");
+    EXPECT_EQ(takeCommands(), tallyReset("guest"));
+    // The rules judge the candidate; a password change never reloads the name cache.
+    EXPECT_EQ(outcome([&] { guest.checkPasswordStrenght("abc"); }).substr(0, 3), "33 ");
+    EXPECT_EQ(outcome([&] { guest.checkPasswordStrenght("Long#Enough2026"); }), "ok");
+    EXPECT_EQ(takeCommands(), "");
+}
+
+TEST_F(LifeCycleTest, UnlockResetsTheTallyAndLogsOnlyALockedAccount) {
+    User tech("tech");
+    failLogins("tech", 3);
+    takeEvents();
+    tech.updateState();
+    ASSERT_TRUE(tech.isLocked());
+    for (const char* expected : {"10 User account - unlocked <tech>\n", ""}) {
+        tech.unLock();
+        EXPECT_FALSE(tech.isLocked());
+        EXPECT_EQ(takeEvents(), expected);
+        EXPECT_EQ(takeCommands(), tallyReset("tech"));
+    }
+    std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("tech", "", authnz::WebPam::WebLogin));
+    EXPECT_EQ(outcome([&] { pam->pamAuthentication("Tech#2026"); }), "ok");
+}
+
+// Names the built-in name check accepts reach the unlock command as one literal argument: the
+// recorded command line shows them as created, and nothing they spell out runs.
+TEST_F(LifeCycleTest, HostileNamesReachTheUnlockCommandLiterally) {
+    const bool skip = true;
+    // The markers go to /etc, which is private to the sandbox.
+    for (const char* marker : {"/etc/pwned-1", "/etc/pwned-2", "/etc/pwned-3"}) unlink(marker);
+    for (const std::string name : {"q\"uote", "d$(touch /etc/pwned-1)", "b`touch /etc/pwned-2`", "s;touch /etc/pwned-3",
+                                   "bs\\\"x", "v$HOME", "sp ace'"}) {
+        SCOPED_TRACE(name);
+        User user = User::createUserWithEncryptedPassword(name, "$6$salt$hash", 2, true, false, &skip);
+        user.unLock();
+        EXPECT_EQ(takeCommands(), tallyReset(name));
+        user.removeUser();
+    }
+    for (const char* marker : {"/etc/pwned-1", "/etc/pwned-2", "/etc/pwned-3"}) EXPECT_NE(access(marker, F_OK), 0);
+}
+
+// What the rules and the files refuse is refused before anything is written, with the entry
+// functions' own errors; the operation's own checks come in their order.
+TEST_F(LifeCycleTest, RefusedRequestsLeaveTheFilesAlone) {
+    const std::string passwd = tvc::test::readFile("/etc/passwd"), shadow = tvc::test::readFile("/etc/shadow");
+    const bool skip = true, no = false;
+    const std::string bad[] = {"", "a:b", "+nis", std::string(33, 'n'), "new\nline"};
+    const std::string nul("Good#Pass\0word", 14), colonHash = "$6$a:b";
+    User viewer("viewer"), admin("admin");
+    const auto create = [&](const std::string& name, const std::string& password) {
+        return outcome([&] { User::createUser(name, password, 2, true, false, &skip); });
+    };
+    const struct {
+        std::string result;
+        std::string expected;
+    } cases[] = {
+        {create(bad[0], "Good#Pass2026"), "7 addEntryInPasswordFile error, bad user name: empty"},
+        {create(bad[1], "Good#Pass2026"),
+         "7 addEntryInPasswordFile error, bad user name: holds a NUL byte, ':', a "
+         "newline or another control character"},
+        {create(bad[2], "Good#Pass2026"), "7 addEntryInPasswordFile error, bad user name: starts with '+', '-' or '#'"},
+        {create(bad[3], "Good#Pass2026"), "7 addEntryInPasswordFile error, bad user name: longer than 32 bytes"},
+        {create("fine", nul), "1 cryptPwd error, the password holds a NUL byte"},
+        {outcome([&] { User::createUser("fine", nul, 2, true, false, nullptr); }),
+         "1 cryptPwd error, the password holds a NUL byte"},  // before PAM judges a cut password
+        {outcome([&] { User::createUserWithEncryptedPassword("fine", colonHash, 2, true, false, &skip); }),
+         "1 addEntryInShadowFile error, the stored password holds ':', a newline or a NUL byte"},
+        {outcome([&] { User::createUserWithEncryptedPassword("fine", "", 2, true, false, &skip); }),
+         "1 addEntryInShadowFile error, an enabled account needs a password: fine"},
+        {outcome([&] { viewer.updateUser(&bad[4], nullptr, nullptr, nullptr, nullptr, nullptr); }),
+         "7 updateEntryInPasswordFile error, bad user name: holds a NUL byte, ':', a newline or another control "
+         "character"},
+        {outcome([&] { viewer.updateUser(nullptr, nullptr, nullptr, &nul, nullptr, nullptr); }),
+         "1 cryptPwd error, the password holds a NUL byte"},
+        {outcome([&] { viewer.updateAnyUserPassword("viewer", nul, false, "", false); }),
+         "1 cryptPwd error, the password holds a NUL byte"},
+        {outcome(
+             [&] { viewer.updatePassword(const_cast<std::string&>(colonHash), const_cast<std::string&>(nul), ""); }),
+         "1 cryptPwd error, the password holds a NUL byte"},
+        // The operations' own checks.
+        {outcome([] { User::createUser("fine", "Good#Pass2026", 0, true, false, nullptr); }),
+         "2 0 (profileId): Role not found"},
+        {outcome([] { User::createUser("viewer", "x", 2, true, false, nullptr); }).substr(0, 3), "33 "},  // rules first
+        {create("viewer", "Good#Pass2026"), "0 viewer :user already exists"},
+        {outcome([&] { admin.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); }),
+         "4 admin :Forbidden to disable the main user"},
+        {outcome([&] { admin.removeUser(); }), "3 admin :Forbidden deletion of the main user"},
+        {outcome([] { User("root").removeUser(); }), "8 root :Forbidden to remove the current user"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.result, c.expected);
+    EXPECT_EQ(tvc::test::readFile("/etc/passwd"), passwd);
+    EXPECT_EQ(tvc::test::readFile("/etc/shadow"), shadow);
+    EXPECT_EQ(takeEvents(), "");
+    EXPECT_EQ(takeCommands(), "");
+}
+
+// Each role under its own identity: a manager may do everything, a holder only change their
+// own password (and not skip the rules doing it), the others nothing.
+TEST_F(LifeCycleTest, RightsOfEachRoleUnderItsOwnIdentity) {
+    const std::string password = "Other#Pass2026";
+    const bool skip = true;
+    const struct {
+        const char* caller;
+        std::string manage;  // create, reset another's password, remove, skip the rules
+        std::string own;     // change their own password through updateUser
+    } cases[] = {
+        {"admin", "ok ok ok ok", "ok"},           {"operator", "302 302 302 302", "ok"},
+        {"viewer", "302 302 302 302", "ok"},      {"www-data", "302 302 302 302", "302"},
+        {"svc-backup", "302 302 302 302", "302"},
+    };
+    const auto code = [](const std::string& result) { return result.substr(0, result.find(' ')); };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.caller);
+        tvc::test::restoreSampleDevice();
+        User self(c.caller), guest("guest");
+        as(c.caller, [&] {
+            std::string manage = code(outcome([&] { User::createUser("extra", password, 2, true, false, &skip); }));
+            manage += " " + code(outcome([&] { guest.updateAnyUserPassword("guest", password, false, "", false); }));
+            manage += " " + code(outcome([&] { guest.removeUser(); }));
+            manage +=
+                " " + code(outcome([&] { self.updateUser(nullptr, nullptr, nullptr, &password, nullptr, &skip); }));
+            EXPECT_EQ(manage, c.manage);
+            EXPECT_EQ(code(outcome([&] { self.updateUser(nullptr, nullptr, nullptr, &password, nullptr, nullptr); })),
+                      c.own);
+        });
+    }
+}
+
+}  // namespace
