@@ -248,40 +248,4 @@ TEST_F(AccountTest, ValuesListingAndRbac) {
     }
 }
 
-TEST_F(AccountTest, AuditEventsOnePerChangedAspect) {
-    User viewer("viewer");
-    tvc::test::RecordingLogger sink;
-    LookUpdatePasswd passwd;
-    passwd.nameUpdated = passwd.profileUpdated = true;
-    passwd.oldName = "seer";
-    passwd.oldGid = 10001;
-    LookUpdateShadow reset, self, quiet;
-    reset.passwordUpdated = true;
-    reset.activation = 0;
-    self.passwordUpdated = self.selfUpdate = true;
-    self.activation = 1;
-    quiet.activation = 5;
-    LookLockUpdate unlocked, locked;
-    unlocked.unlocked = true;
-    locked.locked = locked.justLocked = true;
-    viewer.logPwdEvent(passwd);
-    for (LookUpdateShadow* look : {&reset, &self, &quiet}) viewer.logShadowdEvent(*look);
-    viewer.logUserLockEvent(unlocked);
-    viewer.logUserLockEvent(locked);
-    std::string log;
-    for (const auto& m : sink.messages) {
-        EXPECT_TRUE(m.category == LogCategory::UserAccount && m.severity == LogSeverity::Notice && m.third == 0 &&
-                    m.sixth == 0);
-        log += std::to_string(m.messageId) + " " + m.text + "\n";
-    }
-    EXPECT_EQ(log,
-              "4 User account - name changed from <seer> to <viewer>\n"
-              "5 User account - profile of <viewer> changed from <operators> to <viewers>\n"
-              "8 User account - password reset <viewer>\n"
-              "11 User account - activated <viewer>\n"
-              "6 User account - password changed\n"
-              "12 User account - deactivated <viewer>\n"
-              "10 User account - unlocked <viewer>\n");
-}
-
 }  // namespace
