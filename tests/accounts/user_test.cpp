@@ -24,7 +24,6 @@
 #include <usermanagement/UserDefinition.h>
 #include <usermanagement/Utilities.h>
 
-#include "support/RecordingLogger.h"
 #include "support/DeviceFixture.h"
 #include "support/Sandbox.h"
 
