@@ -98,8 +98,8 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& new
         updateEntryInShadowFile(shadow, name, nullptr, &newPassword, PasswordType{false}, nullptr, &mustChange, look);
         target.unLock();
         shadow.finalyzeSystemFiles();
+        logShadowdEvent(look);
     }
-    logShadowdEvent(look);
 }
 
 void User::checkPasswordStrenght(const std::string& password) {
