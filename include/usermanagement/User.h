@@ -147,8 +147,8 @@ public:
     // Whether `password` is the current password of the account running the process; a wrong
     // one is logged here.  Root is refused (authnz::AuthNZException 0).
     static bool checkCurrentUserPasswd(const std::string& password);
-    // Resets the failed-login count with the tally tool (rights UpdateUser), run with the
-    // calling thread's rights; logs "User account - unlocked" when the account was locked.
+    // Resets the failed-login count with the tally tool, run as root after the UpdateUser
+    // rights check; logs "User account - unlocked" when the account was locked.
     void unLock();
 
     // Audit events, one log call per changed aspect of the records.

@@ -127,12 +127,18 @@ void User::unLock() {
     LookLockUpdate look;
     UserDefinition& config = UserDefinition::GetUserDefinition();
     config.checkRight(UserDefinition::UpdateUser, this);
-    retrieveLockState(look);
     const std::string command = "pam_tally2 -f \"" + insideDoubleQuotes(config.getTallyFilePath()) + "\" -r -u \"" +
                                 insideDoubleQuotes(m_userName) + "\"";
-    // The reset runs whether or not the count reached the limit; its output and status tell
-    // nothing the tally file does not.
-    (void)systemutilities::ScriptLauncher::exec(command, true);
+    {
+        // As root, once the caller's rights were checked: the tally file is root's.  A thread
+        // acting as a user manager (a web request) would otherwise read no count and run a
+        // reset that cannot write the file: the account would stay locked.
+        const detail::AsRoot root;
+        retrieveLockState(look);
+        // The reset runs whether or not the count reached the limit; its output and status
+        // tell nothing the tally file does not.
+        (void)systemutilities::ScriptLauncher::exec(command, true);
+    }
     if (m_isLocked) look.unlocked = true;
     m_isLocked = false;
     logUserLockEvent(look);
