@@ -1,10 +1,13 @@
-// Account operations meeting failing system calls.  The failures are injected into
-// accounts_fault_driver, one call per run, through libfiu's POSIX preload library.
+// Account operations meeting failing system calls and each other.  The failures are injected
+// into accounts_fault_driver, one call per run, through libfiu's POSIX preload library; the
+// concurrent writers are threads of this process and a driver process.
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "accounts/driver/AccountDriver.h"
@@ -70,6 +73,37 @@ TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
         }
     }
 #endif
+}
+
+// Threads of this process and a driver process create and remove accounts at the same time.
+TEST_F(AccountFaults, ConcurrentCreationsAndRemovalsLoseAndDuplicateNothing) {
+    constexpr int kThreads = 3, kEach = 30;
+    catalogue.getProfiles(false);  // built before threads read it, as a host does at start-up
+    FILE* process = popen((kDriver + " churn p- " + std::to_string(kEach) + " 2>&1").c_str(), "re");
+    std::vector<std::string> results(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] { results[t] = churn("t" + std::to_string(t) + "-", kEach); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(finish(process).output, "ok\n");
+    for (const std::string& result : results) EXPECT_EQ(result, "ok");
+
+    // The sample accounts and each run's odd ones, once in each file; every uid given once.
+    const auto names = [](const std::string& path) {
+        std::multiset<std::string> found;
+        for (const std::string& line : lines(path)) found.insert(fields(line)[0]);
+        return found;
+    };
+    std::multiset<std::string> expected = names(pristineDir() + "/passwd");
+    for (const std::string prefix : {"p-", "t0-", "t1-", "t2-"})
+        for (int i = 1; i < kEach; i += 2) expected.insert(prefix + std::to_string(i));
+    EXPECT_EQ(names("/etc/passwd"), expected);
+    EXPECT_EQ(names("/etc/shadow"), expected);
+    std::set<std::string> uids;
+    for (const std::string& line : lines("/etc/passwd")) EXPECT_TRUE(uids.insert(fields(line)[2]).second) << line;
+    const Result checks = run("/usr/sbin/pwck -r && /usr/sbin/grpck -r");
+    EXPECT_EQ(checks.status, 0) << checks.output;
+    Snapshot(std::vector<std::string>{}).expectUnchanged();  // no temporary file, the lock free
 }
 
 }  // namespace

@@ -11,9 +11,10 @@
 
 namespace tvc::test {
 
-// The sample device with room for 200 managed accounts.
+// The sample device with room for 200 managed accounts and no pause after an unknown name.
 struct RoomyDefinition : tvc::sample::SampleDefinition {
     unsigned int getMaxUser() override { return 200; }
+    unsigned int getDBDelayWrongCredential() override { return 0; }
 };
 
 // A finished SHA-512 crypt hash: storing it needs neither crypt() nor the password rules.
