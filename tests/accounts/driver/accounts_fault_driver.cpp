@@ -1,0 +1,111 @@
+// One account operation in a process of its own, run by the user manager "admin" (the thread
+// becomes root only inside the operation), to inject failures into or to race against others.
+//     accounts_fault_driver [--fail POINT N] create NAME | update NAME NEW | reset NAME | remove NAME
+//     accounts_fault_driver churn PREFIX COUNT
+// --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
+// POSIX preload library must be loaded).  Prints "ok" or "error <id> <message>", the thread's ids
+// before and after the operation, then "lock free" when the process, root again, can take the
+// password-file lock through lckpwdf and through the library.
+#include <shadow.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "AccountDriver.h"
+
+#ifdef FIU_ENABLE  // built with libfiu
+#include <fiu-control.h>
+#include <fiu.h>
+#endif
+
+using namespace usermanagement;
+
+namespace {
+
+int failingCall = 0;
+
+bool enableFailure(const std::string& point) {
+#ifdef FIU_ENABLE
+    const auto nth = [](const char*, int*, void**, unsigned int*) {
+        static int calls = 0;
+        return ++calls == failingCall ? 1 : 0;
+    };
+    return fiu_init(0) == 0 &&
+           fiu_enable_external(point.c_str(), 1, reinterpret_cast<void*>(intptr_t{EIO}), 0, nth) == 0;
+#else
+    return point.empty();
+#endif
+}
+
+std::string ids() {
+    uid_t u[3] = {};
+    gid_t g[3] = {}, groups[64];
+    const int count = getresuid(&u[0], &u[1], &u[2]) + getresgid(&g[0], &g[1], &g[2]) == 0 ? getgroups(64, groups) : 0;
+    std::string text = "ids";
+    for (const unsigned int id : {u[0], u[1], u[2], g[0], g[1], g[2]}) text += " " + std::to_string(id);
+    text += " groups";
+    for (int i = 0; i < count; ++i) text += " " + std::to_string(groups[i]);
+    return text;
+}
+
+// False for a request it does not know.
+bool operate(const std::vector<std::string>& args) {
+    const bool skipCheck = true;
+    const int operators = 1;
+    if (args.size() == 2 && args[0] == "create")
+        User::createUserWithEncryptedPassword(args[1], tvc::test::kReadyHash, tvc::test::kViewers, true, false,
+                                              &skipCheck);
+    else if (args.size() == 3 && args[0] == "update")
+        User(args[1]).updateUser(&args[2], &operators, nullptr, nullptr, nullptr, &skipCheck);
+    else if (args.size() == 2 && args[0] == "reset")
+        User(args[1]).updateAnyUserPassword(args[1], "Reset#2026", false, "", false);
+    else if (args.size() == 2 && args[0] == "remove")
+        User(args[1]).removeUser();
+    else
+        return false;
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    tvc::test::RoomyDefinition definition;
+    tvc::sample::SampleCatalogue catalogue;
+    definition.setUserDefinition(definition);
+    catalogue.setProfileDefinition(catalogue);
+    std::string result = "ok", before, after;
+    if (args.size() == 3 && args[0] == "churn") {
+        result = tvc::test::churn(args[1], std::atoi(args[2].c_str()));
+        std::printf("%s\n", result.c_str());
+        return result == "ok" ? 0 : 1;
+    }
+    const bool inject = args.size() > 3 && args[0] == "--fail";
+    if (inject) failingCall = std::atoi(args[2].c_str());
+    {
+        SystemPermission manager;
+        manager.setUserPermission("admin");
+        before = ids();
+        try {
+            if ((inject && !enableFailure(args[1])) || !operate({args.begin() + (inject ? 3 : 0), args.end()}))
+                result = "bad request";
+        } catch (const tarvicexception::TvcException& e) {
+            result = tvc::test::describe(e);
+        }
+        after = ids();
+    }
+    // The lock of the process, then the library's gate, which a state read passes.
+    bool free = lckpwdf() == 0 && ulckpwdf() == 0;
+    try {
+        User("admin").updateState();
+    } catch (const tarvicexception::TvcException&) {
+        free = false;
+    }
+    std::printf("%s\n%s\n%s\nlock %s\n", result.c_str(), before.c_str(), after.c_str(), free ? "free" : "held");
+    return result == "ok" ? 0 : 1;
+}
