@@ -3,6 +3,8 @@
 // one line in allCommands().
 #pragma once
 
+#include <initializer_list>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,6 +58,21 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Throws the UsageError that shows the usage line of `command`.
+[[noreturn]] void badUsage(const std::string& command);
+
+// A command's words split into its operands, in order, and the options it was given.
+struct CommandLine {
+    Args operands;
+    std::map<std::string, std::string> options;  // "--name" to its value, "" for a switch
+    bool has(const std::string& option) const { return options.count(option) != 0; }
+};
+// Splits the words of `command` by its options: `switches` stand alone, `valued` take the next
+// word as their value.  UsageError for an unknown option, a missing value, or a number of
+// operands other than `operands`.
+CommandLine splitOptions(const std::string& command, const Args& args, std::size_t operands,
+                         std::initializer_list<const char*> switches, std::initializer_list<const char*> valued = {});
+
 // A decimal id, or false when `text` is not one (then it is a name).  Throws UsageError for
 // a number beyond the id range.
 bool parseId(const std::string& text, unsigned int& id);
@@ -79,6 +96,8 @@ std::vector<Command> identityCommands();
 std::vector<Command> hashCommands();
 std::vector<Command> accountCommands();
 std::vector<Command> loginCommands();
+std::vector<Command> lifeCycleCommands();
+std::vector<Command> passwordCommands();
 
 // Installs the sample device's profile catalogue and configuration; called once at start-up.
 void installCatalogue();

@@ -27,12 +27,53 @@ namespace umctl {
 
 std::vector<Command> allCommands() {
     std::vector<Command> all;
-    for (auto group : {lookupCommands, accountCommands, loginCommands, settingsCommands, accessCommands,
-                       identityCommands, hashCommands}) {
+    for (auto group : {lookupCommands, accountCommands, lifeCycleCommands, passwordCommands, loginCommands,
+                       settingsCommands, accessCommands, identityCommands, hashCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }
     return all;
+}
+
+namespace {
+
+std::string usageLine(const Command& command) {
+    std::string line = std::string("umctl [--json] [--as NAME] ") + command.name;
+    if (*command.arguments) line += std::string(" ") + command.arguments;
+    return line;
+}
+
+}  // namespace
+
+void badUsage(const std::string& command) {
+    for (const Command& entry : allCommands())
+        if (command == entry.name) throw UsageError("usage: " + usageLine(entry));
+    throw UsageError("unknown command: " + command);
+}
+
+CommandLine splitOptions(const std::string& command, const Args& args, std::size_t operands,
+                         std::initializer_list<const char*> switches, std::initializer_list<const char*> valued) {
+    const auto among = [](const std::string& word, std::initializer_list<const char*> names) {
+        for (const char* name : names)
+            if (word == name) return true;
+        return false;
+    };
+    CommandLine line;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& word = args[i];
+        if (word.rfind("--", 0) != 0) {
+            line.operands.push_back(word);
+        } else if (among(word, switches)) {
+            line.options[word];
+        } else if (among(word, valued)) {
+            if (i + 1 == args.size()) throw UsageError(word + " needs a value");
+            line.options[word] = args[++i];
+        } else {
+            throw UsageError("unknown option: " + word);
+        }
+    }
+    if (line.operands.size() != operands) badUsage(command);
+    return line;
 }
 
 bool parseId(const std::string& text, unsigned int& id) {
@@ -92,12 +133,6 @@ std::string jsonString(const std::string& text) {
 }
 
 namespace {
-
-std::string usageLine(const Command& command) {
-    std::string line = std::string("umctl [--json] [--as NAME] ") + command.name;
-    if (*command.arguments) line += std::string(" ") + command.arguments;
-    return line;
-}
 
 void printHelp(const std::vector<Command>& commands) {
     std::cout << "usage:\n";

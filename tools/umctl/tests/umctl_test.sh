@@ -20,18 +20,37 @@ if ! reason=$("$sandbox" -- true 2>&1); then
     exit 77
 fi
 
-# expect STATUS STDOUT STDERR -- ARGS...
-# One umctl run; STDOUT and STDERR are glob patterns the whole output must match.
+# Runs inside the sandbox: the shell commands `before`, umctl with its output and status into the
+# scratch directory, then the shell test `after` over the device's files, with helpers: reloads (how many times the
+# name-service cache was told to reload), ran LINE (the command log holds LINE), unchanged
+# (passwd and shadow are as the sandbox wrote them) and login NAME PASSWORD (its answer).
+# shellcheck disable=SC2016 # expanded by the inner shell
+inside='scratch=$1 before=$2 after=$3 umctl=$4
+reloads() { grep -cxF "sudo [/etc/init.d/S46unscd] [reload]" /var/log/tvc-commands.log; }
+ran() { grep -qxF "$1" /var/log/tvc-commands.log; }
+unchanged() { cmp -s /etc/passwd "$TVC_SANDBOX_PRISTINE/passwd" && cmp -s /etc/shadow "$TVC_SANDBOX_PRISTINE/shadow"; }
+login() { "$umctl" login "$1" --password-stdin <<<"$2" 2>/dev/null; }
+shift 3
+eval "$before"
+"$@" >"$scratch/out" 2>"$scratch/err"
+echo $? >"$scratch/status"
+eval "$after"'
+
+# [before=SETUP] [after=TEST] expect STATUS STDOUT STDERR -- ARGS...
+# One umctl run; STDOUT and STDERR are glob patterns the whole output must match.  SETUP runs
+# first in the same sandbox; TEST, when given, must then succeed there: the run's effect.
 expect() {
     local want=$1 out_pattern=$2 err_pattern=$3
     shift 4
-    local status=0
-    "$sandbox" -- "$umctl" "$@" >"$scratch/out" 2>"$scratch/err" || status=$?
+    local status=none effect=0
+    rm -f "$scratch/status"
+    "$sandbox" -- bash -c "$inside" - "$scratch" "${before-}" "${after-true}" "$umctl" "$@" || effect=$?
+    [[ -f $scratch/status ]] && status=$(<"$scratch/status")
     local out err
     out=$(<"$scratch/out")
     err=$(<"$scratch/err")
     # shellcheck disable=SC2053 # the right-hand sides are patterns on purpose
-    if [[ $status == "$want" && $out == $out_pattern && $err == $err_pattern ]]; then
+    if [[ $status == "$want" && $out == $out_pattern && $err == $err_pattern && $effect == 0 ]]; then
         passed=$((passed + 1))
         echo "ok: umctl $*"
     else
@@ -39,6 +58,7 @@ expect() {
         echo "FAILED: umctl $* (status $status, expected $want)"
         echo "  stdout: $out"
         echo "  stderr: $err"
+        ((effect == 0)) || echo "  failed afterwards: ${after-}"
     fi
 }
 
@@ -113,6 +133,59 @@ expect 0 "login ok: viewer" "" -- login viewer --password-stdin <<<'Viewer#2026'
 expect 1 '{"classCode":1,*"errorCode":200*}' "umctl: log: category=9 id=4 severity=notice *<viewer>${nl}umctl: Invalid Credentials: Authentication failure" -- login viewer --password-stdin <<<'Wrong#2026'
 expect 1 '{"classCode":1,*"errorCode":0*}' "*" -- login root --password-stdin <<<'Root#2026'
 expect 2 "" "umctl: unknown option: --bogus" -- login viewer --bogus
+
+# The life cycle, each step run as root on a fresh device, with its audit line and its effect
+# on the account files and the command log.  Passwords come from standard input.  A rename or
+# a profile change makes the name-service cache reload once; a reset never does, but, like
+# enabling and unlocking, resets the failed-login count with pam_tally2.  A password that must
+# be changed still logs in, and is then refused as expired (301).
+pw='Tulip#Garden42'
+tally='pam_tally2 [-f] [/var/log/tallylog] [-r] [-u]'
+after="grep -q '^alice:x:10005:10002:' /etc/passwd && login alice '$pw' >/dev/null" \
+    expect 0 "created alice uid 10005" "*text=User account - created <alice>" -- create alice --profile 2 <<<"$pw"
+after="grep -q '^bob:x:10005:10003:' /etc/passwd && grep -q '^bob:!![^:]*:0:' /etc/shadow" \
+    expect 0 "created bob uid 10005" "*created <bob>" -- create bob --profile 3 --disabled --must-change --password-stdin <<<"$pw"
+after="((\$(reloads) == 1)) && grep -q '^op2:x:10001:10001:' /etc/passwd && grep -q '^op2:' /etc/shadow" \
+    expect 0 "renamed operator to op2" "*text=User account - name changed from <operator> to <op2>" -- rename operator op2
+after="((\$(reloads) == 1)) && grep -q '^viewer:x:10002:10001:' /etc/passwd" \
+    expect 0 "moved viewer to profile operators (id 1)" "*profile of <viewer> changed from <viewers> to <operators>" \
+    -- set-profile viewer 1
+after="grep -q '^tech:!!' /etc/shadow" expect 0 "disabled tech" "*text=User account - deactivated <tech>" -- disable tech
+after="unchanged && ran '$tally [tech]'" expect 0 "enabled tech" "" -- enable tech
+after="ran '$tally [guest]'" expect 0 "unlocked guest" "" -- unlock guest
+# umctl never confirms an unlock that did not happen: acting as admin, the tally tool runs with
+# admin's rights, which cannot write the tally file.
+lock="for wrong in 1 2 3; do login guest Wrong#\$wrong >/dev/null; done"
+before=$lock expect 0 "unlocked guest" "*text=User account - unlocked <guest>" -- unlock guest
+before=$lock expect 1 "" "*umctl: guest is still locked: *" -- --as admin unlock guest
+after="! grep -q '^guest:' /etc/passwd /etc/shadow" expect 0 "removed guest" "*text=User account - deleted <guest>" \
+    -- remove guest
+after="login viewer '$pw' >/dev/null" expect 0 "password changed: viewer" "*text=User account - password changed" \
+    -- passwd viewer <<<"Viewer#2026$nl$pw"
+expired="login tech '$pw' | grep -q '\"errorCode\":301'"
+after="((\$(reloads) == 0)) && ran '$tally [tech]' && grep -q '^tech:[^:]*:0:' /etc/shadow && $expired" \
+    expect 0 "password reset: tech" "*text=User account - password reset <tech>" -- reset-password tech --must-change <<<"$pw"
+expect 0 "password accepted" "" -- check-password --password-stdin <<<"$pw"
+
+# Refusals leave the files as they were: the library's rights check judging a viewer, the main
+# account, a wrong current password, a password the rules refuse.
+for words in "create x --profile 2" "rename operator x" "set-profile operator 2" "disable operator" \
+    "remove operator" "reset-password operator" "unlock operator"; do
+    # shellcheck disable=SC2086 # the command's words
+    after=unchanged expect 1 '{"classCode":1,*"errorCode":302*}' "*Session - Unauthorized <viewer>*${nl}umctl: Not authorized" \
+        -- --json --as viewer $words <<<"$pw"
+done
+after=unchanged expect 1 '{"classCode":0,*"errorCode":3*}' "*umctl: admin :Forbidden deletion of the main user" -- --json remove admin
+after=unchanged expect 1 '{"classCode":0,*"errorCode":4*}' "*umctl: admin :Forbidden to disable the main user" -- --json disable admin
+after=unchanged expect 1 '{*"errorCode":18*}' "*Invalid credentials <viewer>*" -- --json passwd viewer <<<"Wrong#2026$nl$pw"
+after=unchanged expect 1 '{*"errorCode":33*}' "*umctl: BAD PASSWORD: The password is shorter than 8 characters" -- --json create x --profile 2 <<<'T#1a'
+expect 1 '{*"errorCode":33*}' "*" -- --json check-password <<<'T#1a'
+
+# Bad command lines and a missing password.
+expect 2 "" "umctl: usage: umctl [[]--json] [[]--as NAME] create NAME --profile ID*" -- create x
+expect 2 "" "umctl: unknown option: --bogus" -- create x --profile 2 --bogus
+expect 2 "" "umctl: not a profile id: x" -- set-profile viewer x
+expect 2 "" "umctl: no password on standard input" -- check-password </dev/null
 
 # A SHA-512 crypt hash with a 16-character salt; a password beyond the 255-byte limit is refused.
 salt='[./0-9A-Za-z]'
