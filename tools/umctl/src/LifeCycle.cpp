@@ -8,8 +8,6 @@
 #include <climits>
 #include <cstdlib>
 #include <iostream>
-#include <optional>
-#include <stdexcept>
 #include <string>
 
 #include <usermanagement/User.h>
@@ -83,22 +81,11 @@ int remove(const Args& args) {
 }
 
 // Resets the failed-login count whether or not it reached the limit; the library logs the
-// unlock only when the account was locked.  The library runs the tally tool with the calling
-// thread's rights and does not report its failure, so an acting account that cannot write the
-// tally file leaves the account locked without an error.  Hence the look at the lock state
-// afterwards, back under umctl's own identity, before anything claims success.
+// unlock only when the account was locked.
 int unlock(const Args& args) {
-    std::optional<User> user;
-    {
-        const ActingAs scope;
-        user.emplace(args[0]);
-        user->unLock();
-    }
-    user->updateState();
-    if (user->isLocked())
-        throw std::runtime_error(user->getUserName() +
-                                 " is still locked: the tally tool could not reset its failed-login count");
-    std::cout << "unlocked " << user->getUserName() << "\n";
+    User user(args[0]);
+    user.unLock();
+    std::cout << "unlocked " << user.getUserName() << "\n";
     return kOk;
 }
 
@@ -112,7 +99,7 @@ std::vector<Command> lifeCycleCommands() {
         {"enable", "NAME", 1, 1, enable},
         {"disable", "NAME", 1, 1, disable},
         {"remove", "NAME", 1, 1, remove},
-        {"unlock", "NAME", 1, 1, unlock, true},
+        {"unlock", "NAME", 1, 1, unlock},
     };
 }
 
