@@ -160,7 +160,7 @@ private:
 };
 
 // How much an EntryWriter gathers before it hands the lines to the stream.
-constexpr std::size_t kWriteChunk = 128 * 1024;
+constexpr std::size_t kWriteChunk = 64 * 1024;
 
 // Writes entries to the temporary file of a transaction.  The lines are gathered and handed to
 // the stream in pieces of about kWriteChunk bytes: a piece larger than the stream's buffer
@@ -175,6 +175,7 @@ class EntryWriter {
 public:
     EntryWriter(FILE* target, const std::string& writeFailure) : m_target(target), m_writeFailure(writeFailure) {
         if (m_target == nullptr) raiseErrno<UMSystemErrorException>(EBADF, UMSystemError::FileContents, writeFailure);
+        m_pending.reserve(kWriteChunk + 4096);
     }
     EntryWriter(const EntryWriter&) = delete;
     EntryWriter& operator=(const EntryWriter&) = delete;

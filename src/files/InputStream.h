@@ -22,7 +22,7 @@
 
 namespace usermanagement::detail {
 
-constexpr std::size_t kInputChunk = 64 * 1024;
+constexpr std::size_t kInputChunk = 32 * 1024;
 
 // A read-only stream on the open descriptor `fd`, from its current offset; `fd` belongs to the
 // call in every case.  Without memory for the chunk buffer, a regular stream on `fd`.  Null with
