@@ -44,6 +44,7 @@
 #include <limits.h>
 #include <pwd.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,8 +53,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -253,12 +256,22 @@ std::string takeLines(const std::string& text, const std::vector<std::string>& n
     return kept;
 }
 
+// Whether /etc is the sandbox's overlay (mounted by tools/sandbox/tvc-sandbox as "tvc-sandbox"),
+// which only exists in the sandbox's own mount namespace: the host's /etc is never written.
+bool etcIsSandboxOverlay() {
+    std::ifstream mounts("/proc/self/mounts");
+    for (std::string source, target, type, rest; mounts >> source >> target >> type && std::getline(mounts, rest);)
+        if (source == "tvc-sandbox" && target == "/etc" && type == "overlay") return true;
+    return false;
+}
+
 // The sample device's account files `names` (under /etc) as the sandbox wrote them.  Only ever
 // inside the sandbox: the benchmarks that rewrite /etc refuse to run anywhere else.
 std::vector<std::string> pristineFiles(const std::vector<std::string>& names) {
     const char* inside = std::getenv("TVC_SANDBOX");
     const char* pristine = std::getenv("TVC_SANDBOX_PRISTINE");
-    if (inside == nullptr || std::strcmp(inside, "1") != 0 || pristine == nullptr || *pristine == '\0')
+    if (inside == nullptr || std::strcmp(inside, "1") != 0 || pristine == nullptr || *pristine == '\0' ||
+        !etcIsSandboxOverlay())
         throw std::runtime_error("not inside the device sandbox: /etc is left alone");
     std::vector<std::string> files;
     for (const std::string& name : names) files.push_back(readWhole(std::string(pristine) + "/" + name));
@@ -646,6 +659,36 @@ void enterSandbox(char** argv) {
 
 }  // namespace
 
+// With TVC_BENCH_ETC_ON_DISK=1 the sandbox's /etc gets one more overlay, whose changes go to the
+// scratch directory: the fsyncs of the account operations, the library's and shadow-utils',
+// then reach the disk (as a device's reach its flash) rather than the sandbox's tmpfs.  Only
+// ever in the sandbox's own mount namespace, which takes the mount with it when it ends.
+class EtcOnDisk {
+public:
+    explicit EtcOnDisk(const std::string& scratchDir) : m_dir(scratchDir + "/etc") {
+        (void)pristineFiles({});
+        const std::string upper = m_dir + "/upper", work = m_dir + "/work";
+        for (const std::string& dir : {m_dir, upper, work})
+            if (mkdir(dir.c_str(), 0700) != 0) throw std::runtime_error("cannot create " + dir);
+        const std::string options = "lowerdir=/etc,upperdir=" + upper + ",workdir=" + work;
+        if (mount("tvc-bench", "/etc", "overlay", 0, options.c_str()) != 0) {
+            const int error = errno;
+            std::filesystem::remove_all(m_dir);
+            throw std::runtime_error("cannot put /etc on disk: " + std::string(std::strerror(error)));
+        }
+    }
+    ~EtcOnDisk() {
+        umount2("/etc", MNT_DETACH);
+        std::error_code ignored;
+        std::filesystem::remove_all(m_dir, ignored);
+    }
+    EtcOnDisk(const EtcOnDisk&) = delete;
+    EtcOnDisk& operator=(const EtcOnDisk&) = delete;
+
+private:
+    std::string m_dir;
+};
+
 int main(int argc, char** argv) {
     enterSandbox(argv);
     const char* base = std::getenv("TVC_BENCH_DIR");
@@ -668,7 +711,15 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         status = 2;
     } else {
-        benchmark::RunSpecifiedBenchmarks();
+        try {
+            const char* onDisk = std::getenv("TVC_BENCH_ETC_ON_DISK");
+            std::unique_ptr<EtcOnDisk> etc;
+            if (onDisk != nullptr && std::strcmp(onDisk, "1") == 0) etc = std::make_unique<EtcOnDisk>(dir);
+            benchmark::RunSpecifiedBenchmarks();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "tvc_bench: %s\n", e.what());
+            status = 1;
+        }
     }
     benchmark::Shutdown();
     for (const std::string& path : {scratch.passwd, scratch.passwdTmp, scratch.shadow, scratch.shadowTmp})
