@@ -14,7 +14,22 @@
 //   BM_UserUpdateState/N   User("admin") (lookup, profile, rights check) and updateState()
 //                          (rights check, tally, password-file lock, shadow entry).
 //
-// N is the number of generated accounts added to the sandbox's /etc/passwd, shadow and group:
+// The account operations against Debian's shadow-utils, on the same files (the sandbox's /etc
+// with N filler accounts behind the sample device's; real time, the tools being processes):
+//
+//   BM_CreateRemove/N          createUserWithEncryptedPassword + removeUser (no password rules).
+//   BM_UseraddUserdel/N        useradd -M -N -p HASH + userdel.
+//   BM_CreateRemovePlaintext/C/N  createUser with a plaintext password + removeUser; C is
+//                              skip_check or pam_check (the password rules through PAM first).
+//   BM_Reset/N                 updateAnyUserPassword (plaintext, crypt, tally reset).
+//   BM_ResetStoredHash/N       updateUserWithEncryptedPassword (hash given, tally reset).
+//   BM_ResetShadowEntry/N      the shadow transaction of a reset alone, hash given.
+//   BM_Chpasswd/V/N            chpasswd -c SHA512 or -e (V: sha512, encrypted), alone or
+//                              followed by the tally reset (_tally).
+//   BM_TallyReset              the failed-login count reset the library's resets run.
+//
+// For BM_CheckRight and BM_UserUpdateState, N is the number of generated accounts added to the
+// sandbox's /etc/passwd, shadow and group:
 // 0 is the sample device as the sandbox writes it; with more, admin's lines and the groups its
 // lookups ask for go behind the generated ones, so that every lookup reads the whole file.
 //
@@ -28,15 +43,20 @@
 #include <grp.h>
 #include <limits.h>
 #include <pwd.h>
+#include <spawn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -236,19 +256,35 @@ std::string takeLines(const std::string& text, const std::vector<std::string>& n
     return kept;
 }
 
+// Whether /etc is the sandbox's overlay (mounted by tools/sandbox/tvc-sandbox as "tvc-sandbox"),
+// which only exists in the sandbox's own mount namespace: the host's /etc is never written.
+bool etcIsSandboxOverlay() {
+    std::ifstream mounts("/proc/self/mounts");
+    for (std::string source, target, type, rest; mounts >> source >> target >> type && std::getline(mounts, rest);)
+        if (source == "tvc-sandbox" && target == "/etc" && type == "overlay") return true;
+    return false;
+}
+
+// The sample device's account files `names` (under /etc) as the sandbox wrote them.  Only ever
+// inside the sandbox: the benchmarks that rewrite /etc refuse to run anywhere else.
+std::vector<std::string> pristineFiles(const std::vector<std::string>& names) {
+    const char* inside = std::getenv("TVC_SANDBOX");
+    const char* pristine = std::getenv("TVC_SANDBOX_PRISTINE");
+    if (inside == nullptr || std::strcmp(inside, "1") != 0 || pristine == nullptr || *pristine == '\0' ||
+        !etcIsSandboxOverlay())
+        throw std::runtime_error("not inside the device sandbox: /etc is left alone");
+    std::vector<std::string> files;
+    for (const std::string& name : names) files.push_back(readWhole(std::string(pristine) + "/" + name));
+    return files;
+}
+
 // The sandbox's /etc/passwd, shadow and group with `extra` generated accounts (each with a
 // group of its own, uids and gids from 20000 on) for the lifetime of the object; the sample
 // device's files are put back afterwards, so the rewrite benchmarks always see those.  Only
 // ever inside the sandbox: /etc is then a throw-away overlay, never the host's.
 class DeviceFiles {
 public:
-    explicit DeviceFiles(long extra) {
-        const char* inside = std::getenv("TVC_SANDBOX");
-        const char* pristine = std::getenv("TVC_SANDBOX_PRISTINE");
-        if (inside == nullptr || std::strcmp(inside, "1") != 0 || pristine == nullptr || *pristine == '\0')
-            throw std::runtime_error("not inside the device sandbox: /etc is left alone");
-        for (const char* name : {"passwd", "shadow", "group"})
-            m_pristine.push_back(readWhole(std::string(pristine) + "/" + name));
+    explicit DeviceFiles(long extra) : m_pristine(pristineFiles({"passwd", "shadow", "group"})) {
         std::string passwd, shadow, group;
         for (long i = 0; i < extra; ++i) {
             char name[32];
@@ -384,6 +420,224 @@ BENCHMARK_CAPTURE(BM_CheckRight, admin, "admin")->Arg(0)->Arg(10000)->Unit(bench
 BENCHMARK_CAPTURE(BM_CheckRight, root, "root")->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_UserUpdateState)->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
+// ---- Account operations against shadow-utils ---------------------------------------------
+
+// The library's operations and Debian's shadow-utils on the same files: the sandbox's /etc
+// with `fillers` generated accounts behind the sample device's (uids from 100000 on, outside
+// the library's managed range and outside useradd's range, so that neither side's uid search
+// walks them), in passwd and shadow only.  The tools run as separate processes, as a device's
+// scripts would run them.
+//
+// The sample device's configuration, which leaves five managed uids free (10005-10009): the
+// benchmarks create one account at a time and remove it again.
+tvc::sample::SampleDefinition lifeCycle;
+
+const char* const kNewAccount = "benchnew";
+// viewers: a profile of the catalogue.
+constexpr int kNewProfile = 2;
+// The account whose password the resets set: a sample account near the top of the files.
+const char* const kResetAccount = "viewer";
+// Passes the sample device's password rules (pam_pwquality, minlen=8, cracklib).
+const char* const kNewPassword = "Bench#Passw0rd-26";
+const char* const kUseradd = "/usr/sbin/useradd";
+const char* const kUserdel = "/usr/sbin/userdel";
+const char* const kChpasswd = "/usr/sbin/chpasswd";
+
+// The sandbox's account files with `fillers` generated accounts for the lifetime of the object;
+// afterwards every file the library or shadow-utils rewrite is the sample device's again.
+class FilledDevice {
+public:
+    explicit FilledDevice(long fillers) : m_pristine(pristineFiles(kFiles)) {
+        std::string passwd = m_pristine[0], shadow = m_pristine[1];
+        for (long i = 0; i < fillers; ++i) {
+            char name[32];
+            std::snprintf(name, sizeof name, "fill%06ld", i);
+            passwd += std::string(name) + ":x:" + std::to_string(100000 + i) +
+                      ":100:Filler account:/nonexistent:/usr/sbin/nologin\n";
+            shadow += std::string(name) + ":" + kHash + ":20454:0:99999:7:::\n";
+        }
+        writeWhole("/etc/passwd", passwd);
+        writeWhole("/etc/shadow", shadow);
+    }
+    ~FilledDevice() {
+        for (std::size_t i = 0; i < std::size(kFiles); ++i) writeWhole(std::string("/etc/") + kFiles[i], m_pristine[i]);
+        // shadow-utils' backups of the grown files.
+        for (const char* backup : {"/etc/passwd-", "/etc/shadow-", "/etc/group-", "/etc/gshadow-"}) unlink(backup);
+    }
+    FilledDevice(const FilledDevice&) = delete;
+    FilledDevice& operator=(const FilledDevice&) = delete;
+
+private:
+    static inline const std::vector<std::string> kFiles = {"passwd", "shadow", "group", "gshadow"};
+    std::vector<std::string> m_pristine;
+};
+
+// Runs the program `argv[0]` as a child process with `input` on its standard input and its
+// output discarded, and waits for it.  Throws when it cannot be run or does not exit with 0.
+void runTool(std::vector<const char*> argv, const std::string& input = std::string()) {
+    int in[2];
+    if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char**>(argv.data()), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    // The tools read their input whole before they act; it fits into the pipe.
+    const bool fed =
+        spawned != 0 || input.empty() || write(in[1], input.data(), input.size()) == static_cast<ssize_t>(input.size());
+    close(in[1]);
+    int status = 0;
+    if (spawned != 0) throw std::runtime_error(std::string("cannot run ") + argv[0] + ": " + std::strerror(spawned));
+    if (waitpid(pid, &status, 0) != pid || !fed || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error(std::string(argv[0]) + " failed (status " + std::to_string(status) + ")");
+}
+
+// createUserWithEncryptedPassword + removeUser: the password rules are skipped, as useradd -p
+// skips them.
+void BM_CreateRemove(benchmark::State& state) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(lifeCycle);
+        const FilledDevice files(state.range(0));
+        const bool skipCheck = true;
+        for (auto _ : state) {
+            User created =
+                User::createUserWithEncryptedPassword(kNewAccount, kHash, kNewProfile, true, false, &skipCheck);
+            created.removeUser();
+        }
+    });
+}
+
+void BM_UseraddUserdel(benchmark::State& state) {
+    guarded(state, [&] {
+        const FilledDevice files(state.range(0));
+        for (auto _ : state) {
+            runTool({kUseradd, "-M", "-N", "-p", kHash, kNewAccount});
+            runTool({kUserdel, kNewAccount});
+        }
+    });
+}
+
+// createUser with a plaintext password (SHA-512 crypt) + removeUser; `check`: the password is
+// first judged by the PAM service of the password rules (testpwd: pam_pwquality).
+void BM_CreateRemovePlaintext(benchmark::State& state, bool check) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(lifeCycle);
+        const FilledDevice files(state.range(0));
+        const bool skipCheck = true;
+        for (auto _ : state) {
+            User created =
+                User::createUser(kNewAccount, kNewPassword, kNewProfile, true, false, check ? nullptr : &skipCheck);
+            created.removeUser();
+        }
+    });
+}
+
+// A manager's reset: the plaintext is hashed (SHA-512 crypt), the shadow file rewritten and the
+// failed-login count reset with pam_tally2.
+void BM_Reset(benchmark::State& state) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(lifeCycle);
+        const FilledDevice files(state.range(0));
+        User account(kResetAccount);
+        for (auto _ : state) account.updateAnyUserPassword(kResetAccount, kNewPassword, false, "", false);
+    });
+}
+
+// The same with a ready-made hash, the library's way of storing one: updateUser with the hash
+// (rights of an account update, both files rewritten, the count reset), no crypt.
+void BM_ResetStoredHash(benchmark::State& state) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(lifeCycle);
+        const FilledDevice files(state.range(0));
+        User account(kResetAccount);
+        const std::string hash = kHash;
+        const bool mustChange = false, skipCheck = true;
+        for (auto _ : state)
+            account.updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &hash, &mustChange, &skipCheck);
+    });
+}
+
+// The shadow file's part of a reset alone, with the hash given: one transaction under the lock
+// with updateEntryInShadowFile, what chpasswd -e does to the files.  No rights check, no
+// lookup, no crypt, no tally reset.
+void BM_ResetShadowEntry(benchmark::State& state) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(lifeCycle);
+        const FilledDevice files(state.range(0));
+        const std::string hash = kHash;
+        const bool mustChange = false;
+        for (auto _ : state) {
+            LookUpdateShadow record;
+            FileSystemUpdate shadow(lifeCycle.getShadowFilePath(), lifeCycle.getShadowTmpFilePath(), true);
+            shadow.prepareSystemFiles();
+            updateEntryInShadowFile(shadow, kResetAccount, nullptr, &hash, PasswordType{true}, nullptr, &mustChange,
+                                    record);
+            shadow.finalyzeSystemFiles();
+        }
+    });
+}
+
+// The failed-login count reset as the library's resets run it: the shell with pam_tally2
+// (ScriptLauncher, User::unLock).  shadow-utils has no such count: a device that resets a
+// password with chpasswd and wants a locked account usable again runs this as well.
+const std::string kTallyReset = "pam_tally2 -f \"/var/log/tallylog\" -r -u \"" + std::string(kResetAccount) + "\"";
+
+void BM_TallyReset(benchmark::State& state) {
+    guarded(state, [&] {
+        for (auto _ : state) runTool({"/bin/sh", "-c", kTallyReset.c_str()});
+    });
+}
+
+// chpasswd with the hash given (-e) or hashing the plaintext itself with SHA-512 crypt
+// (-c SHA512, the same 5000 rounds as cryptPwd); `tallyReset`: followed by the count reset, so
+// that the account ends as after the library's reset.
+void BM_Chpasswd(benchmark::State& state, bool encrypted, bool tallyReset) {
+    guarded(state, [&] {
+        const FilledDevice files(state.range(0));
+        const std::string line = std::string(kResetAccount) + ":" + (encrypted ? kHash : kNewPassword) + "\n";
+        for (auto _ : state) {
+            if (encrypted)
+                runTool({kChpasswd, "-e"}, line);
+            else
+                runTool({kChpasswd, "-c", "SHA512"}, line);
+            if (tallyReset) runTool({"/bin/sh", "-c", kTallyReset.c_str()});
+        }
+    });
+}
+
+// The sizes of the comparison; a shadow-utils operation on 100 000 accounts takes over a second,
+// so that size runs a fixed small number of iterations.
+void overAccountSizes(benchmark::internal::Benchmark* bench) {
+    bench->Arg(10)->Arg(1000)->Arg(10000)->MinTime(0.5)->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+void overLargeAccountFiles(benchmark::internal::Benchmark* bench) {
+    bench->Arg(100000)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+// Each comparison over all sizes; the operation as the family name, its variant as argument.
+#define TVC_COMPARE(...)                             \
+    BENCHMARK(__VA_ARGS__)->Apply(overAccountSizes); \
+    BENCHMARK(__VA_ARGS__)->Apply(overLargeAccountFiles)
+#define TVC_COMPARE_CAPTURE(...)                             \
+    BENCHMARK_CAPTURE(__VA_ARGS__)->Apply(overAccountSizes); \
+    BENCHMARK_CAPTURE(__VA_ARGS__)->Apply(overLargeAccountFiles)
+TVC_COMPARE(BM_CreateRemove);
+TVC_COMPARE(BM_UseraddUserdel);
+TVC_COMPARE_CAPTURE(BM_CreateRemovePlaintext, skip_check, false);
+TVC_COMPARE_CAPTURE(BM_CreateRemovePlaintext, pam_check, true);
+TVC_COMPARE(BM_Reset);
+TVC_COMPARE(BM_ResetStoredHash);
+TVC_COMPARE(BM_ResetShadowEntry);
+TVC_COMPARE_CAPTURE(BM_Chpasswd, sha512, false, false);
+TVC_COMPARE_CAPTURE(BM_Chpasswd, sha512_tally, false, true);
+TVC_COMPARE_CAPTURE(BM_Chpasswd, encrypted, true, false);
+TVC_COMPARE_CAPTURE(BM_Chpasswd, encrypted_tally, true, true);
+BENCHMARK(BM_TallyReset)->MinTime(0.5)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // Outside the sandbox: run again inside it (fails with the sandbox's message when it cannot
 // be built; the lock file of the host is never touched).
 void enterSandbox(char** argv) {
@@ -404,6 +658,36 @@ void enterSandbox(char** argv) {
 }
 
 }  // namespace
+
+// With TVC_BENCH_ETC_ON_DISK=1 the sandbox's /etc gets one more overlay, whose changes go to the
+// scratch directory: the fsyncs of the account operations, the library's and shadow-utils',
+// then reach the disk (as a device's reach its flash) rather than the sandbox's tmpfs.  Only
+// ever in the sandbox's own mount namespace, which takes the mount with it when it ends.
+class EtcOnDisk {
+public:
+    explicit EtcOnDisk(const std::string& scratchDir) : m_dir(scratchDir + "/etc") {
+        (void)pristineFiles({});
+        const std::string upper = m_dir + "/upper", work = m_dir + "/work";
+        for (const std::string& dir : {m_dir, upper, work})
+            if (mkdir(dir.c_str(), 0700) != 0) throw std::runtime_error("cannot create " + dir);
+        const std::string options = "lowerdir=/etc,upperdir=" + upper + ",workdir=" + work;
+        if (mount("tvc-bench", "/etc", "overlay", 0, options.c_str()) != 0) {
+            const int error = errno;
+            std::filesystem::remove_all(m_dir);
+            throw std::runtime_error("cannot put /etc on disk: " + std::string(std::strerror(error)));
+        }
+    }
+    ~EtcOnDisk() {
+        umount2("/etc", MNT_DETACH);
+        std::error_code ignored;
+        std::filesystem::remove_all(m_dir, ignored);
+    }
+    EtcOnDisk(const EtcOnDisk&) = delete;
+    EtcOnDisk& operator=(const EtcOnDisk&) = delete;
+
+private:
+    std::string m_dir;
+};
 
 int main(int argc, char** argv) {
     enterSandbox(argv);
@@ -427,7 +711,15 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         status = 2;
     } else {
-        benchmark::RunSpecifiedBenchmarks();
+        try {
+            const char* onDisk = std::getenv("TVC_BENCH_ETC_ON_DISK");
+            std::unique_ptr<EtcOnDisk> etc;
+            if (onDisk != nullptr && std::strcmp(onDisk, "1") == 0) etc = std::make_unique<EtcOnDisk>(dir);
+            benchmark::RunSpecifiedBenchmarks();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "tvc_bench: %s\n", e.what());
+            status = 1;
+        }
     }
     benchmark::Shutdown();
     for (const std::string& path : {scratch.passwd, scratch.passwdTmp, scratch.shadow, scratch.shadowTmp})

@@ -79,11 +79,14 @@ public:
     std::string m_tmpFilePath;
     // Empty when the object has no reference copy.
     std::string m_origFilePath;
-    // Live file, "r"; null before prepareSystemFiles() and after it was closed.
+    // Live file, read-only; null before prepareSystemFiles() and after it was closed.  A stream
+    // of the library's own that reads the file in large chunks: it reads, reports read errors
+    // and repositions as one from fopen, but has no descriptor (fileno() is -1).
     FILE* m_file;
     // Temporary file, "w"; null before prepareSystemFiles() and after it was closed.
     FILE* m_tmpFile;
-    // Reference copy, "r"; null unless m_origFilePath is set and the file is open.
+    // Reference copy, read-only, a stream like m_file; null unless m_origFilePath is set and the
+    // file is open.
     FILE* m_origFile;
     // The object took the password-file lock and releases it on destruction.
     bool m_lock;

@@ -17,6 +17,10 @@
 // parser; a non-blank line that does not parse as one whole entry stops the rewrite
 // (UMSystemErrorException 10 naming the file and the line) before anything is installed.
 // Blank lines carry nothing and are the only lines a rewrite leaves out.
+//
+// Plain lines and entries, nearly all of them, are parsed and written by EntryLines.h, which
+// gives the same fields and bytes as the C library without a stream per line; the kept lines
+// are gathered and handed to the temporary file in large pieces (EntryWriter).
 #pragma once
 
 #include <pwd.h>
@@ -32,6 +36,7 @@
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/UMException.h>
 
+#include "files/EntryLines.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement::detail {
@@ -43,8 +48,10 @@ struct PasswdFile {
     static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
         return fgetpwent_r(line, &entry, buffer, size, result);
     }
+    static bool parsePlain(char* line, std::size_t size, Entry& entry) { return parsePlainPasswd(line, size, entry); }
     // Refuses (EINVAL, nothing written) a name holding ':' or a newline.
     static int write(const Entry& entry, FILE* file) { return putpwent(&entry, file); }
+    static bool appendPlain(std::string& out, const Entry& entry) { return appendPlainPasswd(out, entry); }
 };
 
 struct ShadowFile {
@@ -52,9 +59,11 @@ struct ShadowFile {
     static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
         return fgetspent_r(line, &entry, buffer, size, result);
     }
+    static bool parsePlain(char* line, std::size_t size, Entry& entry) { return parsePlainShadow(line, size, entry); }
     // Writes -1 fields empty; refuses (EINVAL, nothing written) a name or password field
     // holding ':' or a newline.
     static int write(const Entry& entry, FILE* file) { return putspent(&entry, file); }
+    static bool appendPlain(std::string& out, const Entry& entry) { return appendPlainShadow(out, entry); }
 };
 
 // Longest entry line accepted; a longer one is reported as a read failure rather than
@@ -89,6 +98,8 @@ public:
             const std::size_t size = static_cast<std::size_t>(length);
             if (size > kMaxEntryLine) readFailure(EFBIG);
             if (isBlank(m_line, size)) continue;
+            // A plain line holds no control character, so no NUL byte either.
+            if (File::parsePlain(m_line, size, m_entry)) return &m_entry;
             // A NUL byte would hide the rest of the line from the parser.
             if (std::memchr(m_line, '\0', size) != nullptr) refuseLine();
             return parseLine(size);
@@ -148,12 +159,60 @@ private:
     typename File::Entry m_entry{};
 };
 
+// How much an EntryWriter gathers before it hands the lines to the stream.
+constexpr std::size_t kWriteChunk = 64 * 1024;
+
+// Writes entries to the temporary file of a transaction.  The lines are gathered and handed to
+// the stream in pieces of about kWriteChunk bytes: a piece larger than the stream's buffer
+// goes to the file in one write system call rather than one per buffer.  Every failure throws
+// UMSystemErrorException 10 with `writeFailure` and the reason; lines still gathered when the
+// writer goes without flush() are dropped (the transaction is failing then).
+//
+// So a full disk shows where it showed before: a file larger than the stream's buffer meets it
+// while its entries are written, a smaller one in the flush before installation.
+template <class File>
+class EntryWriter {
+public:
+    EntryWriter(FILE* target, const std::string& writeFailure) : m_target(target), m_writeFailure(writeFailure) {
+        if (m_target == nullptr) raiseErrno<UMSystemErrorException>(EBADF, UMSystemError::FileContents, writeFailure);
+        m_pending.reserve(kWriteChunk + 4096);
+    }
+    EntryWriter(const EntryWriter&) = delete;
+    EntryWriter& operator=(const EntryWriter&) = delete;
+
+    void write(const typename File::Entry& entry) {
+        if (!File::appendPlain(m_pending, entry)) {
+            // The C library's writer decides what such an entry becomes, after what came before.
+            flush();
+            if (File::write(entry, m_target) != 0) fail(errno);
+        }
+        if (m_pending.size() >= kWriteChunk) flush();
+    }
+
+    // Hands what is gathered to the stream (which may keep up to a buffer of it).
+    void flush() {
+        if (m_pending.empty()) return;
+        errno = 0;
+        const std::size_t written = std::fwrite(m_pending.data(), 1, m_pending.size(), m_target);
+        if (written != m_pending.size()) fail(errno != 0 ? errno : EIO);
+        m_pending.clear();
+    }
+
+private:
+    [[noreturn]] void fail(int error) const {
+        raiseErrno<UMSystemErrorException>(error, UMSystemError::FileContents, m_writeFailure);
+    }
+
+    FILE* m_target;
+    const std::string& m_writeFailure;
+    std::string m_pending;
+};
+
 template <class File>
 void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entry, const std::string& writeFailure) {
-    if (transaction.m_tmpFile == nullptr)
-        raiseErrno<UMSystemErrorException>(EBADF, UMSystemError::FileContents, writeFailure);
-    if (File::write(entry, transaction.m_tmpFile) != 0)
-        raiseErrno<UMSystemErrorException>(errno, UMSystemError::FileContents, writeFailure);
+    EntryWriter<File> writer(transaction.m_tmpFile, writeFailure);
+    writer.write(entry);
+    writer.flush();
 }
 
 // `function` names the caller in the message of a read failure: function + " error in
@@ -162,8 +221,10 @@ template <class File, class Decide>
 void copyEntries(FileSystemUpdate& transaction, Decide&& decide, const char* function,
                  const std::string& writeFailure) {
     EntryReader<File> reader(transaction.m_file, transaction.m_filePath, function);
+    EntryWriter<File> writer(transaction.m_tmpFile, writeFailure);
     while (typename File::Entry* entry = reader.next())
-        if (decide(*entry) == EntryAction::Write) appendEntry<File>(transaction, *entry, writeFailure);
+        if (decide(*entry) == EntryAction::Write) writer.write(*entry);
+    writer.flush();
 }
 
 }  // namespace usermanagement::detail

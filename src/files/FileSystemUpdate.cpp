@@ -26,6 +26,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "files/InputStream.h"
 #include "files/PasswordFileLock.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
@@ -116,6 +117,16 @@ void syncParentDirectory(const std::string& path) {
 // A regular file created by this call alone: never a leftover, never through a link.
 int createExclusively(const std::string& path) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+// A file the transaction reads (the live file, the reference copy), as a stream that reads it in
+// large chunks (InputStream.h).  `status` receives the file's status (`statError` the errno of a
+// failed fstat).  Null with errno when the file cannot be opened.
+FILE* openInput(const std::string& path, struct stat* status, int* statError) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    if (status != nullptr) *statError = fstat(fd, status) == 0 ? 0 : errno;
+    return detail::openInputStream(fd);
 }
 
 // Steps before installing: close the inputs; flush, sync and close the temporary file.
@@ -280,20 +291,21 @@ void FileSystemUpdate::prepareSystemFiles() {
     }
     if (m_tmpFile == nullptr) failTransaction(errno, "fopen ", m_tmpFilePath, " prepareSystemFiles");
 
-    m_file = std::fopen(m_filePath.c_str(), "re");
+    // fstat of the opened file: for a live file that is a link, the file it leads to.
+    struct stat live {};
+    int liveStatError = 0;
+    m_file = openInput(m_filePath, &live, &liveStatError);
     if (m_file == nullptr) failTransaction(errno, "fopen ", m_filePath, " prepareSystemFiles");
 
     if (!m_origFilePath.empty()) {
-        m_origFile = std::fopen(m_origFilePath.c_str(), "re");
+        m_origFile = openInput(m_origFilePath, nullptr, nullptr);
         if (m_origFile == nullptr) failTransaction(errno, "fopen ", m_origFilePath, " prepareSystemFiles");
     }
 
     // Without root the update command installs the file and decides its owner and mode.
     if (!UserDefinition::GetUserDefinition().hasRootProfile()) return;
 
-    // fstat of the open stream: for a live file that is a link, the file it leads to.
-    struct stat live {};
-    if (fstat(fileno(m_file), &live) != 0) failTransaction(errno, "fstat ", m_filePath, " prepareSystemFiles");
+    if (liveStatError != 0) failTransaction(liveStatError, "fstat ", m_filePath, " prepareSystemFiles");
     if (fchown(tmp, live.st_uid, live.st_gid) != 0)
         failTransaction(errno, "fchown st_uid ", m_tmpFilePath, " prepareSystemFiles");
     if (fchmod(tmp, live.st_mode & 07777) != 0)

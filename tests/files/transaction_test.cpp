@@ -10,6 +10,7 @@
 #include <ctime>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "FilesTestSupport.h"
 
@@ -36,6 +37,63 @@ TEST_F(Transaction, LockIsTakenOnceAndOnlyItsHolderReleasesIt) {
         EXPECT_FALSE(lockIsFree());
     }
     EXPECT_TRUE(lockIsFree());
+}
+
+// The live file's stream is read in large chunks; to whoever reads it (the C library's reentrant
+// reader, which asks for the position at every entry and goes back on a short buffer) it is a
+// regular stream, positions and repositioning included.
+TEST_F(Transaction, TheLiveFileReadsAndSeeksAsARegularStream) {
+    std::string text = readFile("/etc/passwd");
+    for (int i = 0; i < 3000; ++i)  // about 200 KB: several chunks
+        text += "filler" + std::to_string(i) + ":x:" + std::to_string(30000 + i) +
+                ":100:" + std::string(i % 7 == 0 ? 300 : 10, 'g') + ":/nonexistent:/bin/false\n";
+    writeFile("/etc/passwd", text);
+    std::vector<std::size_t> starts;  // offset of every line
+    for (std::size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) starts.push_back(at);
+
+    FileSystemUpdate transaction("/etc/passwd", "/etc/tmppassd", false);
+    transaction.prepareSystemFiles();
+    FILE* live = transaction.m_file;
+    // Entry by entry with a buffer too small for the long lines: the reader goes back and the
+    // caller retries with more room.
+    std::vector<char> buffer(64);
+    std::size_t line = 0;
+    for (;;) {
+        ASSERT_EQ(ftello(live), static_cast<off_t>(line < starts.size() ? starts[line] : text.size()));
+        struct passwd entry {};
+        struct passwd* result = nullptr;
+        const int status = fgetpwent_r(live, &entry, buffer.data(), buffer.size(), &result);
+        if (status == ERANGE) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (status == ENOENT) break;
+        ASSERT_EQ(status, 0);
+        EXPECT_EQ(text.compare(starts[line], std::strlen(entry.pw_name) + 1, std::string(entry.pw_name) + ":"), 0)
+            << entry.pw_name;
+        ++line;
+    }
+    EXPECT_EQ(line, starts.size());
+
+    // Back and forth across chunks, and from the end.
+    char* read = nullptr;
+    std::size_t capacity = 0;
+    const std::shared_ptr<void> release(nullptr, [&](void*) { std::free(read); });
+    for (const std::size_t index :
+         {starts.size() / 2, std::size_t{3}, starts.size() - 1, std::size_t{0}, std::size_t{4}}) {
+        ASSERT_EQ(fseeko(live, static_cast<off_t>(starts[index]), SEEK_SET), 0);
+        const ssize_t length = getline(&read, &capacity, live);
+        ASSERT_GT(length, 0);
+        EXPECT_EQ(std::string(read, static_cast<std::size_t>(length)),
+                  text.substr(starts[index], text.find('\n', starts[index]) + 1 - starts[index]));
+    }
+    ASSERT_EQ(fseeko(live, -10, SEEK_END), 0);
+    EXPECT_EQ(ftello(live), static_cast<off_t>(text.size() - 10));
+    ASSERT_EQ(getline(&read, &capacity, live), 10);
+    EXPECT_EQ(std::string(read, 10), text.substr(text.size() - 10));
+    rewind(live);
+    ASSERT_GT(getline(&read, &capacity, live), 0);
+    EXPECT_EQ(std::string(read), text.substr(0, starts[1]));
 }
 
 // Two files installed as the account layer does: passwd first, put back when shadow fails.  A
@@ -169,6 +227,20 @@ TEST_F(Reliability, FullDiskLeavesEverythingAsItWasWhereverTheWriteFails) {
     }
 }
 
+// files_fault_driver ARGS with the libfiu failure point `enable` ("enable name=POINT[,...]").
+Result runWithFault(const std::string& enable, const std::string& args) {
+#ifdef TVC_ASAN_RUNTIME
+    // The sanitizer runtime must come before fiu's preload libraries, which fiu-run puts first;
+    // fiu's preload keeps its parsed command line to the end, a leak to ASan.
+    const std::string fiu = TVC_FIU_PRELOAD_DIR;
+    return run("umask 022; FIU_ENABLE='" + enable + "' FIU_CTRL_FIFO= LD_PRELOAD='" TVC_ASAN_RUNTIME " " + fiu +
+               "/fiu_run_preload.so " + fiu + "/fiu_posix_preload.so' ASAN_OPTIONS=detect_leaks=0 " + kDriver + " " +
+               args);
+#else
+    return run("umask 022; " TVC_FIU_RUN " -x -f '' -c '" + enable + "' " + kDriver + " " + args);
+#endif
+}
+
 TEST_F(Reliability, InjectedSystemCallFailuresLeaveEverythingAsItWas) {
     if (std::string(TVC_FIU_RUN).empty()) GTEST_SKIP() << "fiu-run (package fiu-utils) not installed";
     writeFile("/etc/victim", "precious\n");
@@ -181,23 +253,13 @@ TEST_F(Reliability, InjectedSystemCallFailuresLeaveEverythingAsItWas) {
         {"posix/io/sync/fsync", "error 13 fflush or fsync error of:/etc/tmppassd\n"},
         {"posix/io/dir/rename", "error 13 rename error of:/etc/tmppassd to /etc/passwd "},
         {"posix/io/dir/unlink", "error 13 fopen /etc/tmppassd prepareSystemFiles\n"},
+        // The live file cannot be read (EIO): the entry function that reads it says so.
+        {"posix/io/rw/read,failinfo=5", "error 10 addEntryInPasswordFile error in reading /etc/passwd\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.point);
         ASSERT_EQ(symlink("/etc/victim", "/etc/tmppassd"), 0);
-        const std::string enable = std::string("enable name=") + c.point;
-#ifdef TVC_ASAN_RUNTIME
-        // The sanitizer runtime must come before fiu's preload libraries, which fiu-run puts first;
-        // fiu's preload keeps its parsed command line to the end, a leak to ASan.
-        const std::string fiu = TVC_FIU_PRELOAD_DIR;
-        const Result result =
-            run("umask 022; FIU_ENABLE='" + enable + "' FIU_CTRL_FIFO= LD_PRELOAD='" TVC_ASAN_RUNTIME " " + fiu +
-                "/fiu_run_preload.so " + fiu + "/fiu_posix_preload.so' ASAN_OPTIONS=detect_leaks=0 " + kDriver +
-                " add injected");
-#else
-        const Result result =
-            run("umask 022; " TVC_FIU_RUN " -x -f '' -c '" + enable + "' " + kDriver + " add injected");
-#endif
+        const Result result = runWithFault(std::string("enable name=") + c.point, "add injected");
         EXPECT_EQ(result.status, 1) << result.output;
         EXPECT_EQ(result.output.rfind(c.expected, 0), 0u) << result.output;
         // The creation mask is never touched: other threads of a host create files meanwhile.
@@ -205,6 +267,25 @@ TEST_F(Reliability, InjectedSystemCallFailuresLeaveEverythingAsItWas) {
         unlink("/etc/tmppassd");
         snapshot.expectUnchanged();
     }
+}
+
+// Reads that return less than asked for, as any read may: the rewrite keeps every line.
+TEST_F(Reliability, ShortReadsLoseNothing) {
+    if (std::string(TVC_FIU_RUN).empty()) GTEST_SKIP() << "fiu-run (package fiu-utils) not installed";
+    std::string filler;
+    for (int i = 0; i < 2000; ++i)  // several read chunks
+        filler += "filler" + std::to_string(i) + ":x:" + std::to_string(30000 + i) + ":100::/nonexistent:/bin/false\n";
+    addLines("/etc/passwd", filler);
+    const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
+    ASSERT_EQ(run(kDriver + " add whole").status, 0);
+    const std::string expectedPasswd = readFile("/etc/passwd"), expectedShadow = readFile("/etc/shadow");
+    writeFile("/etc/passwd", passwd);
+    writeFile("/etc/shadow", shadow);
+
+    const Result result = runWithFault("enable name=posix/io/rw/read/reduce", "add whole");
+    EXPECT_EQ(result.output.rfind("ok\n", 0), 0u) << result.output;
+    EXPECT_EQ(readFile("/etc/passwd"), expectedPasswd);
+    EXPECT_EQ(readFile("/etc/shadow"), expectedShadow);
 }
 
 // A writer killed between its two installs leaves a stale shadow entry and temporary file: neither

@@ -1,0 +1,215 @@
+// Reading and writing the common entry lines without the C library's stream machinery.
+//
+// A rewrite reads and writes every line of a file; the C library's reentrant readers and its
+// putpwent/putspent cost a stream and a formatted print per entry.  Nearly every line of an
+// account file is plain: the right number of fields, numbers written as plain decimals, no
+// blanks or control characters where a reader might treat them specially.  Such a line is
+// parsed and written here directly; any other line or entry takes the C library's way
+// (EntryCopy.h), which stays the judge of what is an entry:
+//
+//   - parsePlain* accept only lines that the C library's parser reads into exactly the same
+//     fields, and leave every other line untouched (false) for it to decide;
+//   - appendPlain* write exactly the bytes that putpwent/putspent would write, and decline
+//     (false, nothing appended) the entries those functions refuse or rewrite.
+//
+// tests/files/lines_test.cpp holds both sides against the C library.
+#pragma once
+
+#include <pwd.h>
+#include <shadow.h>
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+namespace usermanagement::detail {
+
+// A line of `colons` + 1 fields, located but not yet split.
+template <std::size_t colons>
+struct PlainLine {
+    char* line = nullptr;
+    std::size_t end = 0;  // length without the newline
+    std::size_t colon[colons] = {};
+
+    const char* begin(std::size_t field) const { return field == 0 ? line : line + colon[field - 1] + 1; }
+    const char* finish(std::size_t field) const { return field == colons ? line + end : line + colon[field]; }
+    // Field i as a string of its own, once terminate() has run.
+    char* text(std::size_t field) const { return const_cast<char*>(begin(field)); }
+    // Splits the line in place: each ':' and the newline become NUL.
+    void terminate() const {
+        for (const std::size_t at : colon) line[at] = '\0';
+        // getline terminates the line, so line[end] is the newline or that terminator.
+        line[end] = '\0';
+    }
+};
+
+// Locates the fields of `line` (as getline gives it: `size` bytes, the newline included if
+// any, then a NUL).  False when the line is not plain: an empty first field; a first byte
+// that readers treat specially ('+' and '-' for NIS references, '#' for comments, a blank); a
+// blank as last byte; a control character anywhere; another number of separators.
+template <std::size_t colons>
+bool findPlainFields(char* line, std::size_t size, PlainLine<colons>& fields) {
+    std::size_t end = size;
+    if (end > 0 && line[end - 1] == '\n') --end;
+    if (end == 0) return false;
+    const char first = line[0];
+    if (first == ':' || first == '+' || first == '-' || first == '#' || first == ' ' || line[end - 1] == ' ')
+        return false;
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < end; ++i) {
+        const unsigned char byte = static_cast<unsigned char>(line[i]);
+        if (byte < 0x20 || byte == 0x7f) return false;
+        if (byte == ':') {
+            if (found == colons) return false;
+            fields.colon[found++] = i;
+        }
+    }
+    if (found != colons) return false;
+    fields.line = line;
+    fields.end = end;
+    return true;
+}
+
+// A number written as plain decimal digits: 1 to 9 of them, no sign, no blank, no leading zero.
+// The bound keeps every such number far inside uid_t, gid_t and int, where readers agree.
+inline bool plainNumber(const char* begin, const char* end, unsigned long& value) {
+    const std::size_t digits = static_cast<std::size_t>(end - begin);
+    if (digits == 0 || digits > 9 || (begin[0] == '0' && digits > 1)) return false;
+    value = 0;
+    for (const char* c = begin; c != end; ++c) {
+        if (*c < '0' || *c > '9') return false;
+        value = value * 10 + static_cast<unsigned long>(*c - '0');
+    }
+    return true;
+}
+
+// A day count of the shadow file: an empty field is -1.
+inline bool plainDays(const char* begin, const char* end, long& value) {
+    if (begin == end) {
+        value = -1;
+        return true;
+    }
+    unsigned long number = 0;
+    if (!plainNumber(begin, end, number)) return false;
+    value = static_cast<long>(number);
+    return true;
+}
+
+// name:password:uid:gid:gecos:home:shell.  On success the entry points into `line`.
+inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry) {
+    PlainLine<6> fields;
+    unsigned long uid = 0, gid = 0;
+    if (!findPlainFields(line, size, fields) || !plainNumber(fields.begin(2), fields.finish(2), uid) ||
+        !plainNumber(fields.begin(3), fields.finish(3), gid))
+        return false;
+    fields.terminate();
+    entry.pw_name = fields.text(0);
+    entry.pw_passwd = fields.text(1);
+    entry.pw_uid = static_cast<uid_t>(uid);
+    entry.pw_gid = static_cast<gid_t>(gid);
+    entry.pw_gecos = fields.text(4);
+    entry.pw_dir = fields.text(5);
+    entry.pw_shell = fields.text(6);
+    return true;
+}
+
+// name:password:last change:minimum:maximum:warning:inactivity:expiration:flag, the day counts
+// empty or plain, the flag empty (the field is reserved; a line that uses it is left to the C
+// library).  On success the entry points into `line`.
+inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry) {
+    PlainLine<8> fields;
+    long days[6] = {};
+    if (!findPlainFields(line, size, fields) || fields.begin(8) != fields.finish(8)) return false;
+    for (std::size_t i = 0; i < 6; ++i)
+        if (!plainDays(fields.begin(i + 2), fields.finish(i + 2), days[i])) return false;
+    fields.terminate();
+    entry.sp_namp = fields.text(0);
+    entry.sp_pwdp = fields.text(1);
+    entry.sp_lstchg = days[0];
+    entry.sp_min = days[1];
+    entry.sp_max = days[2];
+    entry.sp_warn = days[3];
+    entry.sp_inact = days[4];
+    entry.sp_expire = days[5];
+    entry.sp_flag = ~0ul;
+    return true;
+}
+
+// Appends `text` as one field; false, nothing appended, when it holds a ':' or a newline, which
+// the C library's writers refuse or rewrite.
+inline bool appendField(std::string& out, const char* text) {
+    const std::size_t length = std::strcspn(text, ":\n");
+    if (text[length] != '\0') return false;
+    out.append(text, length);
+    return true;
+}
+
+inline void appendDecimal(std::string& out, unsigned long value) {
+    char digits[24];
+    char* at = digits + sizeof digits;
+    do {
+        *--at = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    out.append(at, static_cast<std::size_t>(digits + sizeof digits - at));
+}
+
+inline void appendSigned(std::string& out, long value) {
+    if (value < 0) {
+        out += '-';
+        appendDecimal(out, 0ul - static_cast<unsigned long>(value));
+    } else {
+        appendDecimal(out, static_cast<unsigned long>(value));
+    }
+}
+
+// The line putpwent writes for `entry`, when it writes it unchanged: every text field present
+// and without ':' or a newline, a name that does not start with '+' or '-' (which putpwent
+// writes without ids).  Otherwise false, `out` as it was.
+inline bool appendPlainPasswd(std::string& out, const struct passwd& entry) {
+    const std::size_t start = out.size();
+    const char* const name = entry.pw_name;
+    if (name == nullptr || name[0] == '+' || name[0] == '-' || entry.pw_passwd == nullptr ||
+        entry.pw_gecos == nullptr || entry.pw_dir == nullptr || entry.pw_shell == nullptr)
+        return false;
+    bool plain = appendField(out, name);
+    out += ':';
+    plain = plain && appendField(out, entry.pw_passwd);
+    out += ':';
+    appendDecimal(out, entry.pw_uid);
+    out += ':';
+    appendDecimal(out, entry.pw_gid);
+    out += ':';
+    plain = plain && appendField(out, entry.pw_gecos);
+    out += ':';
+    plain = plain && appendField(out, entry.pw_dir);
+    out += ':';
+    plain = plain && appendField(out, entry.pw_shell);
+    out += '\n';
+    if (!plain) out.resize(start);
+    return plain;
+}
+
+// The line putspent writes for `entry`, when it writes it: a name present, name and password
+// without ':' or a newline; day counts of -1 and a flag of ~0 empty.  Otherwise false, `out`
+// as it was.
+inline bool appendPlainShadow(std::string& out, const struct spwd& entry) {
+    const std::size_t start = out.size();
+    if (entry.sp_namp == nullptr) return false;
+    bool plain = appendField(out, entry.sp_namp);
+    out += ':';
+    plain = plain && (entry.sp_pwdp == nullptr || appendField(out, entry.sp_pwdp));
+    out += ':';
+    for (const long days :
+         {entry.sp_lstchg, entry.sp_min, entry.sp_max, entry.sp_warn, entry.sp_inact, entry.sp_expire}) {
+        if (days != -1) appendSigned(out, days);
+        out += ':';
+    }
+    // putspent prints the flag as a signed number.
+    if (entry.sp_flag != ~0ul) appendSigned(out, static_cast<long>(entry.sp_flag));
+    out += '\n';
+    if (!plain) out.resize(start);
+    return plain;
+}
+
+}  // namespace usermanagement::detail
