@@ -497,20 +497,25 @@ void runTool(std::vector<const char*> argv, const std::string& input = std::stri
         throw std::runtime_error(std::string(argv[0]) + " failed (status " + std::to_string(status) + ")");
 }
 
-// createUserWithEncryptedPassword + removeUser: the password rules are skipped, as useradd -p
-// skips them.
-void BM_CreateRemove(benchmark::State& state) {
+// createUser + removeUser.  `encrypted`: `password` is a ready-made hash stored as given;
+// otherwise plaintext, hashed with SHA-512 crypt.  `check`: the password is first judged by the
+// PAM service of the password rules (testpwd: pam_pwquality); useradd -p skips any such check.
+void createRemove(benchmark::State& state, const char* password, bool encrypted, bool check) {
     guarded(state, [&] {
         const ScopedDefinition scoped(lifeCycle);
         const FilledDevice files(state.range(0));
         const bool skipCheck = true;
         for (auto _ : state) {
-            User created =
-                User::createUserWithEncryptedPassword(kNewAccount, kHash, kNewProfile, true, false, &skipCheck);
+            User created = User::createUser(kNewAccount, password, encrypted, kNewProfile, true, false,
+                                            check ? nullptr : &skipCheck);
             created.removeUser();
         }
     });
 }
+
+void BM_CreateRemove(benchmark::State& state) { createRemove(state, kHash, true, false); }
+
+void BM_CreateRemovePlaintext(benchmark::State& state, bool check) { createRemove(state, kNewPassword, false, check); }
 
 void BM_UseraddUserdel(benchmark::State& state) {
     guarded(state, [&] {
@@ -518,21 +523,6 @@ void BM_UseraddUserdel(benchmark::State& state) {
         for (auto _ : state) {
             runTool({kUseradd, "-M", "-N", "-p", kHash, kNewAccount});
             runTool({kUserdel, kNewAccount});
-        }
-    });
-}
-
-// createUser with a plaintext password (SHA-512 crypt) + removeUser; `check`: the password is
-// first judged by the PAM service of the password rules (testpwd: pam_pwquality).
-void BM_CreateRemovePlaintext(benchmark::State& state, bool check) {
-    guarded(state, [&] {
-        const ScopedDefinition scoped(lifeCycle);
-        const FilledDevice files(state.range(0));
-        const bool skipCheck = true;
-        for (auto _ : state) {
-            User created =
-                User::createUser(kNewAccount, kNewPassword, kNewProfile, true, false, check ? nullptr : &skipCheck);
-            created.removeUser();
         }
     });
 }
