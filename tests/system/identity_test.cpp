@@ -280,6 +280,48 @@ TEST_F(IdentityTest, ActingAsAnAccountTakesExactlyItsIdentityUntilRestored) {
         }).join();
 }
 
+// Every account of the device at once, many threads each: a thread sees exactly the identity
+// it took alone (read back from the kernel), never another thread's, and its context names its
+// account.  While acting it cannot change the account files itself; the library's own
+// operations still can, through their own switch to root.
+TEST_F(IdentityTest, ManyThreadsActingAtOnceSeeOnlyTheirOwnIdentity) {
+    growOperatorsGroups();
+    std::vector<std::string> names, alone;
+    for (std::istringstream lines(tvc::test::readFile("/etc/passwd")); !lines.eof();) {
+        std::string line;
+        std::getline(lines, line);
+        if (!line.empty()) names.push_back(line.substr(0, line.find(':')));
+    }
+    for (const std::string& name : names)
+        std::thread([&] {
+            SystemPermission permission;
+            permission.setUserPermission(name);
+            alone.push_back(idsOf());
+        }).join();
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < 4 * names.size(); ++t)
+        threads.emplace_back([&, i = t % names.size()] {
+            const std::string before = idsOf();
+            for (int round = 0; round < 20; ++round) {
+                SystemPermission permission;
+                permission.setUserPermission(names[i]);
+                ASSERT_EQ(idsOf(), alone[i]) << names[i];
+                ASSERT_EQ(umlog::Ctx::getCtx().getUser().getUserName(), names[i]);
+                if (names[i] == "root" || round > 0) continue;
+                for (const char* file : {"/etc/shadow", "/etc/passwd", "/etc/.pwd.lock"})
+                    EXPECT_EQ(Descriptor(open(file, O_WRONLY | O_CLOEXEC)).get(), -1) << names[i] << " " << file;
+                {
+                    SystemPermission root;  // the library's own switch, from the acting thread
+                    root.setRealPermissions();
+                    EXPECT_NE(Descriptor(open("/etc/shadow", O_WRONLY | O_CLOEXEC)).get(), -1);
+                }
+                EXPECT_EQ(idsOf(), alone[i]);
+            }
+            EXPECT_EQ(idsOf(), before);
+        });
+    for (std::thread& thread : threads) thread.join();
+}
+
 TEST_F(IdentityTest, ActingAsAnAccountRefusesWhatItCannotBecome) {
     std::thread([] {
         becomeThread(0, 10001, 0, kOperatorGroups);
