@@ -10,12 +10,16 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <authnz/WebPam.h>
+#include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/Migration.h>
+#include <usermanagement/SystemPermission.h>
 
 #include "sampledevice/SampleDevice.h"
 #include "support/DeviceFixture.h"
@@ -64,6 +68,7 @@ TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     }
     EXPECT_EQ(names, expectedNames);
     EXPECT_EQ(readFile("/etc/group"), readFile("/etc/group.orig"));
+    EXPECT_EQ(catalogue.getProfiles(true).count(sampleDevice().profiles.at(3).id), 0u) << "maintainers";
     // The migration writes passwd, shadow and group; gshadow is not among its files.
     EXPECT_EQ(std::system("/usr/sbin/pwck -r >/dev/null 2>&1"), 0);
     EXPECT_EQ(std::system("/usr/sbin/grpck -r /etc/group >/dev/null 2>&1"), 0);
@@ -87,28 +92,57 @@ TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     }
 }
 
-// Kills a migration held at `step` (the driver prints "held <step>" there).
+// The migration as filesSystemMigration() runs it, in a child process that stops at `step`
+// (after the group file, after passwd and shadow, after half of the profiles), reports
+// "held <step>" and is killed there.
 void killMigrationAt(const std::string& step) {
+    using namespace usermanagement;
     int out[2];
     ASSERT_EQ(pipe(out), 0);
-    const pid_t driver = fork();
-    ASSERT_GE(driver, 0);
-    if (driver == 0) {
-        dup2(out[1], 1);
-        setenv("TVC_MIGRATION_HOLD", step.c_str(), 1);
-        execl(TVC_MIGRATION_DRIVER, TVC_MIGRATION_DRIVER, static_cast<char*>(nullptr));
-        _exit(127);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const auto held = [&](const std::string& reached) {
+            const std::string line = "held " + reached + "\n";
+            if (reached == step && write(out[1], line.data(), line.size()) > 0)
+                for (;;) pause();
+        };
+        try {
+            UserDefinition& d = UserDefinition::GetUserDefinition();
+            std::map<std::string, unsigned int> userGids;
+            {
+                SystemPermission permission;
+                permission.setRealPermissions();
+                {
+                    FileSystemUpdate group(d.getGroupFilePath(), d.getGroupTmpFilePath(), "/etc/group.orig", false);
+                    group.prepareSystemFiles();
+                    updateGroupFile(group);
+                    group.finalyzeSystemFiles();
+                }
+                held("group");
+                FileSystemUpdate passwords(d.getPasswordFilePath(), d.getPasswordTmpFilePath(), "/etc/passwd.orig",
+                                           true);
+                FileSystemUpdate shadows(d.getShadowFilePath(), d.getShadowTmpFilePath(), "/etc/shadow.orig", false);
+                passwords.prepareSystemFiles();
+                shadows.prepareSystemFiles();
+                userGids = updatePasswordFile(passwords, shadows);
+                finalyzeSystemFilesTogether(passwords, shadows);
+                held("passwd");
+            }
+            updateProfiles({userGids.begin(), std::next(userGids.begin(), userGids.size() / 2)});
+            held("profiles");
+        } catch (...) {
+        }
+        _exit(1);
     }
     close(out[1]);
     char line[64] = {};
-    std::FILE* held = fdopen(out[0], "r");
-    const bool reached = std::fgets(line, sizeof line, held) != nullptr;
-    kill(driver, SIGKILL);
+    const bool reached = read(out[0], line, sizeof line - 1) > 0;
+    kill(child, SIGKILL);
     int status = 0;
-    waitpid(driver, &status, 0);
-    std::fclose(held);
-    ASSERT_TRUE(reached) << step;
-    EXPECT_EQ(std::string(line), "held " + step + "\n");
+    waitpid(child, &status, 0);
+    close(out[0]);
+    EXPECT_TRUE(reached && std::string(line) == "held " + step + "\n") << step << ": " << line;
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << step;
 }
 
