@@ -27,8 +27,8 @@ bool hasGroup(const std::string& name) {
 }  // namespace
 
 void SampleCatalogue::buildProfiles() {
-    // Everything is resolved before the tables are touched: a group missing from the device
-    // throws here and leaves the catalogue that was in place.
+    // Everything is resolved before the tables are touched: a role or granted group missing
+    // from the device throws here and leaves the catalogue that was in place.
     std::map<std::string, UmRole> roles;
     for (const Role& described : sampleDevice().roles) {
         UmRole role(described.name, -1);
