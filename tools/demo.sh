@@ -116,4 +116,12 @@ show --as admin remove carla
 show show carla
 show --as admin --json remove admin
 show list
+
+# A software update brings the next version's system accounts and groups (/etc/*.orig); the
+# migration rebuilds the account files from them and carries the managed accounts over.  The
+# next version drops the profile maintainers: tech moves to viewers and is disabled.
+step "A software update: the account files migrate to the next version"
+show migrate
+show show tech
+login tech 'Tech#2026'
 echo

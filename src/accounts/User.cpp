@@ -15,7 +15,6 @@
 #include <thread>
 #include <utility>
 
-#include <authnz/AuthNZException.h>
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/SystemPermission.h>
@@ -193,9 +192,14 @@ unsigned int User::retrieveGUID(const char* groupName) {
 
 void User::retrieveProfile() {
     std::string groupName;
-    if (!LinuxUserSystem::getGroupName(m_gid, groupName))
-        throw authnz::AuthorizationException(authnz::AuthorizationError::NotAuthorized, "Not authorized",
-                                             "Not authorized", m_userName, true);
+    if (!LinuxUserSystem::getGroupName(m_gid, groupName)) {
+        // The account's profile group is gone (a software update dropped it): the account has
+        // no profile, the placeholder the catalogue answers for one it does not know, which
+        // grants nothing.  It can still be found and given a profile; as a caller it is refused
+        // by the rights check like any account without rights.
+        m_profile = UmProfile("nogroup", -4);
+        return;
+    }
     m_profile = ProfileDefinition::GetProfileDefinition().getProfile(groupName);
 }
 

@@ -23,6 +23,7 @@
 // are gathered and handed to the temporary file in large pieces (EntryWriter).
 #pragma once
 
+#include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 
@@ -31,6 +32,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <usermanagement/FileSystemUpdate.h>
@@ -64,6 +66,17 @@ struct ShadowFile {
     // holding ':' or a newline.
     static int write(const Entry& entry, FILE* file) { return putspent(&entry, file); }
     static bool appendPlain(std::string& out, const Entry& entry) { return appendPlainShadow(out, entry); }
+};
+
+// Group lines are few and hold member lists: the C library reads and writes them all.
+struct GroupFile {
+    using Entry = struct group;
+    static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
+        return fgetgrent_r(line, &entry, buffer, size, result);
+    }
+    static bool parsePlain(char*, std::size_t, Entry&) { return false; }
+    static int write(const Entry& entry, FILE* file) { return putgrent(&entry, file); }
+    static bool appendPlain(std::string&, const Entry&) { return false; }
 };
 
 // Longest entry line accepted; a longer one is reported as a read failure rather than
@@ -215,16 +228,25 @@ void appendEntry(FileSystemUpdate& transaction, const typename File::Entry& entr
     writer.flush();
 }
 
+// The loop over any input stream of the transaction (the live file or the reference copy):
+// `source` is read from where it stands, `path` names it in the messages.
+template <class File, class Decide>
+void copyEntriesFrom(FileSystemUpdate& transaction, FILE* source, const std::string& path, Decide&& decide,
+                     const char* function, const std::string& writeFailure) {
+    EntryReader<File> reader(source, path, function);
+    EntryWriter<File> writer(transaction.m_tmpFile, writeFailure);
+    while (typename File::Entry* entry = reader.next())
+        if (decide(*entry) == EntryAction::Write) writer.write(*entry);
+    writer.flush();
+}
+
 // `function` names the caller in the message of a read failure: function + " error in
 // reading " + live path (UMSystemErrorException 10).  Write failures throw `writeFailure`.
 template <class File, class Decide>
 void copyEntries(FileSystemUpdate& transaction, Decide&& decide, const char* function,
                  const std::string& writeFailure) {
-    EntryReader<File> reader(transaction.m_file, transaction.m_filePath, function);
-    EntryWriter<File> writer(transaction.m_tmpFile, writeFailure);
-    while (typename File::Entry* entry = reader.next())
-        if (decide(*entry) == EntryAction::Write) writer.write(*entry);
-    writer.flush();
+    copyEntriesFrom<File>(transaction, transaction.m_file, transaction.m_filePath, std::forward<Decide>(decide),
+                          function, writeFailure);
 }
 
 }  // namespace usermanagement::detail

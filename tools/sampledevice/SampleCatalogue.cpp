@@ -1,5 +1,7 @@
 #include "SampleCatalogue.h"
 
+#include <grp.h>
+
 #include <map>
 #include <mutex>
 #include <string>
@@ -13,9 +15,20 @@ using usermanagement::UmRole;
 
 namespace tvc::sample {
 
+namespace {
+
+bool hasGroup(const std::string& name) {
+    struct group entry {};
+    struct group* found = nullptr;
+    std::vector<char> buffer(16384);
+    return getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+}
+
+}  // namespace
+
 void SampleCatalogue::buildProfiles() {
-    // Everything is resolved before the tables are touched: a group missing from the device
-    // throws here and leaves the catalogue that was in place.
+    // Everything is resolved before the tables are touched: a role or granted group missing
+    // from the device throws here and leaves the catalogue that was in place.
     std::map<std::string, UmRole> roles;
     for (const Role& described : sampleDevice().roles) {
         UmRole role(described.name, -1);
@@ -24,6 +37,9 @@ void SampleCatalogue::buildProfiles() {
     }
     std::vector<UmProfile> profiles;
     for (const Profile& described : sampleDevice().profiles) {
+        // The device offers the profiles whose group it has: a software version that drops a
+        // profile group (see the migration) drops the profile with it.
+        if (!hasGroup(described.name)) continue;
         UmProfile profile(described.name, described.id);
         for (const std::string& role : described.roles) profile.add(roles.at(role));
         profiles.push_back(profile);

@@ -2,6 +2,8 @@
 // ProfileDefinition whose buildProfiles fills the tables from the device's groups, installed at
 // start-up with setProfileDefinition.  Its profiles and roles are those of sample-device.txt
 // (read through SampleDevice.h); the role ids come from the gids, as the library derives them.
+// A described profile whose group the live group database lacks is left out, so that a rebuild
+// after the migration offers what the new version's groups allow.
 #pragma once
 
 #include <usermanagement/ProfileDefinition.h>

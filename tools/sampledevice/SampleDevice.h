@@ -46,6 +46,10 @@ struct SampleDevice {
     std::vector<Role> roles;
     std::vector<Profile> profiles;
     std::string aging;  // the shadow fields after the password field
+    // The next software version (the migration's reference copies): what it adds and drops.
+    std::vector<Account> nextAccounts;
+    std::vector<Group> nextGroups;
+    std::vector<std::string> nextDrops;
 
     // std::out_of_range for a name the device does not have.
     const Account& account(const std::string& name) const { return named(accounts, name); }
@@ -97,13 +101,18 @@ inline SampleDevice parse(const std::string& text) {
         const auto want = [&](std::size_t count) {
             if (f.size() != count) throw std::runtime_error("sample device: bad record: " + line);
         };
-        if (f[0] == "account") {
+        if (f[0] == "account" || f[0] == "next-account") {
             want(9);
-            device.accounts.push_back(Account{f[1], static_cast<unsigned int>(number(f[2], line)), f[3], f[4], f[5],
-                                              f[6], f[7], f[8]});
-        } else if (f[0] == "group") {
+            (f[0] == "account" ? device.accounts : device.nextAccounts)
+                .push_back(
+                    Account{f[1], static_cast<unsigned int>(number(f[2], line)), f[3], f[4], f[5], f[6], f[7], f[8]});
+        } else if (f[0] == "group" || f[0] == "next-group") {
             want(4);
-            device.groups.push_back(Group{f[1], static_cast<unsigned int>(number(f[2], line)), list(f[3])});
+            (f[0] == "group" ? device.groups : device.nextGroups)
+                .push_back(Group{f[1], static_cast<unsigned int>(number(f[2], line)), list(f[3])});
+        } else if (f[0] == "next-drop") {
+            want(2);
+            device.nextDrops.push_back(f[1]);
         } else if (f[0] == "role") {
             want(3);
             device.roles.push_back(Role{f[1], list(f[2])});

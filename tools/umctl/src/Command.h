@@ -98,6 +98,7 @@ std::vector<Command> accountCommands();
 std::vector<Command> loginCommands();
 std::vector<Command> lifeCycleCommands();
 std::vector<Command> passwordCommands();
+std::vector<Command> migrationCommands();
 
 // Installs the sample device's profile catalogue and configuration; called once at start-up.
 void installCatalogue();

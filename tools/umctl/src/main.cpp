@@ -28,7 +28,7 @@ namespace umctl {
 std::vector<Command> allCommands() {
     std::vector<Command> all;
     for (auto group : {lookupCommands, accountCommands, lifeCycleCommands, passwordCommands, loginCommands,
-                       settingsCommands, accessCommands, identityCommands, hashCommands}) {
+                       settingsCommands, accessCommands, identityCommands, hashCommands, migrationCommands}) {
         std::vector<Command> commands = group();
         all.insert(all.end(), commands.begin(), commands.end());
     }

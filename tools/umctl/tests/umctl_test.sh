@@ -191,5 +191,16 @@ salt='[./0-9A-Za-z]'
 expect 0 "\$6\$$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt$salt\$*" "" -- hash 'Demo#2026'
 expect 1 "" "*umctl: cryptPwd" -- hash "$(printf '%0256d' 0)"
 
+# The migration to the next software version (the sandbox's /etc/*.orig): tech's profile is gone,
+# the others keep theirs and their passwords; run again, it changes nothing more.
+migrated="Updating System files...${nl}Updating Profiles...${nl}kept admin profile administrators${nl}kept guest profile viewers"
+migrated+="${nl}kept operator profile operators"
+after="cmp -s /etc/group /etc/group.orig && login operator Operator#2026 >/dev/null && ! login tech Tech#2026 >/dev/null" \
+    expect 0 "$migrated${nl}moved tech to viewers and disabled${nl}kept viewer profile viewers${nl}added system account sysupdate" \
+    "*text=User account - profile of <tech> changed from <nogroup> to <viewers>${nl}*text=User account - deactivated <tech>" -- migrate
+before="\"\$umctl\" migrate >/dev/null 2>&1; cat /etc/passwd /etc/shadow /etc/group >\"\$scratch/first\"" \
+    after="cat /etc/passwd /etc/shadow /etc/group | cmp -s - \"\$scratch/first\"" \
+    expect 0 "$migrated${nl}kept tech profile viewers${nl}kept viewer profile viewers" "" -- migrate
+
 echo "$passed passed, $failed failed"
 ((failed == 0))

@@ -1,0 +1,60 @@
+// The account files after a software update.
+//
+// A new software version brings its own system accounts and groups as reference copies
+// ("/etc/group.orig", "/etc/passwd.orig", "/etc/shadow.orig"), which hold no managed accounts.
+// The migration builds the device's files from them and carries the managed accounts over:
+//
+//   - group: the reference copy as it is (profile groups the new version dropped are gone);
+//   - passwd, shadow: the system accounts of the reference copy (uid below getBaseUid(), and
+//     65534), then the device's managed accounts with the shell of their profile and their
+//     shadow entries unchanged (passwords, ageing, disabled mark);
+//   - each carried-over account keeps its profile when the new catalogue still has it, and
+//     is otherwise moved to the profile "viewers" and disabled.
+//
+// Every step rebuilds its file from the reference copy and the accounts found, so a migration
+// that was interrupted is simply run again.
+//
+// The step functions take prepared transactions that have a reference copy (the four-argument
+// FileSystemUpdate constructor) and are not finalised yet.  Write failures throw
+// UMSystemErrorException 10 whose user carries "updateEntryInPasswordFile error in writing to
+// <temporary passwd>" or "updateEntryInShadowFile error in writing to <temporary shadow>"; read
+// failures and lines that are no valid entry as the entry functions report them.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include <usermanagement/Export.h>
+
+namespace usermanagement {
+
+class FileSystemUpdate;
+
+// The whole migration: as root, the group file, then the password and shadow files together
+// (both installed or neither), then the profiles of the carried-over accounts under the
+// caller's own identity.
+TVC_UM_EXPORT void filesSystemMigration();
+
+// Writes every entry of the group reference copy, in order, to the temporary file.  The live
+// group file is not read.
+TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
+
+// Copies to the temporary shadow file the next entry named `name`, read from the reference copy
+// (`fromReference`) or the live file, from where the previous read of that stream stopped.
+// Nothing is written when the stream ends first.
+TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference);
+
+// Writes the system accounts of the passwd reference copy with their reference shadow entries,
+// then the managed accounts of the live file (uid from getBaseUid() to getBaseUid() +
+// getMaxUser() - 1) with the shell getUserShell(gid); the live shadow entries of the accounts
+// with uid getBaseUid() and above (but 65534) follow.  Returns those accounts' names with their
+// group id; the first entry of a name counts.
+TVC_UM_EXPORT std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords,
+                                                                     FileSystemUpdate& shadows);
+
+// Rebuilds the profile catalogue from the new group database, then gives each account of
+// `userGids` the profile of its old group id again, or, when the catalogue no longer has one,
+// the profile "viewers" and disables it.  Failures of the account updates propagate.
+TVC_UM_EXPORT void updateProfiles(std::map<std::string, unsigned int> userGids);
+
+}  // namespace usermanagement
