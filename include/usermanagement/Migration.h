@@ -30,9 +30,10 @@ namespace usermanagement {
 
 class FileSystemUpdate;
 
-// The whole migration: as root, the group file, then the password and shadow files together
-// (both installed or neither), then the profiles of the carried-over accounts under the
-// caller's own identity.
+// The whole migration: the ManageUsers rights check first (authnz::AuthorizationException 302
+// before any file is touched), then as root the group file, then the password and shadow files
+// together (both installed or neither), then the profiles of the carried-over accounts under
+// the caller's own identity.
 TVC_UM_EXPORT void filesSystemMigration();
 
 // Writes every entry of the group reference copy, in order, to the temporary file.  The live

@@ -137,8 +137,12 @@ void updateProfiles(std::map<std::string, unsigned int> userGids) {
 }
 
 void filesSystemMigration() {
-    std::puts("Updating System files...");
     UserDefinition& definition = UserDefinition::GetUserDefinition();
+    // The profile step updates every carried-over account under the caller's rights.  A caller
+    // without them would get the files rewritten as root and then fail half way: refused here,
+    // before any file is touched.
+    definition.checkRight(UserDefinition::ManageUsers, nullptr);
+    std::puts("Updating System files...");
     std::map<std::string, unsigned int> userGids;
     {
         // Declared first, destroyed last: root until the transactions have gone.

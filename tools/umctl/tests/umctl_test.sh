@@ -169,7 +169,7 @@ expect 0 "password accepted" "" -- check-password --password-stdin <<<"$pw"
 # Refusals leave the files as they were: the library's rights check judging a viewer, the main
 # account, a wrong current password, a password the rules refuse.
 for words in "create x --profile 2" "rename operator x" "set-profile operator 2" "disable operator" \
-    "remove operator" "reset-password operator" "unlock operator"; do
+    "remove operator" "reset-password operator" "unlock operator" migrate; do
     # shellcheck disable=SC2086 # the command's words
     after=unchanged expect 1 '{"classCode":1,*"errorCode":302*}' "*Session - Unauthorized <viewer>*${nl}umctl: Not authorized" \
         -- --json --as viewer $words <<<"$pw"
