@@ -41,8 +41,10 @@ TVC_UM_EXPORT void filesSystemMigration();
 TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
 
 // Copies to the temporary shadow file the next entry named `name`, read from the reference copy
-// (`fromReference`) or the live file, from where the previous read of that stream stopped.
-// Nothing is written when the stream ends first.
+// (`fromReference`) or the live file, from where the previous read of that stream stopped; when
+// the rest of the stream has none, the search starts over once from the top, so a file whose
+// entries are not in the order of the passwd entries loses none.  Nothing is written when the
+// stream has no such entry.
 TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference);
 
 // Writes the system accounts of the passwd reference copy with their reference shadow entries,

@@ -70,14 +70,22 @@ void updateGroupFile(FileSystemUpdate& groupTransaction) {
 void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
     FILE* source = fromReference ? shadows.m_origFile : shadows.m_file;
     const std::string& path = fromReference ? shadows.m_origFilePath : shadows.m_filePath;
-    // The reader takes the stream where the previous call left it: the shadow entries are in the
-    // order of the passwd entries, so each stream is read once over a whole rewrite.
-    EntryReader<ShadowFile> reader(source, path, "updateShadowFile");
-    while (struct spwd* entry = reader.next()) {
-        if (std::strcmp(entry->sp_namp, name) != 0) continue;
-        writeEntry<ShadowFile>(shadows.m_tmpFile, *entry,
-                               "updateEntryInShadowFile error in writing to " + shadows.m_tmpFilePath);
-        break;
+    // The search goes on where the previous one stopped: with the shadow entries in the order of
+    // the passwd entries, each stream is read once over a whole rewrite.  A file in another
+    // order (an entry added by another tool, a hand edit) must not cost an account its password
+    // (its holder could no longer log in): when the rest of the stream has no entry of that
+    // name, the search starts over once from the top.
+    const bool fromTop = source != nullptr && ftello(source) == 0;
+    for (int pass = fromTop ? 1 : 0; pass < 2; ++pass) {
+        if (pass == 1 && !fromTop) rewind(source);
+        EntryReader<ShadowFile> reader(source, path, "updateShadowFile");
+        while (struct spwd* entry = reader.next()) {
+            if (std::strcmp(entry->sp_namp, name) != 0) continue;
+            writeEntry<ShadowFile>(shadows.m_tmpFile, *entry,
+                                   "updateEntryInShadowFile error in writing to " + shadows.m_tmpFilePath);
+            endspent();
+            return;
+        }
     }
     endspent();
 }

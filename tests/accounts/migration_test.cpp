@@ -35,6 +35,9 @@ using Migration = tvc::test::DeviceTest<tvc::sample::SampleDefinition>;
 std::string accountFiles() { return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group"); }
 
 TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
+    // A device whose shadow file lists admin last, unlike its passwd file.
+    tvc::test::removeEntry("/etc/shadow", "admin");
+    tvc::test::addLines("/etc/shadow", "admin:" + sampleDevice().account("admin").shadow + ":20454:0:99999:7:::\n");
     tvc::test::RecordingLogger logger;
     usermanagement::filesSystemMigration();
 
