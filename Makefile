@@ -1,11 +1,15 @@
 # Entry points: `make demo` (build, then a short umctl session on the sample device) and
 # `make test` (build, install into build/stage, run every suite).  The other targets are
-# their steps.  SANITIZE=0 leaves out the AddressSanitizer run of `make test`.
+# their steps.  SANITIZE=0 leaves out the AddressSanitizer run of `make test`; ARMHF=0 leaves
+# out the device's architecture (the cross build for 32-bit ARM and its suites under qemu).
+# `make demo ARCH=armhf` runs the demo with the armhf umctl.
 SHELL := /bin/bash
 # Quiet the nested makes that cmake --build starts.
 MAKEFLAGS += --no-print-directory
 JOBS ?= 2
 SANITIZE ?= 1
+ARMHF ?= 1
+ARCH ?= $(shell dpkg --print-architecture)
 
 BUILD := $(CURDIR)/build
 SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
@@ -15,23 +19,48 @@ PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgt
 # The sample device's PAM modules and pam_tally2 (tools/sampledevice/pam), which the sandbox
 # installs when TVC_PAM_DIR names them.  The library's test binaries pass their own build's.
 PAM_DIR := $(BUILD)/default/tools/sampledevice/pam
+# The device's architecture: Debian's cross compilers, qemu's user-mode emulator (whose binfmt
+# entries let an emulated program start another armhf program), and a sysroot of Debian's armhf
+# packages made by tools/armhf/make-sysroot.sh under build/.
+ARMHF_PACKAGES := gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user-static binfmt-support
+ifneq ($(ARMHF)-$(ARCH),0-$(shell dpkg --print-architecture))
+PACKAGES += $(ARMHF_PACKAGES)
+endif
+ARMHF_SYSROOT := $(BUILD)/armhf-sysroot
+ARMHF_CMAKE := --toolchain $(CURDIR)/cmake/armhf-linux-gnueabihf.cmake -DTVC_SYSROOT=$(ARMHF_SYSROOT)
+ARMHF_PAM_DIR := $(BUILD)/armhf/tools/sampledevice/pam
 # The host files the sandbox must never change; `make test` checks them before and after.
 HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 
-.PHONY: test demo deps library stage umctl suites asan bench pam-stack
+.PHONY: test demo deps library stage umctl suites asan bench pam-stack test-armhf armhf-sysroot \
+        armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
-test: deps
+# Runs the suites target $(1) between two checksums of the host's account files.
+define guarded
 	@mkdir -p $(BUILD)
 	@sha256sum $(HOST_ACCOUNT_FILES) >$(BUILD)/host-account-files.sha256
-	@status=0; $(MAKE) suites || status=$$?; \
+	@status=0; $(MAKE) $(1) || status=$$?; \
 	if ! sha256sum --check --quiet $(BUILD)/host-account-files.sha256; then \
 	    echo "make test: *** THE HOST'S ACCOUNT FILES CHANGED DURING THE TESTS ***" >&2; exit 1; \
 	fi; \
 	echo "make test: host account files unchanged"; \
 	exit $$status
+endef
 
+test: deps
+	$(call guarded,suites)
+
+# Only the armhf build's suites.
+test-armhf: deps
+	$(call guarded,armhf-suites)
+
+ifeq ($(ARCH),armhf)
+demo: deps armhf-umctl armhf-binfmt
+	QEMU_LD_PREFIX=$(ARMHF_SYSROOT) TVC_PAM_DIR=$(ARMHF_PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/armhf-umctl/umctl
+else
 demo: deps umctl
 	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/umctl/umctl
+endif
 
 # Installs what is missing; apt-get runs only then.  Installing libpam-pwquality would switch
 # it on in the host's /etc/pam.d/common-password (pam-auth-update enables a new default
@@ -68,6 +97,7 @@ suites: umctl
 	ctest --test-dir $(BUILD)/default --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/umctl --output-on-failure || status=1; \
 	if [ "$(SANITIZE)" != 0 ]; then $(MAKE) asan || status=1; fi; \
+	if [ "$(ARMHF)" != 0 ]; then $(MAKE) armhf-suites || status=1; fi; \
 	exit $$status
 
 asan:
@@ -90,3 +120,42 @@ bench: deps pam-stack
 pam-stack:
 	cmake -S . -B $(BUILD)/default -DTVC_BUILD_TESTS=ON
 	cmake --build $(BUILD)/default -j$(JOBS) --target tvc_pam_stack
+
+# --- the device's architecture: 32-bit ARM hard-float ---------------------------------------------
+armhf-sysroot:
+	$(CURDIR)/tools/armhf/make-sysroot.sh $(ARMHF_SYSROOT)
+
+# An armhf program that starts another one (a test binary re-executed in the sandbox, fiu's
+# drivers, pam_tally2, umctl from a script) goes through binfmt_misc to qemu.  The entry's F
+# flag opens the interpreter now, so it also works inside the sandbox's mount namespace.
+armhf-binfmt:
+	@if [ ! -e /proc/sys/fs/binfmt_misc/status ]; then mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc; fi
+	@if [ ! -e /proc/sys/fs/binfmt_misc/qemu-arm ]; then update-binfmts --enable qemu-arm; fi
+	@grep -qx enabled /proc/sys/fs/binfmt_misc/qemu-arm
+	@grep -q '^flags: .*F' /proc/sys/fs/binfmt_misc/qemu-arm
+
+armhf-library: armhf-sysroot
+	cmake -S . -B $(BUILD)/armhf $(ARMHF_CMAKE) -DTVC_BUILD_TESTS=ON -DTVC_BUILD_BENCH=OFF
+	cmake --build $(BUILD)/armhf -j$(JOBS)
+
+armhf-stage: armhf-library
+	rm -rf $(BUILD)/armhf-stage
+	cmake --install $(BUILD)/armhf --prefix $(BUILD)/armhf-stage
+
+# With the sysroot as the only find root, a package outside it is named by its directory.
+armhf-umctl: armhf-stage
+	cmake -S tools/umctl -B $(BUILD)/armhf-umctl $(ARMHF_CMAKE) \
+	    -Dtvc_usermanagement_DIR=$(BUILD)/armhf-stage/lib/cmake/tvc_usermanagement -DTVC_PAM_DIR=$(ARMHF_PAM_DIR)
+	cmake --build $(BUILD)/armhf-umctl -j$(JOBS)
+
+# The same suites as on the host, each under qemu (ctest runs them through the toolchain file's
+# emulator), then the installed library's interface against the host build's.
+armhf-suites: armhf-umctl armhf-binfmt
+	@status=0; \
+	ctest --test-dir $(BUILD)/armhf --output-on-failure || status=1; \
+	ctest --test-dir $(BUILD)/armhf-umctl --output-on-failure || status=1; \
+	$(MAKE) armhf-abi || status=1; \
+	exit $$status
+
+armhf-abi: stage armhf-library armhf-binfmt
+	$(CURDIR)/tools/armhf/check-abi.sh $(BUILD)/stage $(BUILD)/armhf $(ARMHF_SYSROOT) $(BUILD)/armhf-abi

@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# make-sysroot.sh - an armhf sysroot for the cross build and for running its tests under qemu.
+#
+# Usage: make-sysroot.sh SYSROOT
+#
+# The armhf packages come from Debian's archive through an apt configuration of our own (its
+# own sources, lists, cache and an empty dpkg status, APT::Architecture=armhf): the host's dpkg
+# never learns about armhf, and an armhf index that fails to load cannot break the host's apt.
+# Each package is unpacked with dpkg-deb -x; nothing is configured and no maintainer script
+# runs.  SYSROOT/.complete marks a finished sysroot, so a second run does nothing.
+set -euo pipefail
+
+sysroot=$(realpath -m "${1:?usage: make-sysroot.sh SYSROOT}")
+[[ -f $sysroot/.complete ]] && exit 0
+
+# What the library, its tests and the sample device's PAM stack link against or load.
+packages=(libc6 libc6-dev libstdc++6 libgcc-s1 linux-libc-dev
+    libpam0g libpam0g-dev libpam-modules libpam-modules-bin libpam-pwquality libpwquality1
+    libcrack2 cracklib-runtime libcrypt1 libcrypt-dev libssl3 libssl-dev
+    libgtest-dev googletest libfiu0 libfiu-dev fiu-utils)
+# Dependencies that only matter on an installed system (package management, debconf's perl);
+# the sysroot is never booted.
+skip='^(debconf|perl-base|dpkg|tar|install-info|libpam-runtime|debianutils|base-files|cdebconf|libdebconfclient0|usrmerge|libc-bin|file|libmagic.*|gcc-12-base)$'
+
+work=$(dirname "$sysroot")/armhf-apt
+rm -rf "$sysroot" "$work"
+mkdir -p "$work"/{etc/apt.conf.d,etc/preferences.d,etc/sources.list.d,lists/partial,cache/archives/partial,debs} "$sysroot"
+: >"$work/status"
+# The same archive the host uses (Debian 12), read with the host's keyring.
+cat >"$work/etc/sources.list" <<'SOURCES_END'
+deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian bookworm main
+deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian bookworm-updates main
+deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian-security bookworm-security main
+SOURCES_END
+apt_opts=(-o "APT::Architecture=armhf" -o "APT::Architectures::=armhf"
+    -o "Dir::Etc=$work/etc" -o "Dir::Etc::sourcelist=$work/etc/sources.list"
+    -o "Dir::Etc::sourceparts=$work/etc/sources.list.d" -o "Dir::Etc::parts=$work/etc/apt.conf.d"
+    -o "Dir::Etc::preferencesparts=$work/etc/preferences.d"
+    -o "Dir::State=$work" -o "Dir::State::lists=$work/lists" -o "Dir::State::status=$work/status"
+    -o "Dir::Cache=$work/cache" -o "Dir::Cache::archives=$work/cache/archives"
+    -o "Debug::NoLocking=1" -o "APT::Sandbox::User=root")
+
+# An index that fails to load (a security mirror that is down) is tolerated: the packages are
+# then taken from the others, and a package nobody offers fails the download below.
+apt-get "${apt_opts[@]}" update || echo "make-sysroot: some armhf indexes failed to load; going on" >&2
+
+mapfile -t closure < <(apt-cache "${apt_opts[@]}" depends --recurse --no-recommends --no-suggests \
+    --no-conflicts --no-breaks --no-replaces --no-enhances --no-pre-depends "${packages[@]}" |
+    grep -v '^ ' | grep -v '^<' | sed 's/:armhf$//' | sort -u | grep -Ev "$skip")
+# Pre-depends left out above pull in the package tools; libc6 and friends are listed already.
+(cd "$work/debs" && apt-get "${apt_opts[@]}" download "${closure[@]}")
+for deb in "$work"/debs/*.deb; do
+    dpkg-deb -x "$deb" "$sysroot"
+done
+
+# Only libraries, headers and programs belong here.  Under qemu -L every absolute path is
+# looked up in the sysroot first: an etc/ or var/ here would hide the sandbox's /etc/pam.d,
+# /etc/passwd... from the emulated programs.
+rm -rf "${sysroot:?}"/{etc,var,run,home,tmp}
+
+# Absolute symlinks (libfoo.so -> /lib/arm-linux-gnueabihf/libfoo.so.1) would point into the
+# host; they become relative to their place in the sysroot.
+while IFS= read -r link; do
+    target=$(readlink "$link")
+    [[ $target == /* ]] || continue
+    ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$sysroot$target")" "$link"
+done < <(find "$sysroot" -type l)
+touch "$sysroot/.complete"
+echo "make-sysroot: $sysroot holds ${#closure[@]} armhf packages"
