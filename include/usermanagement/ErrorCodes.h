@@ -25,6 +25,10 @@ struct UMError {
         BadUserName = 7,
         RemoveUserForbidden = 8,
         MissingParameter = 9,
+        // The account object no longer names the stored account it was read from: its name was
+        // changed on the object, or the account was renamed, removed or replaced since.  Look
+        // the account up again.
+        StaleAccount = 41,
         // No log sink, profile catalogue or configuration provider is installed.
         NothingInstalled = 40,
     };
@@ -114,6 +118,10 @@ struct AuthorizationError {
         NotAuthorized = 302,
         ConcurrentSession = 303,
         StrongAuthenticationWrongPassword = 304,
+        // An account outside the managed range (root, the web server's account, daemons and
+        // service accounts) may be changed by the process's own root identity only, never by a
+        // thread acting as an account.
+        SystemAccount = 305,
     };
 };
 

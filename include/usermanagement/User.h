@@ -81,7 +81,9 @@ public:
     void updateState();
     // m_isLocked from the tally file, reported into `look`; never throws a std::exception.
     void retrieveLockState(LookLockUpdate& look);
-    // The stored hash without a "!!" prefix; empty when the account has no shadow entry.
+    // The stored hash without a "!!" prefix; empty when the account has no shadow entry.  Only
+    // for root and the user manager (rights ManageUsers): a hash is what an offline password
+    // guesser needs.
     std::string getEncryptedPassword() const;
     // All groups of the account (primary group included), computed once and cached; null when
     // the cache cannot be allocated.  The array belongs to the object.
@@ -102,6 +104,15 @@ public:
     // password-file lock; both files are installed or neither is.  Optional values are
     // pointers: null keeps the item.  `skipPasswordCheck` null or false: the password is first
     // judged by the password-rules PAM service.
+    //
+    // Every operation that changes a stored account (update, remove, the password operations,
+    // unLock) also refuses, whatever the rights policy says:
+    //   - an account outside the managed uid range unless the calling thread is the process's
+    //     own root (authnz::AuthorizationException 305): a thread acting as an account never
+    //     changes root, the web server's account or a service account;
+    //   - an object that no longer names its stored account (UMException 41): under the
+    //     password-file lock, the object's uid and name must still be one passwd entry with a
+    //     shadow entry of that name.  Look the account up again after a rename.
     //
     // createUser: rights CreateUser; UMException 2 for a profile id below 1 or one the
     // catalogue does not allow, 7 for a name the configuration or the files refuse, 0 for a
@@ -132,14 +143,17 @@ public:
     void removeUser();
 
     // The holder's own change through the web-login PAM service, which verifies `oldPassword`
-    // and judges and stores `newPassword`.  No rights check of its own.
+    // and judges and stores `newPassword`.  No rights check of its own.  The current password
+    // is checked as a web login checks it first: a wrong one counts as a failed login (and may
+    // lock the account), and a locked account is refused (UpdatePasswordException 18) until
+    // it is unlocked.
     void updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip);
     // The same for the account `name` (looked up first, with the ReadUser rights check).
     static void updateAnyUserPassword(const std::string& name, const std::string& oldPassword,
                                       const std::string& newPassword, const std::string& ip);
     // A reset: writes the hash of `newPassword` into the shadow entry of `name`, resets its
     // failed-login count, and logs the reset under this object's name.  Rights UpdatePassword
-    // with this object as target.  `checkPassword` true: the password rules judge it first.
+    // with this object and with the account `name` as target.  `checkPassword` true: the password rules judge it first.
     void updateAnyUserPassword(const std::string& name, const std::string& newPassword, bool mustChange,
                                const std::string& ip, bool checkPassword);
     // Throws the password-rules service's refusal; the PAM user is the log context's user.
@@ -157,6 +171,11 @@ public:
     void logUserLockEvent(LookLockUpdate& look);
 
 private:
+    // The failed-login count reset with the tally tool (as root), the outcome in `look`; for the
+    // operations that have checked the caller and confirmed this account under the
+    // password-file lock already.
+    void resetFailedLogins(LookLockUpdate& look);
+
     // `uid` and `name` with the lookup defaults: gid unknown, flags (inactive, password expired,
     // locked, account expired), the placeholder profile, no group cache.
     User(unsigned int uid, std::string name);

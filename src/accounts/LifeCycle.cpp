@@ -15,6 +15,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "accounts/AccountFiles.h"
+#include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
 #include "files/EntryChecks.h"
 #include "foundation/Raise.h"
@@ -35,6 +36,20 @@ bool isSet(const bool* flag) { return flag != nullptr && *flag; }
 
 [[noreturn]] void roleNotAllowed(int profileId) {
     raise<UMException>(UMError::RoleError, profileId, " (profileId): Role not retieved or not allowed");
+}
+
+// The main account must stay usable, whichever path writes its shadow field: disabling it is
+// refused, and so is a ready-made hash that disables or locks it by itself ("!!" is the
+// library's own disabled mark, "!" and "*" make PAM refuse every password).  Otherwise a
+// stored hash would lock the device's operators out through the password path, where the
+// enable/disable path refuses to.
+void keepMainAccountEnabled(unsigned int uid, const std::string& name, bool disabling, const std::string* password,
+                            bool encrypted) {
+    if (uid != definition().getBaseUid()) return;
+    const bool lockingHash = password != nullptr && encrypted && !password->empty() &&
+                             (password->front() == '!' || password->front() == '*');
+    if (disabling || lockingHash)
+        raise<UMException>(UMError::MainAccountUndisable, name, " :Forbidden to disable the main user");
 }
 
 }  // namespace
@@ -65,6 +80,8 @@ User User::createUser(const std::string& name, const std::string& password, bool
     {
         detail::AccountFiles files;
         uid = addEntryInPasswordFile(files.passwd, result.getUserName(), result.m_gid);
+        // The first account of the range becomes the main account: it is born enabled.
+        keepMainAccountEnabled(uid, name, !active, &password, encrypted);
         addEntryInShadowFile(files.shadow, result.getUserName(), password, PasswordType{encrypted}, maxAge, minAge,
                              thirdAge, active, mustChange);
         files.install();
@@ -95,10 +112,10 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
     // is an account update.
     const bool accountUpdate = newName != nullptr || profileId != nullptr || active != nullptr || skipPasswordCheck;
     config.checkRight(accountUpdate ? UserDefinition::UpdateUser : UserDefinition::UpdatePassword, this);
+    detail::requireReachable(m_uid, m_userName);
     if (newName != nullptr && !config.isAValidUserName(*newName, m_uid))
         raise<UMException>(UMError::BadUserName, *newName, " :Bad user name");
-    if (active != nullptr && !*active && m_uid == config.getBaseUid())
-        raise<UMException>(UMError::MainAccountUndisable, m_userName, " :Forbidden to disable the main user");
+    keepMainAccountEnabled(m_uid, m_userName, active != nullptr && !*active, password, encrypted);
     // What the files cannot hold is refused before PAM or the files see it (see createUser).
     if (newName != nullptr) detail::checkUserName(*newName, "updateEntryInPasswordFile");
     if (password != nullptr) {
@@ -116,12 +133,19 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
     LookUpdatePasswd lookPasswd;
     {
         detail::AccountFiles files;
+        // The passwd entry is found by uid and the shadow entry by name: both must still be
+        // this account's.
+        detail::confirmStoredAccount(m_uid, m_userName);
         updateEntryInPasswordFile(files.passwd, m_uid, m_gid, newName, lookPasswd);
         updateEntryInShadowFile(files.shadow, m_userName, newName, password, PasswordType{encrypted}, active,
                                 mustChange, lookShadow);
         // Re-enabling or a new password ends a lock by failed logins.  The tally tool finds the
         // account by its current name, which the live files still hold until install().
-        if (isSet(active) || password != nullptr) unLock();
+        if (isSet(active) || password != nullptr) {
+            LookLockUpdate unlocked;
+            resetFailedLogins(unlocked);
+            logUserLockEvent(unlocked);
+        }
         files.install();
         if (newName != nullptr) m_userName = *newName;
         if (newName != nullptr || profileId != nullptr)
@@ -147,6 +171,7 @@ void User::updateUserWithEncryptedPassword(const std::string* newName, const int
 void User::removeUser() {
     UserDefinition& config = definition();
     config.checkRight(UserDefinition::RemoveUser, this);
+    detail::requireReachable(m_uid, m_userName);
     if (m_uid == config.getBaseUid())
         raise<UMException>(UMError::MainAccountUnremovable, m_userName, " :Forbidden deletion of the main user");
     retrieveUserName();
@@ -154,6 +179,8 @@ void User::removeUser() {
         raise<UMException>(UMError::RemoveUserForbidden, m_userName, " :Forbidden to remove the current user");
 
     detail::AccountFiles files;
+    // The shadow entry goes by name and the passwd entry by uid: both must be this account's.
+    detail::confirmStoredAccount(m_uid, m_userName);
     removeEntryInShadowFile(files.shadow, m_userName);
     removeEntryInPasswordFile(files.passwd, m_uid);
     files.install();

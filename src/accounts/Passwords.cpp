@@ -15,9 +15,12 @@
 #include <usermanagement/ShadowEntries.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
+#include <usermanagement/Utilities.h>
 
+#include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
 #include "files/EntryChecks.h"
+#include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
 #include "system/AsRoot.h"
 
@@ -62,10 +65,55 @@ void checkNewPassword(const std::string& name, const std::string& password) {
     detail::checkPasswordToStore(name, password, PasswordType{false}, false, "updateEntryInShadowFile");
 }
 
+// Whether the failed-login count of `uid` has reached the configured limit.  Read as root: the
+// tally file is root's.
+bool lockedByFailedLogins(unsigned int uid) {
+    UserDefinition& config = UserDefinition::GetUserDefinition();
+    int limit = -1;
+    config.getDBLockCount(limit);
+    if (limit == -1) return false;
+    const detail::AsRoot root;
+    return limit <= utilities::getLockCount(uid, config.getTallyFilePath());
+}
+
+// The holder's current password, checked the way a web login checks it, before PAM is asked to
+// change it.  The password-change stack verifies the old password without counting a failure,
+// so guessing through a password change was unlimited while logins lock after a few attempts.
+// Authenticating through the web-login service first makes every wrong guess count in the same
+// failed-login record, against the same limit, with the same "locked" event as a login; the
+// account check that follows a right password resets the count, as after a login.  A locked
+// account is refused before anything is tried: it changes its password once a manager has
+// unlocked it.  A password that must be changed (expired) is what the change is for, so the
+// account check's "expired" answer does not stop it.  Root cannot log in on the web and is out
+// of reach of web callers anyway; its holder change goes to PAM directly.
+void verifyCurrentPassword(const std::string& name, unsigned int uid, const std::string& password,
+                           const std::string& ip) {
+    using usermanagement::UpdatePasswordError;
+    if (lockedByFailedLogins(uid))
+        throw UpdatePasswordException(UpdatePasswordError::InvalidCredentials, "Invalid Credentials",
+                                      "locked by failed logins: unlock the account first", name, true);
+    if (uid == 0) return;
+    const Session pam = session(name, ip, WebPam::WebLogin);
+    requireSession(pam, name);
+    try {
+        pam->pamAuthentication(password.c_str());
+    } catch (authnz::AuthenticationException& wrong) {
+        throw UpdatePasswordException(UpdatePasswordError::InvalidCredentials, "Invalid Credentials",
+                                      wrong.getErrorDescription(), name, true);
+    }
+    try {
+        pam->pamAccount();
+    } catch (authnz::AuthorizationException& expired) {
+        if (expired.getErrorId() != authnz::AuthorizationError::ExpiredCredentials) throw;
+    }
+}
+
 }  // namespace
 
 void User::updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip) {
     checkNewPassword(getUserName(), newPassword);
+    detail::requireReachable(m_uid, m_userName);
+    verifyCurrentPassword(m_userName, m_uid, oldPassword, ip);
     const Session pam = session(getUserName(), ip, WebPam::WebLogin);
     requireSession(pam, getUserName());
     pam->pamChauthtok(oldPassword.c_str(), newPassword.c_str());
@@ -78,6 +126,8 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& old
     const Session pam = session(name, ip, WebPam::WebLogin);
     const User account(name);
     requireSession(pam, name);
+    detail::requireReachable(account.getUid(), name);
+    verifyCurrentPassword(name, account.getUid(), oldPassword, ip);
     pam->pamChauthtok(oldPassword.c_str(), newPassword.c_str());
     detail::logAccountEvent(detail::PasswordChanged, "User account - password changed <" + name + ">");
 }
@@ -87,6 +137,11 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& new
     UserDefinition& config = UserDefinition::GetUserDefinition();
     config.checkRight(UserDefinition::UpdatePassword, this);
     User target(name);
+    // The account written is `name`, not this object: the rights are judged against it too.
+    // Judged with this object alone, an account allowed to change its own password could reset
+    // anyone's by calling the reset on its own object.
+    config.checkRight(UserDefinition::UpdatePassword, &target);
+    detail::requireReachable(target.m_uid, name);
     checkNewPassword(name, newPassword);
     if (checkPassword) checkPasswordStrenght(newPassword);
 
@@ -95,8 +150,14 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& new
         const detail::AsRoot root;
         FileSystemUpdate shadow(config.getShadowFilePath(), config.getShadowTmpFilePath(), true);
         shadow.prepareSystemFiles();
+        // Under the lock: the account looked up is still the one of that name, and this object
+        // (whose name the event carries) still names its own account.
+        detail::confirmStoredAccount(target.m_uid, name);
+        detail::confirmStoredAccount(m_uid, m_userName);
         updateEntryInShadowFile(shadow, name, nullptr, &newPassword, PasswordType{false}, nullptr, &mustChange, look);
-        target.unLock();
+        LookLockUpdate unlocked;
+        target.resetFailedLogins(unlocked);
+        target.logUserLockEvent(unlocked);
         shadow.finalyzeSystemFiles();
         logShadowdEvent(look);
     }
@@ -124,9 +185,22 @@ bool User::checkCurrentUserPasswd(const std::string& password) {
 }
 
 void User::unLock() {
+    UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, this);
+    detail::requireReachable(m_uid, m_userName);
     LookLockUpdate look;
+    {
+        // The tally tool finds the account by name: under the lock, the name must still be this
+        // account's, or a stale object would unlock whoever holds the name now.
+        const detail::AsRoot root;
+        const detail::PasswordFileLock lock("unLock:password files locked");
+        detail::confirmStoredAccount(m_uid, m_userName);
+        resetFailedLogins(look);
+    }
+    logUserLockEvent(look);
+}
+
+void User::resetFailedLogins(LookLockUpdate& look) {
     UserDefinition& config = UserDefinition::GetUserDefinition();
-    config.checkRight(UserDefinition::UpdateUser, this);
     const std::string command = "pam_tally2 -f \"" + insideDoubleQuotes(config.getTallyFilePath()) + "\" -r -u \"" +
                                 insideDoubleQuotes(m_userName) + "\"";
     {
@@ -141,7 +215,6 @@ void User::unLock() {
     }
     if (m_isLocked) look.unlocked = true;
     m_isLocked = false;
-    logUserLockEvent(look);
 }
 
 }  // namespace usermanagement

@@ -252,7 +252,10 @@ void User::updateState() {
 }
 
 std::string User::getEncryptedPassword() const {
-    checkReadRight();
+    // A stored hash is what an offline guesser needs: reading one takes the right to manage
+    // accounts (root or the user manager), not only the right to look accounts up, which
+    // every account holder has.
+    UserDefinition::GetUserDefinition().checkRight(UserDefinition::ManageUsers, nullptr);
     SystemPermission permission;
     permission.setRealPermissions();
     const detail::PasswordFileLock lock("updateState:password files locked");

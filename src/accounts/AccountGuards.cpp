@@ -1,0 +1,48 @@
+#include "accounts/AccountGuards.h"
+
+#include <unistd.h>
+
+#include <authnz/AuthNZException.h>
+#include <umlog/Ctx.h>
+#include <usermanagement/ErrorCodes.h>
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
+#include "access/DatabaseLookup.h"
+#include "foundation/Raise.h"
+
+namespace usermanagement::detail {
+
+bool callerIsProcessRoot() {
+    uid_t real = 0, effective = 0, saved = 0;
+    return getresuid(&real, &effective, &saved) == 0 && effective == 0;
+}
+
+void requireReachable(unsigned int uid, const std::string& name) {
+    UserDefinition& config = UserDefinition::GetUserDefinition();
+    const unsigned int base = config.getBaseUid();
+    // Unsigned: a range that would run past the last id ends there.
+    const unsigned int count = config.getMaxUser();
+    const bool managed = uid >= base && uid - base < count;
+    if (managed || callerIsProcessRoot()) return;
+    throw authnz::AuthorizationException(authnz::AuthorizationError::SystemAccount, "Not authorized",
+                                         concat("System account out of reach: ", name, " (uid ", uid, ")"),
+                                         umlog::Ctx::getCtx().getUsername(), true);
+}
+
+void confirmStoredAccount(unsigned int uid, const std::string& name) {
+    const auto byId = userById(uid);
+    const auto byName = userByName(name.c_str());
+    const auto shadow = shadowByName(name.c_str());
+    for (const int error : {byId.error, byName.error, shadow.error})
+        if (error != 0)
+            raiseErrno<UMSystemErrorException>(error, UMSystemError::DatabaseLookup, name,
+                                               " :The account database could not be read");
+    const bool same = byId.found() && byName.found() && shadow.found() && byId.entry.pw_name != nullptr &&
+                      name == byId.entry.pw_name && byName.entry.pw_uid == uid;
+    if (!same)
+        raise<UMException>(UMError::StaleAccount, name, " :The account changed since it was looked up (uid ", uid,
+                           "); look it up again");
+}
+
+}  // namespace usermanagement::detail
