@@ -294,36 +294,4 @@ TEST_F(LifeCycleTest, RefusedRequestsLeaveTheFilesAlone) {
     EXPECT_EQ(takeCommands(), "");
 }
 
-// Each role under its own identity: a manager may do everything, a holder only change their
-// own password (and not skip the rules doing it), the others nothing.
-TEST_F(LifeCycleTest, RightsOfEachRoleUnderItsOwnIdentity) {
-    const std::string password = "Other#Pass2026";
-    const bool skip = true;
-    const struct {
-        const char* caller;
-        std::string manage;  // create, reset another's password, remove, skip the rules
-        std::string own;     // change their own password through updateUser
-    } cases[] = {
-        {"admin", "ok ok ok ok", "ok"},           {"operator", "302 302 302 302", "ok"},
-        {"viewer", "302 302 302 302", "ok"},      {"www-data", "302 302 302 302", "302"},
-        {"svc-backup", "302 302 302 302", "302"},
-    };
-    const auto code = [](const std::string& result) { return result.substr(0, result.find(' ')); };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.caller);
-        tvc::test::restoreSampleDevice();
-        User self(c.caller), guest("guest");
-        as(c.caller, [&] {
-            std::string manage = code(outcome([&] { User::createUser("extra", password, 2, true, false, &skip); }));
-            manage += " " + code(outcome([&] { guest.updateAnyUserPassword("guest", password, false, "", false); }));
-            manage += " " + code(outcome([&] { guest.removeUser(); }));
-            manage +=
-                " " + code(outcome([&] { self.updateUser(nullptr, nullptr, nullptr, &password, nullptr, &skip); }));
-            EXPECT_EQ(manage, c.manage);
-            EXPECT_EQ(code(outcome([&] { self.updateUser(nullptr, nullptr, nullptr, &password, nullptr, nullptr); })),
-                      c.own);
-        });
-    }
-}
-
 }  // namespace
