@@ -210,12 +210,88 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                 });
                 got += std::string(" ") + kOpNames[op] + "=" + result;
                 if (result != "ok") {
-                    EXPECT_EQ(files(), before) << kOpNames[op] << " refused but changed the files";
+                    EXPECT_TRUE(files() == before) << kOpNames[op] << " refused, but the files changed";
                     EXPECT_EQ(accountEvents(), "") << kOpNames[op];
                 }
             }
             EXPECT_EQ(got, want);
         }
+}
+
+// Guessing through the holder's password change is counted like guessing at the login: the
+// third wrong current password locks the account (one "locked" event), a locked account cannot
+// change its password even with the right one, and after a manager's unlock it can.
+TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
+    const std::string right = "Admin#2026", fresh = "Fresh#Pass2026x";
+    const struct {
+        const char* form;
+        std::function<void(std::string, std::string)> change;
+    } forms[] = {
+        {"holder's object",
+         [](std::string old, std::string next) { User("admin").updatePassword(old, next, "192.0.2.9"); }},
+        {"by name", [](std::string old, std::string next) { User::updateAnyUserPassword("admin", old, next, ""); }},
+    };
+    for (const auto& f : forms) {
+        SCOPED_TRACE(f.form);
+        tvc::test::restoreSampleDevice();
+        unlink("/var/log/tallylog");
+        const std::string shadow = tvc::test::readFile("/etc/shadow");
+        accountEvents();
+        User viewer("viewer");
+        int count = 0;
+        ASSERT_NE(viewer.getUserGroupsIds(count), nullptr);
+        std::string answers;
+        actingAs(&viewer, [&] {
+            for (int guess = 0; guess < 5; ++guess) answers += outcome([&] { f.change("Guess#" + std::to_string(guess), fresh); }) + " ";
+            answers += outcome([&] { f.change(right, fresh); });
+        });
+        EXPECT_EQ(answers, "18 18 18 18 18 18");
+        EXPECT_EQ(accountEvents(), "9 User account - locked <admin>\n");
+        EXPECT_EQ(tvc::test::readFile("/etc/shadow"), shadow);
+        User("admin").unLock();
+        accountEvents();
+        actingAs(&viewer, [&] { EXPECT_EQ(outcome([&] { f.change(right, fresh); }), "ok"); });
+        EXPECT_NE(tvc::test::readFile("/etc/shadow"), shadow);
+        // The right password reset the count, as a login does.
+        std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("admin", "", authnz::WebPam::WebLogin));
+        EXPECT_EQ(outcome([&] { pam->pamAuthentication(fresh.c_str()); }), "ok");
+    }
+}
+
+// The main account stays enabled whichever path writes its shadow field.
+TEST_F(RightsTest, NoPathDisablesTheMainAccount) {
+    const bool skip = true, no = false;
+    const std::string disabled = "!!$6$tvcadmin2026$x", locked = "!$6$tvcadmin2026$x", star = "*";
+    const auto noMainAccount = [] {
+        tvc::test::removeEntry("/etc/passwd", "admin");
+        tvc::test::removeEntry("/etc/shadow", "admin");
+    };
+    const struct {
+        const char* path;
+        std::function<void()> run;
+        std::string expected;
+        std::function<void()> setUp = [] {};
+    } cases[] = {
+        {"disable", [&] { User("admin").updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); }, "4"},
+        {"hash !!", [&] { User("admin").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &disabled, nullptr, &skip); }, "4"},
+        {"hash !", [&] { User("admin").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &locked, nullptr, &skip); }, "4"},
+        {"hash *", [&] { User("admin").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &star, nullptr, &skip); }, "4"},
+        // Without a main account, the next account created takes its uid: it is born enabled.
+        {"created disabled",
+         [&] { User::createUser("chief", "Chief#Pass2026", 1, false, false, &skip); }, "4", noMainAccount},
+        {"another account's hash !!", [&] { User("guest").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &disabled, nullptr, &skip); }, "ok"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        tvc::test::restoreSampleDevice();
+        c.setUp();
+        const std::string before = files();
+        const std::string result = outcome(c.run);
+        EXPECT_EQ(result, c.expected);
+        if (result != "ok") {
+            EXPECT_TRUE(files() == before) << "refused, but the files changed";
+        }
+    }
 }
 
 }  // namespace
