@@ -78,136 +78,91 @@ std::string files() {
            tvc::test::readFile("/etc/group") + tvc::test::readFile(kCommandLog);
 }
 
-// --- the policy ---------------------------------------------------------------------------------
-
-struct Caller {
+// The callers: name, holds the user-manager role, holds the role that changes its own password.
+const struct Caller {
     const char* name;
-    bool manager;  // holds the user-manager role (through its profile)
-    bool self;     // holds the role that may change its own password
-};
+    bool manager, self;
+} kCallers[] = {{"root", false, false},     {"admin", true, true},        {"operator", false, true},
+                {"viewer", false, true},    {"tech", false, true},        {"guest", false, true},
+                {"www-data", false, false}, {"svc-backup", false, false}, {"plainuser", false, true}};
 
-const Caller kCallers[] = {
-    {"root", false, false},     {"admin", true, true},      {"operator", false, true},
-    {"viewer", false, true},    {"tech", false, true},      {"guest", false, true},
-    {"www-data", false, false}, {"svc-backup", false, false}, {"plainuser", false, true},
-};
-
-enum class Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed };
-const Target kTargets[] = {Target::Self, Target::Other,   Target::Main,  Target::Root,
-                           Target::WebServer, Target::Service, Target::Stale, Target::Renamed};
-const char* targetName(Target t) {
-    static const char* const names[] = {"self", "other", "main", "root", "www-data", "svc-web", "stale", "renamed"};
-    return names[static_cast<int>(t)];
-}
+// The targets, by the account their object is looked up as ("" for the caller itself).  The
+// stale object is viewer's, kept while a manager renamed viewer to viewer-old and tech to
+// viewer; the renamed one is tech's with setUserName("admin") called on it.
+enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, kTargets };
+const char* const kTargetNames[] = {"self", "other", "admin", "root", "www-data", "svc-web", "viewer", "tech"};
 
 enum Op { Rename, Profile, Disable, Enable, Password, ResetOnOwnObject, Reset, Unlock, Remove, ReadHash, kOps };
-const char* const kOpNames[] = {"rename", "profile", "disable", "enable", "password",
+const char* const kOpNames[] = {"rename", "profile", "disable", "enable",  "password",
                                 "reset-own", "reset", "unlock", "remove", "hash"};
 
-bool managed(unsigned int uid) { return uid >= 10000 && uid < 10010; }
-
-// What an operation must answer.  `object` is the target object's uid; `written` the uid of
-// the account the operation writes (for a reset: the account its name names now); `stale`:
-// the object no longer names its stored account.
-// `callerStale`: the caller's own object is stale too (a reset called on it carries its name).
+// What an operation must answer.  `object`: the target object's uid; `written`: the uid of the
+// account written (for a reset: the one its name names now); `stale`: the object no longer
+// names its account; `callerStale`: nor does the caller's own (a reset on it names it).
 std::string expected(const Caller& c, Op op, unsigned int callerUid, unsigned int object, unsigned int written,
                      bool stale, bool callerStale) {
     const bool root = callerUid == 0, all = root || c.manager;
     const auto ownPassword = [&](unsigned int uid) { return all || (c.self && uid == callerUid); };
-    switch (op) {
-        case ReadHash:
-            return all ? "ok" : "302";
-        case Password:
-            if (!ownPassword(object)) return "302";
-            break;
-        case ResetOnOwnObject:
-            if (!c.self && !all) return "302";
-            if (!ownPassword(written)) return "302";
-            break;
-        case Reset:
-            if (!ownPassword(object) || !ownPassword(written)) return "302";
-            break;
-        default:
-            if (!all) return "302";
-    }
-    if (!managed(written) && !root) return "305";
+    const bool allowed = op == ReadHash           ? all
+                         : op == Password         ? ownPassword(object)
+                         : op == ResetOnOwnObject ? (c.self || all) && ownPassword(written)
+                         : op == Reset            ? ownPassword(object) && ownPassword(written)
+                                                  : all;
+    if (!allowed) return "302";
+    if (op == ReadHash) return "ok";
+    if ((written < 10000 || written >= 10010) && !root) return "305";
     if (op == Remove && object == 10000) return "3";
     if (op == Remove && object == callerUid) return "8";
     if (op == Disable && object == 10000) return "4";
-    if (op == ResetOnOwnObject ? callerStale : stale) return "41";
-    return "ok";
+    return (op == ResetOnOwnObject ? callerStale : stale) ? "41" : "ok";
 }
 
 TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
-    const std::string newName = "renamed", password = "Other#Pass2026";
+    const std::string newName = "renamed", password = "Other#Pass2026", oldName = "viewer-old", viewer = "viewer";
     const int viewers = 2;
     const bool no = false, yes = true;
     for (const Caller& c : kCallers)
-        for (const Target target : kTargets) {
-            SCOPED_TRACE(std::string(c.name) + " on " + targetName(target));
+        for (int target = 0; target < kTargets; ++target) {
+            SCOPED_TRACE(std::string(c.name) + " on " + kTargetNames[target]);
             std::string got, want;
             for (int op = 0; op < kOps; ++op) {
                 tvc::test::restoreSampleDevice();
                 unlink("/var/log/tallylog");
                 // The caller's object and its groups are read before any rename.
-                std::unique_ptr<User> caller;
-                if (std::string(c.name) != "root") {
-                    caller = std::make_unique<User>(c.name);
-                    int count = 0;
-                    ASSERT_NE(caller->getUserGroupsIds(count), nullptr);
-                }
+                const bool root = std::string(c.name) == "root";
+                User own(root ? "root" : c.name);
+                int count = 0;
+                ASSERT_NE(own.getUserGroupsIds(count), nullptr);
                 const std::string other = std::string(c.name) == "guest" ? "tech" : "guest";
-                const char* names[] = {c.name, other.c_str(), "admin", "root", "www-data", "svc-web", "viewer", "tech"};
-                User object(names[static_cast<int>(target)]);
-                if (target == Target::Stale) {
-                    // A session kept viewer's object; then a manager renamed viewer and gave
-                    // tech the name viewer.
-                    const std::string oldName = "viewer-old", viewerName = "viewer";
+                User object(target == Self ? c.name : target == Other ? other : kTargetNames[target]);
+                if (target == Stale) {
                     User("viewer").updateUser(&oldName, nullptr, nullptr, nullptr, nullptr, nullptr);
-                    User("tech").updateUser(&viewerName, nullptr, nullptr, nullptr, nullptr, nullptr);
+                    User("tech").updateUser(&viewer, nullptr, nullptr, nullptr, nullptr, nullptr);
                 }
-                if (target == Target::Renamed) object.setUserName("admin");
+                if (target == Renamed) object.setUserName("admin");
                 const std::string name = object.getUserName();
                 const unsigned int written = op == ResetOnOwnObject || op == Reset ? User(name).getUid() : object.getUid();
-                const unsigned int callerUid = caller ? caller->getUid() : 0;
-                const bool callerStale = target == Target::Stale && (callerUid == 10002 || callerUid == 10003);
+                const bool stale = target == Stale || target == Renamed;
                 want += std::string(" ") + kOpNames[op] + "=" +
-                        expected(c, static_cast<Op>(op), callerUid, object.getUid(), written,
-                                 target == Target::Stale || target == Target::Renamed, callerStale);
-                User own = caller ? *caller : User("root");
+                        expected(c, Op(op), own.getUid(), object.getUid(), written, stale,
+                                 target == Stale && (own.getUid() == 10002 || own.getUid() == 10003));
 
                 accountEvents();
                 const std::string before = files();
+                const std::function<void()> calls[] = {
+                    [&] { object.updateUser(&newName, nullptr, nullptr, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, &viewers, nullptr, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, nullptr, nullptr, &password, nullptr, nullptr); },
+                    [&] { own.updateAnyUserPassword(name, password, false, "", false); },
+                    [&] { object.updateAnyUserPassword(name, password, false, "", false); },
+                    [&] { object.unLock(); },
+                    [&] { object.removeUser(); },
+                    [&] { (void)object.getEncryptedPassword(); },
+                };
                 std::string result;
-                actingAs(caller.get(), [&] {
-                    result = outcome([&] {
-                        switch (static_cast<Op>(op)) {
-                            case Rename:
-                                return object.updateUser(&newName, nullptr, nullptr, nullptr, nullptr, nullptr);
-                            case Profile:
-                                return object.updateUser(nullptr, &viewers, nullptr, nullptr, nullptr, nullptr);
-                            case Disable:
-                                return object.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr);
-                            case Enable:
-                                return object.updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr);
-                            case Password:
-                                return object.updateUser(nullptr, nullptr, nullptr, &password, nullptr, nullptr);
-                            case ResetOnOwnObject:
-                                return own.updateAnyUserPassword(name, password, false, "", false);
-                            case Reset:
-                                return object.updateAnyUserPassword(name, password, false, "", false);
-                            case Unlock:
-                                return object.unLock();
-                            case Remove:
-                                return object.removeUser();
-                            case ReadHash:
-                                (void)object.getEncryptedPassword();
-                                return;
-                            case kOps:
-                                break;
-                        }
-                    });
-                });
+                actingAs(root ? nullptr : &own, [&] { result = outcome(calls[op]); });
                 got += std::string(" ") + kOpNames[op] + "=" + result;
                 if (result != "ok") {
                     EXPECT_TRUE(files() == before) << kOpNames[op] << " refused, but the files changed";
@@ -242,7 +197,8 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
         ASSERT_NE(viewer.getUserGroupsIds(count), nullptr);
         std::string answers;
         actingAs(&viewer, [&] {
-            for (int guess = 0; guess < 5; ++guess) answers += outcome([&] { f.change("Guess#" + std::to_string(guess), fresh); }) + " ";
+            for (int guess = 0; guess < 5; ++guess)
+                answers += outcome([&] { f.change("Guess#" + std::to_string(guess), fresh); }) + " ";
             answers += outcome([&] { f.change(right, fresh); });
         });
         EXPECT_EQ(answers, "18 18 18 18 18 18");
@@ -261,37 +217,23 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
 // The main account stays enabled whichever path writes its shadow field.
 TEST_F(RightsTest, NoPathDisablesTheMainAccount) {
     const bool skip = true, no = false;
-    const std::string disabled = "!!$6$tvcadmin2026$x", locked = "!$6$tvcadmin2026$x", star = "*";
-    const auto noMainAccount = [] {
-        tvc::test::removeEntry("/etc/passwd", "admin");
-        tvc::test::removeEntry("/etc/shadow", "admin");
+    const auto store = [&](const char* name, std::string hash) {
+        return outcome([&] {
+            User(name).updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &hash, nullptr, &skip);
+        });
     };
-    const struct {
-        const char* path;
-        std::function<void()> run;
-        std::string expected;
-        std::function<void()> setUp = [] {};
-    } cases[] = {
-        {"disable", [&] { User("admin").updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); }, "4"},
-        {"hash !!", [&] { User("admin").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &disabled, nullptr, &skip); }, "4"},
-        {"hash !", [&] { User("admin").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &locked, nullptr, &skip); }, "4"},
-        {"hash *", [&] { User("admin").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &star, nullptr, &skip); }, "4"},
-        // Without a main account, the next account created takes its uid: it is born enabled.
-        {"created disabled",
-         [&] { User::createUser("chief", "Chief#Pass2026", 1, false, false, &skip); }, "4", noMainAccount},
-        {"another account's hash !!", [&] { User("guest").updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &disabled, nullptr, &skip); }, "ok"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
-        tvc::test::restoreSampleDevice();
-        c.setUp();
-        const std::string before = files();
-        const std::string result = outcome(c.run);
-        EXPECT_EQ(result, c.expected);
-        if (result != "ok") {
-            EXPECT_TRUE(files() == before) << "refused, but the files changed";
-        }
-    }
+    std::string before = files();
+    EXPECT_EQ(outcome([&] { User("admin").updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); }) + " " +
+                  store("admin", "!!$6$tvc$x") + " " + store("admin", "!$6$tvc$x") + " " + store("admin", "*"),
+              "4 4 4 4");
+    EXPECT_TRUE(files() == before);
+    EXPECT_EQ(store("guest", "!!$6$tvc$x"), "ok");
+    // Without a main account, the next account created takes its uid: it is born enabled.
+    tvc::test::removeEntry("/etc/passwd", "admin");
+    tvc::test::removeEntry("/etc/shadow", "admin");
+    before = files();
+    EXPECT_EQ(outcome([&] { User::createUser("chief", "Chief#Pass2026", 1, false, false, &skip); }), "4");
+    EXPECT_TRUE(files() == before);
 }
 
 }  // namespace
