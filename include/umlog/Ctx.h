@@ -45,8 +45,8 @@ public:
 
     // The account the thread acts as.  setUser() replaces it by the account of the thread's
     // effective user id; setUser(user) by a copy of `user`, unless the one held compares equal.
-    // The old object is gone before the new one is built: when building fails (the exception
-    // propagates), the context holds none and getUser() builds one afresh.
+    // The new object is built before the old one is dropped: when building fails (the
+    // exception propagates), the context keeps the account object it held.
     void setUser();
     void setUser(const usermanagement::User& user);
     // The account object, built by setUser() on first use.

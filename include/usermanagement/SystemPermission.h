@@ -80,8 +80,13 @@ public:
     // back before the call returns.  Failures: PMException 16 "setUserPermission no user" for
     // a name without an account; PMException 15 for a refused switch ("setUserPermission
     // sys_setresgid", "... sys_setresuid", "... sys_setgroups") or a group list that cannot be
-    // had ("Memory malloc failed", "Memory realloc failed").  After a failure the object stays
-    // unchanged and the thread keeps what the completed steps set: at least effective root.
+    // had ("Memory malloc failed", "Memory realloc failed"); whatever building the context's
+    // account throws.  The account and its groups are looked up with the thread's identity
+    // before any id changes; a failure after the switch began puts the thread back to the
+    // snapshot (ids, saved ids included, and groups) before the exception propagates, and the
+    // context keeps the account object it held.  After a failure the object stays unchanged.
+    // A thread that cannot be put back is handled as by the destructor (restored as far as an
+    // unprivileged thread can, or the process aborts).
     // Without a root configuration the account is still looked up and the state changes, but
     // no id does, and the context records the account of the thread's unchanged effective id.
     void setUserPermission(const std::string& userName);

@@ -105,6 +105,53 @@ void restoreOrAbort(uid_t euid, gid_t egid, const unsigned int* groups, int coun
     std::abort();
 }
 
+// The identity an object recorded at construction.
+struct Snapshot {
+    uid_t ruid, euid, suid;
+    gid_t rgid, egid, sgid;
+    const unsigned int* groups;  // null when they could not be recorded
+    int count;
+};
+
+// The calling thread has every id of `snapshot`, and its groups when they were recorded.
+bool hasSnapshot(const Snapshot& snapshot) {
+    uid_t ruid = 0, euid = 0, suid = 0;
+    gid_t rgid = 0, egid = 0, sgid = 0;
+    if (getresuid(&ruid, &euid, &suid) != 0 || getresgid(&rgid, &egid, &sgid) != 0) return false;
+    return ruid == snapshot.ruid && euid == snapshot.euid && suid == snapshot.suid && rgid == snapshot.rgid &&
+           egid == snapshot.egid && sgid == snapshot.sgid &&
+           (!groupsKnown(snapshot.groups, snapshot.count) || hasGroups(snapshot.groups, snapshot.count));
+}
+
+// Puts the calling thread back to `snapshot` after an act-as that failed part-way: from root
+// again, groups before group ids before user ids, the saved ids included (they may have been
+// other than 0).  The real ids are never changed by an act-as and are left alone.  A thread
+// that still is not the snapshot afterwards gets the destructor's last resort: it either has
+// the snapshot's effective identity or the process ends.
+void rollBack(const Snapshot& snapshot) noexcept {
+    if (hasSnapshot(snapshot)) return;
+    ids::setResUid(ids::kUnchanged, 0, ids::kUnchanged);
+    if (groupsKnown(snapshot.groups, snapshot.count)) ids::setGroups(snapshot.count, snapshot.groups);
+    ids::setResGid(ids::kUnchanged, snapshot.egid, snapshot.sgid);
+    ids::setResUid(ids::kUnchanged, snapshot.euid, snapshot.suid);
+    if (!hasSnapshot(snapshot)) restoreOrAbort(snapshot.euid, snapshot.egid, snapshot.groups, snapshot.count);
+}
+
+// Runs `act`, which switches the thread and records the account in its log context.  Safety:
+// a failure half-way must not leave the thread with an identity it did not have, least of all
+// root (its next rights check would pass) or the half-taken account.  So whatever `act` did
+// is undone before its exception goes on to the caller, and the caller's object stays
+// unchanged.
+template <class Act>
+void actAsOrRollBack(const Snapshot& snapshot, Act&& act) {
+    try {
+        act();
+    } catch (...) {
+        rollBack(snapshot);
+        throw;
+    }
+}
+
 // Puts the calling thread (effective root) into an account's identity: groups, then effective
 // group id, then effective user id, saved ids 0 so that the library can regain root for its own
 // operations.  The identity is read back afterwards: a thread that kept root's supplementary
@@ -227,9 +274,12 @@ void SystemPermission::restorePermission() {
     m_permissionChanged = false;
 }
 
+// Both forms look everything up before the first id changes, so that an account that is not
+// there or a group list that cannot be had is refused with the thread untouched.  What can
+// only fail after the switch began is undone by actAsOrRollBack.  The state changes last: a
+// failed call leaves the object unchanged, with nothing for the destructor to restore.
 void SystemPermission::setUserPermission(const std::string& userName) {
     if (m_permissionChanged) return;
-    setUpPermission();
     unsigned int uid = kUnknownId, gid = kUnknownId;
     if (!systemutilities::LinuxUserSystem::getUserIds(userName.c_str(), &uid, &gid))
         raise<PMException>(PMError::UpdateUserFailed, "setUserPermission no user");
@@ -241,21 +291,27 @@ void SystemPermission::setUserPermission(const std::string& userName) {
     } catch (const std::bad_alloc&) {
         raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
     }
-    actAs(uid, gid, groups.data(), static_cast<int>(groups.size()));
-    // From here the destructor restores, also when the context cannot build the account.
+    const Snapshot recorded{m_ruid, m_euid, m_saveuid, m_rgid, m_egid, m_savegid, m_groups, m_nbreGroup};
+    actAsOrRollBack(recorded, [&] {
+        setUpPermission();
+        actAs(uid, gid, groups.data(), static_cast<int>(groups.size()));
+        umlog::Ctx::getCtx().setUser();
+    });
     m_permissionChanged = true;
-    umlog::Ctx::getCtx().setUser();
 }
 
 void SystemPermission::setUserPermission(const User& user) {
     if (m_permissionChanged) return;
-    setUpPermission();
     int count = 0;
     const gid_t* groups = user.getUserGroupsIds(count);
     if (groups == nullptr) raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory malloc failed");
-    actAs(user.getUid(), user.getGid(), groups, count);
+    const Snapshot recorded{m_ruid, m_euid, m_saveuid, m_rgid, m_egid, m_savegid, m_groups, m_nbreGroup};
+    actAsOrRollBack(recorded, [&] {
+        setUpPermission();
+        actAs(user.getUid(), user.getGid(), groups, count);
+        umlog::Ctx::getCtx().setUser(user);
+    });
     m_permissionChanged = true;
-    umlog::Ctx::getCtx().setUser(user);
 }
 
 void SystemPermission::setUserPermissionDefinitely() {

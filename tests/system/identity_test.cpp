@@ -16,7 +16,9 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <typeinfo>
 
+#include <authnz/AuthNZException.h>
 #include <systemutilities/ScriptLauncher.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/SystemPermission.h>
@@ -25,6 +27,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "foundation/Descriptor.h"
+#include "support/DeviceFixture.h"
 #include "support/Sandbox.h"
 #include "system/IdSyscalls.h"
 
@@ -32,7 +35,9 @@ using systemutilities::ScriptLauncher;
 using tvc::test::writeFile;
 using usermanagement::PMException;
 using usermanagement::SystemPermission;
+using usermanagement::UMException;
 using usermanagement::User;
+using usermanagement::UserDefinition;
 using usermanagement::detail::Descriptor;
 namespace ids = usermanagement::detail::ids;
 
@@ -332,9 +337,8 @@ TEST_F(IdentityTest, ActingAsAnAccountRefusesWhatItCannotBecome) {
             // An account that is not stored has no user id to take: the read-back refuses it.
             const User unsaved("newcomer", 2, true);
             EXPECT_EQ(failure([&] { permission.setUserPermission(unsaved); }), "setUserPermission sys_setresuid");
-        }  // never switched: the destructor leaves the thread as the failures did
-        EXPECT_EQ(geteuid(), 0u);
-        becomeThread(0, 10001, 0, kOperatorGroups);
+        }  // a failed switch put the thread back at once: nothing was left for the destructor
+        ASSERT_EQ(idsOf(), before);
         ScopedRootProfile noRoot([] { return false; });
         {
             SystemPermission permission;
@@ -386,6 +390,125 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
             }
             EXPECT_EQ(idsOf(), before);  // the calling thread keeps its ids, and its way back to root
         }).join();
+}
+
+// The sample device's configuration without the pause after an unknown name or id.
+class QuickDefinition : public tvc::sample::SampleDefinition {
+public:
+    unsigned int getDBDelayWrongCredential() override { return 0; }
+};
+
+class ActingFailureTest : public tvc::test::DeviceTest<QuickDefinition> {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        // Earlier tests of this binary built the library's own catalogue: the sample device's
+        // replaces it, so that viewer has its profile's rights.
+        catalogue.getProfiles(true);
+    }
+};
+
+// "Class code message" of the library exception `call` throws, or "" when it throws none.
+std::string thrown(const std::function<void()>& call) try {
+    call();
+    return "";
+} catch (const tarvicexception::TvcException& e) {
+    const char* name = typeid(e) == typeid(PMException)   ? "PMException"
+                       : typeid(e) == typeid(UMException) ? "UMException"
+                                                          : typeid(e).name();
+    return std::string(name) + " " + std::to_string(e.getErrorId()) + " " + e.what();
+} catch (const std::exception& e) {
+    return std::string(typeid(e).name()) + " " + e.what();
+}
+
+// The rights check's answer to the thread for changing accounts: "allowed", "refused", or what
+// kept it from answering.
+std::string updateUserRight() try {
+    UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr);
+    return "allowed";
+} catch (const authnz::AuthorizationException&) {
+    return "refused";
+} catch (const std::exception& e) {
+    return e.what();
+}
+
+// operator in more groups than the kernel lets a thread have: its list is refused by setgroups.
+void moreGroupsThanAThreadMayHave() {
+    std::string lines;
+    for (long gid = 100000, end = gid + sysconf(_SC_NGROUPS_MAX); gid < end; ++gid)
+        lines += "x" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":operator\n";
+    tvc::test::addLines("/etc/group", lines);
+}
+
+// An account database that only viewers may read: viewer finds operator, but operator cannot
+// find itself once the thread has become operator.
+void accountsForViewersOnly() {
+    ASSERT_EQ(chown("/etc/passwd", 0, 10002), 0);
+    ASSERT_EQ(chmod("/etc/passwd", 0640), 0);
+}
+
+// A thread acting as viewer asks a second object to act as an account, and the request fails:
+// before anything was switched, or after the switch had begun.  Either way the thread goes on
+// as viewer, with the context's account object it had (read state included), and a right
+// viewer lacks stays refused.
+TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
+    const struct {
+        const char* what;
+        void (*prepare)();  // as root, before the thread acts as viewer
+        std::function<void(SystemPermission&)> act;
+        std::string failure;  // thrown(act)
+    } cases[] = {
+        {"no such account", [] {}, [](SystemPermission& p) { p.setUserPermission("nosuch"); },
+         "PMException 16 setUserPermission no user"},
+        {"a group list setgroups refuses", moreGroupsThanAThreadMayHave,
+         [](SystemPermission& p) { p.setUserPermission("operator"); },
+         "PMException 15 setUserPermission sys_setgroups"},
+        {"a group list setgroups refuses, through an account object", moreGroupsThanAThreadMayHave,
+         [](SystemPermission& p) { p.setUserPermission(User("operator")); },
+         "PMException 15 setUserPermission sys_setgroups"},
+        // Not stored: no user id (-1, which setresuid reads as "unchanged"), a real group id.
+        {"an account object without a user id", [] {},
+         [](SystemPermission& p) { p.setUserPermission(User("newcomer", 2, true)); },
+         "PMException 15 setUserPermission sys_setresuid"},
+        // The switch succeeds; the context's account, built as operator, does not.
+        {"an account the context cannot build", accountsForViewersOnly,
+         [](SystemPermission& p) { p.setUserPermission("operator"); },
+         "UMException 5 User uid not found in the system (retrieveUserName from uid):10001"},
+    };
+    for (const auto& c : cases) {
+        c.prepare();
+        std::thread([&c] {
+            SCOPED_TRACE(c.what);
+            SystemPermission viewer;
+            viewer.setUserPermission("viewer");
+            User& account = umlog::Ctx::getCtx().getUser();
+            account.updateState();  // a fresh object of the account would not be active
+            const std::string before = idsOf();
+            ASSERT_EQ(before, "Uid: 0 10002 0 10002 Gid: 0 10002 0 10002 Groups: 4102 4104 4201 10002 ");
+            ASSERT_TRUE(account.isActive());
+            ASSERT_EQ(updateUserRight(), "refused");
+            const auto unchanged = [&] {
+                EXPECT_EQ(idsOf(), before);
+                try {
+                    const User& now = umlog::Ctx::getCtx().getUser();
+                    EXPECT_EQ(&now, &account) << "the context holds another account object";
+                    EXPECT_EQ(now.getUserName(), "viewer");
+                    EXPECT_TRUE(now.isActive());
+                } catch (const std::exception& e) {
+                    ADD_FAILURE() << "the context has no account to give: " << e.what();
+                }
+                EXPECT_EQ(updateUserRight(), "refused");
+            };
+            {
+                SystemPermission other;
+                EXPECT_EQ(thrown([&] { c.act(other); }), c.failure);
+                unchanged();
+            }  // and the object has nothing to restore
+            unchanged();
+        }).join();
+        ASSERT_NO_THROW(tvc::test::restoreSampleDevice());
+    }
 }
 
 }  // namespace
