@@ -23,6 +23,7 @@
 #include <usermanagement/User.h>
 
 #include "support/DeviceFixture.h"
+#include "support/Outcome.h"
 #include "support/RecordingLogger.h"
 #include "support/Sandbox.h"
 
@@ -32,12 +33,9 @@ namespace {
 
 constexpr const char* kCommandLog = "/var/log/tvc-commands.log";
 
-class Definition : public tvc::sample::SampleDefinition {
-public:
-    unsigned int getDBDelayWrongCredential() override { return 0; }
-};
+using tvc::test::outcome;
 
-class LifeCycleTest : public tvc::test::DeviceTest<Definition> {
+class LifeCycleTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
 protected:
     void SetUp() override {
         DeviceTest::SetUp();
@@ -68,14 +66,6 @@ protected:
 
     tvc::test::RecordingLogger sink;
 };
-
-// "ok", or "<code> <message>" of what `call` throws.
-std::string outcome(const std::function<void()>& call) try {
-    call();
-    return "ok";
-} catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId()) + " " + e.what();
-}
 
 // Runs `body` in a thread acting as `name` through the library's switch.
 void as(const std::string& name, const std::function<void()>& body) {

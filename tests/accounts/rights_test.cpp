@@ -22,6 +22,7 @@
 #include <usermanagement/User.h>
 
 #include "support/DeviceFixture.h"
+#include "support/Outcome.h"
 #include "support/RecordingLogger.h"
 #include "support/Sandbox.h"
 
@@ -31,12 +32,9 @@ namespace {
 
 constexpr const char* kCommandLog = "/var/log/tvc-commands.log";
 
-class Definition : public tvc::sample::SampleDefinition {
-public:
-    unsigned int getDBDelayWrongCredential() override { return 0; }
-};
+constexpr auto outcome = tvc::test::outcomeCode;
 
-class RightsTest : public tvc::test::DeviceTest<Definition> {
+class RightsTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
 protected:
     void SetUp() override {
         DeviceTest::SetUp();
@@ -55,14 +53,6 @@ protected:
 
     tvc::test::RecordingLogger sink;
 };
-
-// "ok", or the code of what `call` throws.
-std::string outcome(const std::function<void()>& call) try {
-    call();
-    return "ok";
-} catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId());
-}
 
 // Runs `body` on a thread acting as `caller` (root: the process's own identity, no switch).
 void actingAs(User* caller, const std::function<void()>& body) {
@@ -141,7 +131,8 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                 }
                 if (target == Renamed) object.setUserName("admin");
                 const std::string name = object.getUserName();
-                const unsigned int written = op == ResetOnOwnObject || op == Reset ? User(name).getUid() : object.getUid();
+                const bool reset = op == ResetOnOwnObject || op == Reset;
+                const unsigned int written = reset ? User(name).getUid() : object.getUid();
                 const bool stale = target == Stale || target == Renamed;
                 want += std::string(" ") + kOpNames[op] + "=" +
                         expected(c, Op(op), own.getUid(), object.getUid(), written, stale,

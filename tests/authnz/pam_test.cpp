@@ -25,6 +25,7 @@
 #include "sampledevice/SampleDevice.h"
 #include "support/RecordingLogger.h"
 #include "support/DeviceFixture.h"
+#include "support/Outcome.h"
 #include "support/Sandbox.h"
 
 using namespace usermanagement;
@@ -33,13 +34,9 @@ using authnz::WebPam;
 
 namespace {
 
-// The sample device's limit of failed logins, without the pause for unknown names.
-class Definition : public tvc::sample::SampleDefinition {
-public:
-    unsigned int getDBDelayWrongCredential() override { return 0; }
-};
+using tvc::test::outcome;
 
-class PamTest : public tvc::test::DeviceTest<Definition> {
+class PamTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
 protected:
     void SetUp() override {
         DeviceTest::SetUp();
@@ -69,14 +66,6 @@ void asWebServer(const std::function<void(const std::function<void()>& sameIdent
         const std::string before = identity();
         body([&] { EXPECT_EQ(identity(), before); });
     }).join();
-}
-
-// The outcome of `call`: "ok", or "<code> <message>".
-std::string outcome(const std::function<void()>& call) try {
-    call();
-    return "ok";
-} catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId()) + " " + e.what();
 }
 
 std::shared_ptr<WebPam> session(const std::string& user, WebPam::PamType type) {
