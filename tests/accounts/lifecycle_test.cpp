@@ -67,14 +67,7 @@ protected:
     tvc::test::RecordingLogger sink;
 };
 
-// Runs `body` in a thread acting as `name` through the library's switch.
-void as(const std::string& name, const std::function<void()>& body) {
-    std::thread([&] {
-        SystemPermission permission;
-        permission.setUserPermission(name);
-        body();
-    }).join();
-}
+using tvc::test::as;
 
 // The line of entry `name` in `path`, "" when there is none.
 std::string entry(const std::string& path, const std::string& name) {
@@ -193,23 +186,6 @@ TEST_F(LifeCycleTest, PasswordsChangedByTheHolderResetByAManagerAndChecked) {
     EXPECT_EQ(outcome([&] { guest.checkPasswordStrenght("abc"); }).substr(0, 3), "33 ");
     EXPECT_EQ(outcome([&] { guest.checkPasswordStrenght("Long#Enough2026"); }), "ok");
     EXPECT_EQ(takeCommands(), "");
-}
-
-TEST_F(LifeCycleTest, UnlockResetsTheTallyAndLogsOnlyALockedAccount) {
-    User tech("tech");
-    failLogins("tech", 3);
-    takeEvents();
-    tech.updateState();
-    ASSERT_TRUE(tech.isLocked());
-    for (const char* expected : {"10 User account - unlocked <tech>\n", ""}) {
-        // From a thread acting as a user manager, as a web request would.
-        as("admin", [&] { tech.unLock(); });
-        EXPECT_FALSE(tech.isLocked());
-        EXPECT_EQ(takeEvents(), expected);
-        EXPECT_EQ(takeCommands(), tallyReset("tech"));
-    }
-    std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("tech", "", authnz::WebPam::WebLogin));
-    EXPECT_EQ(outcome([&] { pam->pamAuthentication("Tech#2026"); }), "ok");
 }
 
 // Names the built-in name check accepts reach the unlock command as one literal argument: the
