@@ -22,52 +22,15 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 
-#include "support/DeviceFixture.h"
-#include "support/Outcome.h"
-#include "support/RecordingLogger.h"
-#include "support/Sandbox.h"
+#include "support/AccountSupport.h"
 
 using namespace usermanagement;
 
 namespace {
 
-constexpr const char* kCommandLog = "/var/log/tvc-commands.log";
-
-using tvc::test::outcome;
-
-class LifeCycleTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
-protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        unlink("/var/log/tallylog");
-        takeCommands();
-        umlog::Ctx::getCtx().setUsername("admin");
-    }
-
-    // The commands recorded since the last call, one line each.
-    static std::string takeCommands() {
-        std::string text = tvc::test::readFile(kCommandLog);
-        tvc::test::writeFile(kCommandLog, "");
-        return text;
-    }
-
-    // The account events logged since the last call: "<id> <text>" lines.
-    std::string takeEvents() {
-        std::string text;
-        for (const auto& m : sink.messages) {
-            if (m.category != LogCategory::UserAccount) continue;
-            EXPECT_EQ(m.severity, m.messageId == 9 ? LogSeverity::Warning : LogSeverity::Notice) << m.text;
-            text += std::to_string(m.messageId) + " " + m.text + "\n";
-        }
-        sink.messages.clear();
-        return text;
-    }
-
-    tvc::test::RecordingLogger sink;
-};
-
 using tvc::test::as;
+using tvc::test::outcome;
+using LifeCycleTest = tvc::test::AccountsTest;
 
 // The line of entry `name` in `path`, "" when there is none.
 std::string entry(const std::string& path, const std::string& name) {

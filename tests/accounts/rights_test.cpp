@@ -21,38 +21,15 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 
-#include "support/DeviceFixture.h"
-#include "support/Outcome.h"
-#include "support/RecordingLogger.h"
-#include "support/Sandbox.h"
+#include "support/AccountSupport.h"
 
 using namespace usermanagement;
 
 namespace {
 
-constexpr const char* kCommandLog = "/var/log/tvc-commands.log";
-
+using tvc::test::kCommandLog;
 constexpr auto outcome = tvc::test::outcomeCode;
-
-class RightsTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
-protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        unlink("/var/log/tallylog");
-        umlog::Ctx::getCtx().setUsername("test");
-    }
-
-    std::string accountEvents() {
-        std::string text;
-        for (const auto& m : sink.messages)
-            if (m.category == LogCategory::UserAccount) text += std::to_string(m.messageId) + " " + m.text + "\n";
-        sink.messages.clear();
-        return text;
-    }
-
-    tvc::test::RecordingLogger sink;
-};
+using RightsTest = tvc::test::AccountsTest;
 
 using tvc::test::actingAs;
 
@@ -134,7 +111,7 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                         expected(c, Op(op), own.getUid(), object.getUid(), written, stale,
                                  target == Stale && (own.getUid() == 10002 || own.getUid() == 10003));
 
-                accountEvents();
+                takeEvents();
                 const std::string before = files();
                 const std::function<void()> calls[] = {
                     [&] { User::createUser("extra", password, viewers, true, false, nullptr); },
@@ -155,7 +132,7 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                 got += std::string(" ") + kOpNames[op] + "=" + result;
                 if (result != "ok") {
                     EXPECT_TRUE(files() == before) << kOpNames[op] << " refused, but the files changed";
-                    EXPECT_EQ(accountEvents(), "") << kOpNames[op];
+                    EXPECT_EQ(takeEvents(), "") << kOpNames[op];
                 }
             }
             EXPECT_EQ(got, want);
@@ -171,7 +148,7 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
         SCOPED_TRACE(byName ? "by name" : "on the holder's object");
         tvc::test::restoreSampleDevice();
         unlink("/var/log/tallylog");
-        accountEvents();
+        takeEvents();
         const std::string shadow = tvc::test::readFile("/etc/shadow");
         const auto change = [&](std::string old) {
             std::string fresh = "Fresh#Pass2026x";
@@ -186,13 +163,13 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
                 answers += change(old) + " ";
         });
         EXPECT_EQ(answers, "18 18 18 18 18 ");
-        EXPECT_EQ(accountEvents(), "9 User account - locked <admin>\n");
+        EXPECT_EQ(takeEvents(), "9 User account - locked <admin>\n");
         EXPECT_EQ(tvc::test::readFile("/etc/shadow"), shadow);
         User admin("admin");
         for (const char* event : {"10 User account - unlocked <admin>\n", ""}) {
             tvc::test::writeFile(kCommandLog, "");
             tvc::test::as("admin", [&] { admin.unLock(); });
-            EXPECT_EQ(accountEvents(), event);
+            EXPECT_EQ(takeEvents(), event);
             EXPECT_EQ(tvc::test::readFile(kCommandLog), "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [admin]\n");
         }
         tvc::test::as("viewer", [&] { EXPECT_EQ(change("Admin#2026"), "ok"); });

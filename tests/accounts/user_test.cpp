@@ -26,7 +26,7 @@
 #include <usermanagement/Utilities.h>
 
 #include "support/DeviceFixture.h"
-#include "support/Outcome.h"
+#include "support/AccountSupport.h"
 #include "support/Sandbox.h"
 
 using namespace usermanagement;

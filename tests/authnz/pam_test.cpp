@@ -25,7 +25,7 @@
 #include "sampledevice/SampleDevice.h"
 #include "support/RecordingLogger.h"
 #include "support/DeviceFixture.h"
-#include "support/Outcome.h"
+#include "support/AccountSupport.h"
 #include "support/Sandbox.h"
 
 using namespace usermanagement;

@@ -1,6 +1,6 @@
 // What the suites on the sample device share: its configuration without the pause after an
-// unknown name, the outcome of a call as text (for tables of expected answers), and threads
-// acting as an account.
+// unknown name, the outcome of a call as text (for tables of expected answers), threads acting
+// as an account, and a fixture that records the account events and the commands run.
 #pragma once
 
 #include <unistd.h>
@@ -17,6 +17,9 @@
 #include <usermanagement/User.h>
 
 #include "sampledevice/SampleCatalogue.h"
+#include "support/DeviceFixture.h"
+#include "support/RecordingLogger.h"
+#include "support/Sandbox.h"
 
 namespace tvc::test {
 
@@ -63,5 +66,41 @@ inline void as(const std::string& name, const std::function<void()>& body) {
     account.getUserGroupsIds(count);
     actingAs(&account, body);
 }
+
+constexpr const char* kCommandLog = "/var/log/tvc-commands.log";
+
+// The sample device without failed logins, the commands log emptied, and a recording sink.
+class AccountsTest : public DeviceTest<QuickDefinition> {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        unlink("/var/log/tallylog");
+        takeCommands();
+        umlog::Ctx::getCtx().setUsername("admin");
+    }
+
+    // The commands recorded since the last call, one line each.
+    static std::string takeCommands() {
+        std::string text = readFile(kCommandLog);
+        writeFile(kCommandLog, "");
+        return text;
+    }
+
+    // The account events logged since the last call: "<id> <text>" lines.
+    std::string takeEvents() {
+        using usermanagement::LogSeverity;
+        std::string text;
+        for (const auto& m : sink.messages) {
+            if (m.category != usermanagement::LogCategory::UserAccount) continue;
+            EXPECT_EQ(m.severity, m.messageId == 9 ? LogSeverity::Warning : LogSeverity::Notice) << m.text;
+            text += std::to_string(m.messageId) + " " + m.text + "\n";
+        }
+        sink.messages.clear();
+        return text;
+    }
+
+    RecordingLogger sink;
+};
 
 }  // namespace tvc::test
