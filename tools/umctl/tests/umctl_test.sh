@@ -23,13 +23,20 @@ fi
 # Runs inside the sandbox: the shell commands `before`, umctl with its output and status into the
 # scratch directory, then the shell test `after` over the device's files, with helpers: reloads (how many times the
 # name-service cache was told to reload), ran LINE (the command log holds LINE), unchanged
-# (passwd and shadow are as the sandbox wrote them) and login NAME PASSWORD (its answer).
+# (passwd and shadow are as the sandbox wrote them), login NAME PASSWORD (its answer),
+# plant NAME UID (appends a locked viewer NAME straight to passwd and shadow, for names that
+# umctl would not create) and valid_json (the run's stdout is JSON in valid UTF-8).
 # shellcheck disable=SC2016 # expanded by the inner shell
 inside='scratch=$1 before=$2 after=$3 umctl=$4
 reloads() { grep -cxF "sudo [/etc/init.d/S46unscd] [reload]" /var/log/tvc-commands.log; }
 ran() { grep -qxF "$1" /var/log/tvc-commands.log; }
 unchanged() { cmp -s /etc/passwd "$TVC_SANDBOX_PRISTINE/passwd" && cmp -s /etc/shadow "$TVC_SANDBOX_PRISTINE/shadow"; }
 login() { "$umctl" login "$1" --password-stdin <<<"$2" 2>/dev/null; }
+plant() {
+    printf "%s:x:%s:10002::/home/admin:/bin/sh\n" "$1" "$2" >>/etc/passwd
+    printf "%s:!:20454:0:99999:7:::\n" "$1" >>/etc/shadow
+}
+valid_json() { python3 -c "import json, sys; json.loads(sys.stdin.buffer.read().decode())" <"$scratch/out"; }
 shift 3
 eval "$before"
 "$@" >"$scratch/out" 2>"$scratch/err"
@@ -46,16 +53,18 @@ expect() {
     rm -f "$scratch/status"
     "$sandbox" -- bash -c "$inside" - "$scratch" "${before-}" "${after-true}" "$umctl" "$@" || effect=$?
     [[ -f $scratch/status ]] && status=$(<"$scratch/status")
-    local out err
+    # The words as the shell would quote them: names with control characters stay on the line.
+    local out err shown
+    printf -v shown ' %q' "$@"
     out=$(<"$scratch/out")
     err=$(<"$scratch/err")
     # shellcheck disable=SC2053 # the right-hand sides are patterns on purpose
     if [[ $status == "$want" && $out == $out_pattern && $err == $err_pattern && $effect == 0 ]]; then
         passed=$((passed + 1))
-        echo "ok: umctl $*"
+        echo "ok: umctl$shown"
     else
         failed=$((failed + 1))
-        echo "FAILED: umctl $* (status $status, expected $want)"
+        echo "FAILED: umctl$shown (status $status, expected $want)"
         echo "  stdout: $out"
         echo "  stderr: $err"
         ((effect == 0)) || echo "  failed afterwards: ${after-}"
