@@ -108,4 +108,9 @@ void installAuditSink();
 // `text` as a JSON string literal.
 std::string jsonString(const std::string& text);
 
+// `text` printable on one line, for every name and library text umctl prints for people:
+// a backslash becomes \\, newline, tab and carriage return \n, \t and \r, the other control
+// characters (0x00-0x1f, 0x7f) \xHH.  Other bytes are kept, so ordinary names print as they are.
+std::string printable(const std::string& text);
+
 }  // namespace umctl

@@ -3,8 +3,9 @@
 //     umctl [--json] [--as NAME] COMMAND [ARGS...]
 //
 // Exit status 0 on success, 1 when something is not found or the library refuses, 2 on a bad
-// command line.  Every error is one line on stderr; with --json a library failure also prints
-// the library's JSON answer on stdout, as the web front end would receive it.  With --as the
+// command line.  Every error is one line on stderr, the names and texts it echoes made
+// printable (control characters escaped); with --json a library failure also prints the
+// library's JSON answer on stdout, as the web front end would receive it.  With --as the
 // command runs with the thread acting as account NAME, as a device's web server serves a
 // logged-in operator: the library's rights checks judge that account.
 #include <unistd.h>
@@ -115,6 +116,37 @@ ActingAs::ActingAs() {
     umlog::Ctx::getCtx().setUsername(name);
 }
 
+namespace {
+
+bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+std::string escaped(const std::string& text, bool quote) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\' || (quote && c == '"')) {
+            out += '\\';
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (isControl(byte)) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
 std::string jsonString(const std::string& text) {
     std::string quoted = "\"";
     for (const char c : text) {
@@ -131,6 +163,8 @@ std::string jsonString(const std::string& text) {
     }
     return quoted + "\"";
 }
+
+std::string printable(const std::string& text) { return escaped(text, false); }
 
 namespace {
 
@@ -187,7 +221,7 @@ int main(int argc, char** argv) {
             }
         }
     } catch (const UsageError& e) {
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         return kUsage;
     }
 
@@ -201,15 +235,15 @@ int main(int argc, char** argv) {
         context.setUsername(invokingUser());
         return run(commands, words);
     } catch (const UsageError& e) {
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         return kUsage;
     } catch (tarvicexception::TvcException& e) {
         e.logCdsMessage();
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         if (options.json) std::cout << e.getJsonAnswer() << "\n";
         return kFailed;
     } catch (const std::exception& e) {
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         return kFailed;
     }
 }

@@ -211,5 +211,15 @@ before="\"\$umctl\" migrate >/dev/null 2>&1; cat /etc/passwd /etc/shadow /etc/gr
     after="cat /etc/passwd /etc/shadow /etc/group | cmp -s - \"\$scratch/first\"" \
     expect 0 "$migrated${nl}kept tech profile viewers${nl}kept viewer profile viewers" "" -- migrate
 
+# Names that are not plain text.  Control characters in an echoed name are escaped (\n, \xHH),
+# so each message stays one line and a name cannot forge another; ordinary names print as they
+# are.
+lookup='User uid not found in the system (retrieveUID from username):'
+logged="umctl: log: category=8 id=22 severity=debug ip=cli user=root text=User not found,(5)$lookup"
+expect 1 "" "$logged"'x umctl: log: forged,'"${nl}umctl: $lookup"'x\\numctl: log: forged' -- show $'x\numctl: log: forged'
+expect 1 "" "$logged"'a [[]31mb,'"${nl}umctl: $lookup"'a\\x1b[[]31mb' -- rename $'a\e[31mb' y
+expect 2 "" 'umctl: unknown command: bo\\ngus (umctl --help lists them)' -- $'bo\ngus'
+before="plant \$'e\\e[31mx' 10005" expect 0 "*${nl}guest *10004 *viewers *yes *no *no *no${nl}e\\\\x1b[[]31mx *10005 *viewers *yes*" "" -- list
+
 echo "$passed passed, $failed failed"
 ((failed == 0))
