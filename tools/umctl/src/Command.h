@@ -113,4 +113,8 @@ std::string jsonString(const std::string& text);
 // characters (0x00-0x1f, 0x7f) \xHH.  Other bytes are kept, so ordinary names print as they are.
 std::string printable(const std::string& text);
 
+// `text` printable as above, with `"` as \", between double quotes: a field of the log line
+// that no blank, quote or "key=" inside it can split.
+std::string quoted(const std::string& text);
+
 }  // namespace umctl

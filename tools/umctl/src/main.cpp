@@ -166,6 +166,8 @@ std::string jsonString(const std::string& text) {
 
 std::string printable(const std::string& text) { return escaped(text, false); }
 
+std::string quoted(const std::string& text) { return '"' + escaped(text, true) + '"'; }
+
 namespace {
 
 void printHelp(const std::vector<Command>& commands) {

@@ -84,7 +84,7 @@ expect 0 "gid: 10002${nl}name: viewers" "" -- group viewers
 expect 0 "gid: 4101${nl}name: role-user-manager" "" -- group 4101
 
 # Not found: status 1, an audit line and one error line on stderr, JSON only when asked.
-expect 1 "" "umctl: log: category=8 id=22 severity=debug ip=cli user=root text=User not found*${nl}umctl: no such user: nosuch" -- user nosuch
+expect 1 "" "umctl: log: category=8 id=22 severity=debug ip=\"cli\" user=\"root\" text=\"User not found*\"${nl}umctl: no such user: nosuch" -- user nosuch
 expect 1 "" "*${nl}umctl: no such user: 4242" -- user 4242
 expect 1 '{"classCode":0,*"errorCode":5*}' "*umctl: no such user: nosuch" -- --json user nosuch
 expect 1 '{"classCode":0,*}' "*umctl: no such group: nosuch" -- group nosuch --json
@@ -139,7 +139,7 @@ expect 2 "" "umctl: --as needs an account name" -- list --as
 # Logins through the sample device's login service (password on stdin): accepted, refused
 # with the JSON answer, and the audit line of the failure.
 expect 0 "login ok: viewer" "" -- login viewer --password-stdin <<<'Viewer#2026'
-expect 1 '{"classCode":1,*"errorCode":200*}' "umctl: log: category=9 id=4 severity=notice *<viewer>${nl}umctl: Invalid Credentials: Authentication failure" -- login viewer --password-stdin <<<'Wrong#2026'
+expect 1 '{"classCode":1,*"errorCode":200*}' "umctl: log: category=9 id=4 severity=notice *<viewer>\"${nl}umctl: Invalid Credentials: Authentication failure" -- login viewer --password-stdin <<<'Wrong#2026'
 expect 1 '{"classCode":1,*"errorCode":0*}' "*" -- login root --password-stdin <<<'Root#2026'
 expect 2 "" "umctl: unknown option: --bogus" -- login viewer --bogus
 
@@ -151,28 +151,28 @@ expect 2 "" "umctl: unknown option: --bogus" -- login viewer --bogus
 pw='Tulip#Garden42'
 tally='pam_tally2 [-f] [/var/log/tallylog] [-r] [-u]'
 after="grep -q '^alice:x:10005:10002:' /etc/passwd && login alice '$pw' >/dev/null" \
-    expect 0 "created alice uid 10005" "*text=User account - created <alice>" -- create alice --profile 2 <<<"$pw"
+    expect 0 "created alice uid 10005" "*text=\"User account - created <alice>\"" -- create alice --profile 2 <<<"$pw"
 after="grep -q '^bob:x:10005:10003:' /etc/passwd && grep -q '^bob:!![^:]*:0:' /etc/shadow" \
-    expect 0 "created bob uid 10005" "*created <bob>" -- create bob --profile 3 --disabled --must-change --password-stdin <<<"$pw"
+    expect 0 "created bob uid 10005" "*created <bob>\"" -- create bob --profile 3 --disabled --must-change --password-stdin <<<"$pw"
 after="((\$(reloads) == 1)) && grep -q '^op2:x:10001:10001:' /etc/passwd && grep -q '^op2:' /etc/shadow" \
-    expect 0 "renamed operator to op2" "*text=User account - name changed from <operator> to <op2>" -- rename operator op2
+    expect 0 "renamed operator to op2" "*text=\"User account - name changed from <operator> to <op2>\"" -- rename operator op2
 after="((\$(reloads) == 1)) && grep -q '^viewer:x:10002:10001:' /etc/passwd" \
-    expect 0 "moved viewer to profile operators (id 1)" "*profile of <viewer> changed from <viewers> to <operators>" \
+    expect 0 "moved viewer to profile operators (id 1)" "*profile of <viewer> changed from <viewers> to <operators>\"" \
     -- set-profile viewer 1
-after="grep -q '^tech:!!' /etc/shadow" expect 0 "disabled tech" "*text=User account - deactivated <tech>" -- disable tech
+after="grep -q '^tech:!!' /etc/shadow" expect 0 "disabled tech" "*text=\"User account - deactivated <tech>\"" -- disable tech
 after="unchanged && ran '$tally [tech]'" expect 0 "enabled tech" "" -- enable tech
 after="ran '$tally [guest]'" expect 0 "unlocked guest" "" -- unlock guest
 # A locked account, unlocked by the user manager: the event, and the right password logs in again.
 lock="for wrong in 1 2 3; do login guest Wrong#\$wrong >/dev/null; done"
 before=$lock after="login guest Guest#2026 >/dev/null" \
-    expect 0 "unlocked guest" "*text=User account - unlocked <guest>" -- --as admin unlock guest
-after="! grep -q '^guest:' /etc/passwd /etc/shadow" expect 0 "removed guest" "*text=User account - deleted <guest>" \
+    expect 0 "unlocked guest" "*text=\"User account - unlocked <guest>\"" -- --as admin unlock guest
+after="! grep -q '^guest:' /etc/passwd /etc/shadow" expect 0 "removed guest" "*text=\"User account - deleted <guest>\"" \
     -- remove guest
-after="login viewer '$pw' >/dev/null" expect 0 "password changed: viewer" "*text=User account - password changed" \
+after="login viewer '$pw' >/dev/null" expect 0 "password changed: viewer" "*text=\"User account - password changed\"" \
     -- passwd viewer <<<"Viewer#2026$nl$pw"
 expired="login tech '$pw' | grep -q '\"errorCode\":301'"
 after="((\$(reloads) == 0)) && ran '$tally [tech]' && grep -q '^tech:[^:]*:0:' /etc/shadow && $expired" \
-    expect 0 "password reset: tech" "*text=User account - password reset <tech>" -- reset-password tech --must-change <<<"$pw"
+    expect 0 "password reset: tech" "*text=\"User account - password reset <tech>\"" -- reset-password tech --must-change <<<"$pw"
 expect 0 "password accepted" "" -- check-password --password-stdin <<<"$pw"
 
 # Refusals leave the files as they were: the library's rights check judging a viewer, the main
@@ -206,20 +206,26 @@ migrated="Updating System files...${nl}Updating Profiles...${nl}kept admin profi
 migrated+="${nl}kept operator profile operators"
 after="cmp -s /etc/group /etc/group.orig && login operator Operator#2026 >/dev/null && ! login tech Tech#2026 >/dev/null" \
     expect 0 "$migrated${nl}moved tech to viewers and disabled${nl}kept viewer profile viewers${nl}added system account sysupdate" \
-    "*text=User account - profile of <tech> changed from <nogroup> to <viewers>${nl}*text=User account - deactivated <tech>" -- migrate
+    "*text=\"User account - profile of <tech> changed from <nogroup> to <viewers>\"${nl}*text=\"User account - deactivated <tech>\"" -- migrate
 before="\"\$umctl\" migrate >/dev/null 2>&1; cat /etc/passwd /etc/shadow /etc/group >\"\$scratch/first\"" \
     after="cat /etc/passwd /etc/shadow /etc/group | cmp -s - \"\$scratch/first\"" \
     expect 0 "$migrated${nl}kept tech profile viewers${nl}kept viewer profile viewers" "" -- migrate
 
 # Names that are not plain text.  Control characters in an echoed name are escaped (\n, \xHH),
 # so each message stays one line and a name cannot forge another; ordinary names print as they
-# are.
+# are.  The log line quotes its free-text fields, so a name holding blanks, quotes or "text="
+# adds no field.
 lookup='User uid not found in the system (retrieveUID from username):'
-logged="umctl: log: category=8 id=22 severity=debug ip=cli user=root text=User not found,(5)$lookup"
-expect 1 "" "$logged"'x umctl: log: forged,'"${nl}umctl: $lookup"'x\\numctl: log: forged' -- show $'x\numctl: log: forged'
-expect 1 "" "$logged"'a [[]31mb,'"${nl}umctl: $lookup"'a\\x1b[[]31mb' -- rename $'a\e[31mb' y
+logged="umctl: log: category=8 id=22 severity=debug ip=\"cli\" user=\"root\" text=\"User not found,(5)$lookup"
+expect 1 "" "$logged"'x\\numctl: log: forged,"'"${nl}umctl: $lookup"'x\\numctl: log: forged' -- show $'x\numctl: log: forged'
+expect 1 "" "$logged"'a\\x1b[[]31mb,"'"${nl}umctl: $lookup"'a\\x1b[[]31mb' -- rename $'a\e[31mb' y
 expect 2 "" 'umctl: unknown command: bo\\ngus (umctl --help lists them)' -- $'bo\ngus'
 before="plant \$'e\\e[31mx' 10005" expect 0 "*${nl}guest *10004 *viewers *yes *no *no *no${nl}e\\\\x1b[[]31mx *10005 *viewers *yes*" "" -- list
+forged='a" text="forged'
+q='a\\" text=\\"forged' # the name as the log line writes it, as a pattern
+before="plant '$forged' 10005" \
+    expect 1 "" "umctl: log: category=9 id=7 severity=debug ip=\"cli\" user=\"$q\" text=\"Session - Unauthorized <$q>,for user:$q,(302)Not authorized,Not authorized (checkUserManagementRight)\"${nl}umctl: Not authorized" \
+    -- --as "$forged" disable "$forged"
 
 echo "$passed passed, $failed failed"
 ((failed == 0))
