@@ -105,7 +105,9 @@ void installCatalogue();
 // Installs umctl's log sink (stderr, and syslog where a log socket exists); called once.
 void installAuditSink();
 
-// `text` as a JSON string literal.
+// `text` as a JSON string literal, in valid UTF-8 whatever bytes it holds: valid UTF-8
+// sequences are kept, each byte that is not part of one becomes \ufffd, control characters
+// become \u00XX.
 std::string jsonString(const std::string& text);
 
 // `text` printable on one line, for every name and library text umctl prints for people:

@@ -118,6 +118,33 @@ ActingAs::ActingAs() {
 
 namespace {
 
+// The length of the valid UTF-8 sequence that starts at `at`, or 0 when the byte there starts
+// none: overlong forms, surrogates (U+D800-U+DFFF) and code points beyond U+10FFFF are invalid.
+std::size_t utf8Length(const std::string& text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
+    const unsigned int lead = byte(at);
+    std::size_t length = 0;
+    unsigned int low = 0x80, high = 0xbf;  // the range of the second byte
+    if (lead < 0x80) return 1;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+        length = 2;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+        length = 3;
+        if (lead == 0xe0) low = 0xa0;   // overlong below U+0800
+        if (lead == 0xed) high = 0x9f;  // surrogates
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+        length = 4;
+        if (lead == 0xf0) low = 0x90;   // overlong below U+10000
+        if (lead == 0xf4) high = 0x8f;  // beyond U+10FFFF
+    } else {
+        return 0;  // a continuation byte, an overlong lead (0xc0, 0xc1) or 0xf5-0xff
+    }
+    if (byte(at + 1) < low || byte(at + 1) > high) return 0;
+    for (std::size_t i = 2; i < length; ++i)
+        if (byte(at + i) < 0x80 || byte(at + i) > 0xbf) return 0;
+    return length;
+}
+
 bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
 
 std::string escaped(const std::string& text, bool quote) {
@@ -148,20 +175,28 @@ std::string escaped(const std::string& text, bool quote) {
 }  // namespace
 
 std::string jsonString(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char c : text) {
+    std::string json = "\"";
+    for (std::size_t i = 0; i < text.size();) {
+        const char c = text[i];
+        const std::size_t length = utf8Length(text, i);
+        if (length == 0) {
+            json += "\\ufffd";
+            ++i;
+            continue;
+        }
         if (c == '"' || c == '\\') {
-            quoted += '\\';
-            quoted += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
+            json += '\\';
+            json += c;
+        } else if (isControl(static_cast<unsigned char>(c))) {
             char escape[8];
             std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
-            quoted += escape;
+            json += escape;
         } else {
-            quoted += c;
+            json.append(text, i, length);
         }
+        i += length;
     }
-    return quoted + "\"";
+    return json + "\"";
 }
 
 std::string printable(const std::string& text) { return escaped(text, false); }

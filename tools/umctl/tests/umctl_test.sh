@@ -214,7 +214,7 @@ before="\"\$umctl\" migrate >/dev/null 2>&1; cat /etc/passwd /etc/shadow /etc/gr
 # Names that are not plain text.  Control characters in an echoed name are escaped (\n, \xHH),
 # so each message stays one line and a name cannot forge another; ordinary names print as they
 # are.  The log line quotes its free-text fields, so a name holding blanks, quotes or "text="
-# adds no field.
+# adds no field.  JSON is valid UTF-8 whatever bytes a name holds: U+FFFD for each invalid byte.
 lookup='User uid not found in the system (retrieveUID from username):'
 logged="umctl: log: category=8 id=22 severity=debug ip=\"cli\" user=\"root\" text=\"User not found,(5)$lookup"
 expect 1 "" "$logged"'x\\numctl: log: forged,"'"${nl}umctl: $lookup"'x\\numctl: log: forged' -- show $'x\numctl: log: forged'
@@ -226,6 +226,8 @@ q='a\\" text=\\"forged' # the name as the log line writes it, as a pattern
 before="plant '$forged' 10005" \
     expect 1 "" "umctl: log: category=9 id=7 severity=debug ip=\"cli\" user=\"$q\" text=\"Session - Unauthorized <$q>,for user:$q,(302)Not authorized,Not authorized (checkUserManagementRight)\"${nl}umctl: Not authorized" \
     -- --as "$forged" disable "$forged"
+before="plant \$'caf\\351' 10005" after=valid_json expect 0 '[[]{"name":"admin",*,{"name":"caf\\ufffd","uid":10005,*}]' "" -- --json list
+before="plant \$'caf\\351' 10005" after=valid_json expect 0 '{"name":"caf\\ufffd","uid":10005,*}' "" -- --json show 10005
 
 echo "$passed passed, $failed failed"
 ((failed == 0))
