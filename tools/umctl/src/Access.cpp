@@ -2,6 +2,8 @@
 // sample device's catalogue at start-up, as a device host installs its own.
 #include <iostream>
 #include <map>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include <systemutilities/LinuxUserSystem.h>
@@ -22,6 +24,7 @@ namespace {
 
 // Every profile in id order in the library's own diagnostic form: the profile line, its roles
 // with the groups they grant, then the flattened group list; a blank line between profiles.
+// Each line of that form is printed through printable(), as every name umctl prints.
 int profiles(const Args&) {
     const std::map<int, UmProfile> all = ProfileDefinition::GetProfileDefinition().getProfiles(false);
     bool first = true;
@@ -30,7 +33,10 @@ int profiles(const Args&) {
         UmProfile profile = entry.second;
         profile.updateList();
         if (!first) std::cout << "\n";
-        std::cout << profile;
+        std::ostringstream form;
+        form << profile;
+        std::istringstream lines(form.str());
+        for (std::string line; std::getline(lines, line);) std::cout << printable(line) << "\n";
         first = false;
     }
     return kOk;
@@ -43,7 +49,7 @@ int groups(const Args& args) {
     const bool found = parseId(args[0], uid) ? LinuxUserSystem::getGroups(uid, list)
                                              : LinuxUserSystem::getGroups(args[0].c_str(), list);
     if (!found) notFound(usermanagement::UMError::UserNotFound, "no such user: " + args[0]);
-    for (const UmGroup& group : list) std::cout << group.m_gid << " " << group.m_name << "\n";
+    for (const UmGroup& group : list) std::cout << group.m_gid << " " << printable(group.m_name) << "\n";
     return kOk;
 }
 

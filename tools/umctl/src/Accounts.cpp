@@ -42,7 +42,7 @@ std::vector<std::string> groupsOf(const User& user) {
     for (int i = 0; groups != nullptr && i < count; ++i) {
         std::string name;
         if (!systemutilities::LinuxUserSystem::getGroupName(groups[i], name)) name.clear();
-        lines.push_back(std::to_string(groups[i]) + (name.empty() ? "" : " " + name));
+        lines.push_back(std::to_string(groups[i]) + (name.empty() ? "" : " " + printable(name)));
     }
     return lines;
 }
@@ -91,7 +91,8 @@ int list(const Args&) {
     };
     row("NAME", "UID", "PROFILE", "ACTIVE", "PASSWORD-EXPIRED", "LOCKED", "ACCOUNT-EXPIRED");
     for (const User& user : users)
-        row(user.getUserName(), std::to_string(user.getUid()), user.getProfile().getName(), yesNo(user.isActive()),
+        row(printable(user.getUserName()), std::to_string(user.getUid()), printable(user.getProfile().getName()),
+            yesNo(user.isActive()),
             yesNo(user.isPasswordExpired()), yesNo(user.isLocked()), yesNo(user.isAccountExpired()));
     return kOk;
 }
@@ -103,9 +104,9 @@ int show(const Args& args) {
         std::cout << json(user, true) << "\n";
         return kOk;
     }
-    std::cout << "name: " << user.getUserName() << "\nuid: " << user.getUid() << "\ngid: " << user.getGid()
-              << "\nprofile: " << user.getProfile().getName() << " (id " << user.getProfile().getId() << ", gid "
-              << user.getProfile().getGid() << ")\nactive: " << yesNo(user.isActive())
+    std::cout << "name: " << printable(user.getUserName()) << "\nuid: " << user.getUid() << "\ngid: " << user.getGid()
+              << "\nprofile: " << printable(user.getProfile().getName()) << " (id " << user.getProfile().getId()
+              << ", gid " << user.getProfile().getGid() << ")\nactive: " << yesNo(user.isActive())
               << "\npassword expired: " << yesNo(user.isPasswordExpired()) << "\nlocked: " << yesNo(user.isLocked())
               << "\naccount expired: " << yesNo(user.isAccountExpired()) << "\ngroups:";
     for (const std::string& group : groupsOf(user)) std::cout << "\n  " << group;

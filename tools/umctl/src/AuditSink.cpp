@@ -1,12 +1,16 @@
 // umctl's log sink.  Every audit event and every failure the library logs becomes one line on
 // standard error, in a format meant to be read by scripts as well as by people:
 //
-//     umctl: log: category=8 id=5 severity=warning ip=cli user=root text=User not found ...
+//     umctl: log: category=8 id=1 severity=notice ip="cli" user="root" text="User account - created <carol>"
 //
-// The fields are always present and in this order; the text comes last and runs to the end of
-// the line (control characters in it become spaces, so one message is always one line).  The
-// same line without the "umctl: log: " prefix goes to syslog(3), facility authpriv, when the
-// system has a log socket: account changes belong in the device's security log.
+// The fields are always present and in this order.  The numbers and the severity name are bare
+// words; ip, user and text, which carry names from the command line and the account files, are
+// double-quoted strings (quoted()): a backslash or a quote in them gets a backslash, a newline,
+// tab or carriage return becomes \n, \t or \r, any other control character \xHH.  So one message
+// is always one line, and a blank, a quote or "text=" in a name can neither split a field nor
+// add one: outside the quotes a line holds exactly the six keys.  The same line without the
+// "umctl: log: " prefix goes to syslog(3), facility authpriv, when the system has a log socket:
+// account changes belong in the device's security log.
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -52,20 +56,14 @@ int syslogPriority(LogSeverity severity) {
     return LOG_WARNING;
 }
 
-std::string oneLine(std::string text) {
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-    return text;
-}
-
 class AuditSink : public usermanagement::Logger {
 public:
     void logMessage(LogCategory category, int messageId, int, const LogSeverity& severity, std::string ip, int,
                     std::string text) override {
         std::ostringstream line;
         line << "category=" << static_cast<int>(category) << " id=" << messageId
-             << " severity=" << severityName(severity) << " ip=" << oneLine(ip)
-             << " user=" << oneLine(umlog::Ctx::getCtx().getUsername()) << " text=" << oneLine(text);
+             << " severity=" << severityName(severity) << " ip=" << quoted(ip)
+             << " user=" << quoted(umlog::Ctx::getCtx().getUsername()) << " text=" << quoted(text);
         std::cerr << "umctl: log: " << line.str() << "\n";
         if (m_syslog) syslog(syslogPriority(severity), "%s", line.str().c_str());
     }

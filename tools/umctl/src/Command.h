@@ -105,7 +105,18 @@ void installCatalogue();
 // Installs umctl's log sink (stderr, and syslog where a log socket exists); called once.
 void installAuditSink();
 
-// `text` as a JSON string literal.
+// `text` as a JSON string literal, in valid UTF-8 whatever bytes it holds: valid UTF-8
+// sequences are kept, each byte that is not part of one becomes \ufffd, control characters
+// become \u00XX.
 std::string jsonString(const std::string& text);
+
+// `text` printable on one line, for every name and library text umctl prints for people:
+// a backslash becomes \\, newline, tab and carriage return \n, \t and \r, the other control
+// characters (0x00-0x1f, 0x7f) \xHH.  Other bytes are kept, so ordinary names print as they are.
+std::string printable(const std::string& text);
+
+// `text` printable as above, with `"` as \", between double quotes: a field of the log line
+// that no blank, quote or "key=" inside it can split.
+std::string quoted(const std::string& text);
 
 }  // namespace umctl

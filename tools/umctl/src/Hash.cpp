@@ -15,7 +15,7 @@ namespace {
 int hash(const Args& args) {
     std::string out;
     usermanagement::cryptPwd(args[0], out);
-    std::cout << out << "\n";
+    std::cout << printable(out) << "\n";
     return kOk;
 }
 

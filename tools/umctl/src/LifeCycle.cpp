@@ -42,14 +42,14 @@ int create(const Args& args) {
     PasswordInput(line.has("--password-stdin")).readNew("New password: ", password);
     const User user = User::createUser(line.operands[0], password.text(), profileId, !line.has("--disabled"),
                                        line.has("--must-change"), nullptr);
-    std::cout << "created " << user.getUserName() << " uid " << user.getUid() << "\n";
+    std::cout << "created " << printable(user.getUserName()) << " uid " << user.getUid() << "\n";
     return kOk;
 }
 
 int rename(const Args& args) {
     User user(args[0]);
     user.updateUser(&args[1], nullptr, nullptr, nullptr, nullptr, nullptr);
-    std::cout << "renamed " << args[0] << " to " << user.getUserName() << "\n";
+    std::cout << "renamed " << printable(args[0]) << " to " << printable(user.getUserName()) << "\n";
     return kOk;
 }
 
@@ -57,8 +57,8 @@ int setProfile(const Args& args) {
     const int profileId = parseProfileId(args[1]);
     User user(args[0]);
     user.updateUser(nullptr, &profileId, nullptr, nullptr, nullptr, nullptr);
-    std::cout << "moved " << user.getUserName() << " to profile " << user.getProfile().getName() << " (id "
-              << user.getProfile().getId() << ")\n";
+    std::cout << "moved " << printable(user.getUserName()) << " to profile "
+              << printable(user.getProfile().getName()) << " (id " << user.getProfile().getId() << ")\n";
     return kOk;
 }
 
@@ -66,7 +66,7 @@ int setProfile(const Args& args) {
 int setActive(const std::string& name, bool active) {
     User user(name);
     user.updateUser(nullptr, nullptr, &active, nullptr, nullptr, nullptr);
-    std::cout << (active ? "enabled " : "disabled ") << user.getUserName() << "\n";
+    std::cout << (active ? "enabled " : "disabled ") << printable(user.getUserName()) << "\n";
     return kOk;
 }
 
@@ -76,7 +76,7 @@ int disable(const Args& args) { return setActive(args[0], false); }
 int remove(const Args& args) {
     User user(args[0]);
     user.removeUser();
-    std::cout << "removed " << args[0] << "\n";
+    std::cout << "removed " << printable(args[0]) << "\n";
     return kOk;
 }
 
@@ -85,7 +85,7 @@ int remove(const Args& args) {
 int unlock(const Args& args) {
     User user(args[0]);
     user.unLock();
-    std::cout << "unlocked " << user.getUserName() << "\n";
+    std::cout << "unlocked " << printable(user.getUserName()) << "\n";
     return kOk;
 }
 

@@ -32,11 +32,11 @@ int login(const Args& args) {
         // The answer the web client gets is the point of the command: shown with or without --json.
         e.logCdsMessage();
         std::cout << e.getJsonAnswer() << "\n";
-        std::cerr << "umctl: " << e.what()
-                  << (*e.getErrorDescription() ? std::string(": ") + e.getErrorDescription() : "") << "\n";
+        std::cerr << "umctl: " << printable(e.what())
+                  << (*e.getErrorDescription() ? ": " + printable(e.getErrorDescription()) : "") << "\n";
         return kFailed;
     }
-    std::cout << "login ok: " << name << "\n";
+    std::cout << "login ok: " << printable(name) << "\n";
     return kOk;
 }
 

@@ -13,8 +13,8 @@ namespace {
 
 int user(const Args& args) {
     const Account account = resolveUser(args[0]);
-    std::cout << "uid: " << account.uid << "\nname: " << account.name << "\nprofile gid: " << account.profileGid
-              << "\n";
+    std::cout << "uid: " << account.uid << "\nname: " << printable(account.name)
+              << "\nprofile gid: " << account.profileGid << "\n";
     return kOk;
 }
 
@@ -27,7 +27,7 @@ int group(const Args& args) {
     bool found = parseId(args[0], gid) ? LinuxUserSystem::getGroupName(gid, name)
                                        : LinuxUserSystem::getGroupGid(name.c_str(), gid);
     if (!found) notFound(usermanagement::UMError::RoleError, "no such group: " + args[0]);
-    std::cout << "gid: " << gid << "\nname: " << name << "\n";
+    std::cout << "gid: " << gid << "\nname: " << printable(name) << "\n";
     return kOk;
 }
 

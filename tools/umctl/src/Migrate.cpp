@@ -34,22 +34,24 @@ int migrate(const Args&) {
     usermanagement::UserDefinition& definition = usermanagement::UserDefinition::GetUserDefinition();
     const unsigned int base = definition.getBaseUid();
     const auto managed = [&](unsigned int uid) { return uid >= base && uid < base + definition.getMaxUser(); };
+    usermanagement::ProfileDefinition& profiles = usermanagement::ProfileDefinition::GetProfileDefinition();
     for (const auto& [name, ids] : before) {
         if (!managed(ids.first)) continue;
         const auto now = after.find(name);
         if (now == after.end())
-            std::cout << "lost " << name << "\n";
+            std::cout << "lost " << printable(name) << "\n";
         else if (now->second.second == ids.second)
-            std::cout << "kept " << name << " profile "
-                      << usermanagement::ProfileDefinition::GetProfileDefinition().getProfile(ids.second).getName()
-                      << "\n";
+            std::cout << "kept " << printable(name) << " profile "
+                      << printable(profiles.getProfile(ids.second).getName()) << "\n";
         else
-            std::cout << "moved " << name << " to viewers and disabled\n";
+            std::cout << "moved " << printable(name) << " to viewers and disabled\n";
     }
     for (const auto& [name, ids] : after)
-        if (!managed(ids.first) && before.count(name) == 0) std::cout << "added system account " << name << "\n";
+        if (!managed(ids.first) && before.count(name) == 0)
+            std::cout << "added system account " << printable(name) << "\n";
     for (const auto& [name, ids] : before)
-        if (!managed(ids.first) && after.count(name) == 0) std::cout << "dropped system account " << name << "\n";
+        if (!managed(ids.first) && after.count(name) == 0)
+            std::cout << "dropped system account " << printable(name) << "\n";
     return kOk;
 }
 

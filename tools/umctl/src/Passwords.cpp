@@ -34,7 +34,7 @@ int passwd(const Args& args) {
     input.read("Current password: ", current);
     input.readNew("New password: ", next);
     holder.updatePassword(current.text(), next.text(), clientAddress());
-    std::cout << "password changed: " << holder.getUserName() << "\n";
+    std::cout << "password changed: " << printable(holder.getUserName()) << "\n";
     return kOk;
 }
 
@@ -48,7 +48,7 @@ int resetPassword(const Args& args) {
     Secret password;
     PasswordInput(line.has("--password-stdin")).readNew("New password: ", password);
     target.updateAnyUserPassword(name, password.text(), line.has("--must-change"), clientAddress(), true);
-    std::cout << "password reset: " << name << "\n";
+    std::cout << "password reset: " << printable(name) << "\n";
     return kOk;
 }
 

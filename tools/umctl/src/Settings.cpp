@@ -1,5 +1,6 @@
 // umctl settings: the effective value of every setting of the installed UserDefinition.
-// Strings are quoted so that blanks stay visible (the default update script is "false ").
+// Strings are quoted so that blanks stay visible (the default update script is "false "), with
+// quotes, backslashes and control characters escaped as in the log line (quoted()).
 #include <iostream>
 #include <string>
 
@@ -12,7 +13,7 @@ namespace umctl {
 
 namespace {
 
-void print(const char* name, const std::string& value) { std::cout << name << ": \"" << value << "\"\n"; }
+void print(const char* name, const std::string& value) { std::cout << name << ": " << quoted(value) << "\n"; }
 void print(const char* name, const char* value) { print(name, std::string(value ? value : "")); }
 void print(const char* name, long long value) { std::cout << name << ": " << value << "\n"; }
 void print(const char* name, bool value) { std::cout << name << ": " << (value ? "true" : "false") << "\n"; }

@@ -3,8 +3,9 @@
 //     umctl [--json] [--as NAME] COMMAND [ARGS...]
 //
 // Exit status 0 on success, 1 when something is not found or the library refuses, 2 on a bad
-// command line.  Every error is one line on stderr; with --json a library failure also prints
-// the library's JSON answer on stdout, as the web front end would receive it.  With --as the
+// command line.  Every error is one line on stderr, the names and texts it echoes made
+// printable (control characters escaped); with --json a library failure also prints the
+// library's JSON answer on stdout, as the web front end would receive it.  With --as the
 // command runs with the thread acting as account NAME, as a device's web server serves a
 // logged-in operator: the library's rights checks judge that account.
 #include <unistd.h>
@@ -115,22 +116,92 @@ ActingAs::ActingAs() {
     umlog::Ctx::getCtx().setUsername(name);
 }
 
-std::string jsonString(const std::string& text) {
-    std::string quoted = "\"";
+namespace {
+
+// The length of the valid UTF-8 sequence that starts at `at`, or 0 when the byte there starts
+// none: overlong forms, surrogates (U+D800-U+DFFF) and code points beyond U+10FFFF are invalid.
+std::size_t utf8Length(const std::string& text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
+    const unsigned int lead = byte(at);
+    std::size_t length = 0;
+    unsigned int low = 0x80, high = 0xbf;  // the range of the second byte
+    if (lead < 0x80) return 1;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+        length = 2;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+        length = 3;
+        if (lead == 0xe0) low = 0xa0;   // overlong below U+0800
+        if (lead == 0xed) high = 0x9f;  // surrogates
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+        length = 4;
+        if (lead == 0xf0) low = 0x90;   // overlong below U+10000
+        if (lead == 0xf4) high = 0x8f;  // beyond U+10FFFF
+    } else {
+        return 0;  // a continuation byte, an overlong lead (0xc0, 0xc1) or 0xf5-0xff
+    }
+    if (byte(at + 1) < low || byte(at + 1) > high) return 0;
+    for (std::size_t i = 2; i < length; ++i)
+        if (byte(at + i) < 0x80 || byte(at + i) > 0xbf) return 0;
+    return length;
+}
+
+bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+std::string escaped(const std::string& text, bool quote) {
+    std::string out;
+    out.reserve(text.size());
     for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            quoted += '\\';
-            quoted += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\' || (quote && c == '"')) {
+            out += '\\';
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (isControl(byte)) {
             char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
-            quoted += escape;
+            std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+            out += escape;
         } else {
-            quoted += c;
+            out += c;
         }
     }
-    return quoted + "\"";
+    return out;
 }
+
+}  // namespace
+
+std::string jsonString(const std::string& text) {
+    std::string json = "\"";
+    for (std::size_t i = 0; i < text.size();) {
+        const char c = text[i];
+        const std::size_t length = utf8Length(text, i);
+        if (length == 0) {
+            json += "\\ufffd";
+            ++i;
+            continue;
+        }
+        if (c == '"' || c == '\\') {
+            json += '\\';
+            json += c;
+        } else if (isControl(static_cast<unsigned char>(c))) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
+            json += escape;
+        } else {
+            json.append(text, i, length);
+        }
+        i += length;
+    }
+    return json + "\"";
+}
+
+std::string printable(const std::string& text) { return escaped(text, false); }
+
+std::string quoted(const std::string& text) { return '"' + escaped(text, true) + '"'; }
 
 namespace {
 
@@ -187,7 +258,7 @@ int main(int argc, char** argv) {
             }
         }
     } catch (const UsageError& e) {
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         return kUsage;
     }
 
@@ -201,15 +272,15 @@ int main(int argc, char** argv) {
         context.setUsername(invokingUser());
         return run(commands, words);
     } catch (const UsageError& e) {
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         return kUsage;
     } catch (tarvicexception::TvcException& e) {
         e.logCdsMessage();
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         if (options.json) std::cout << e.getJsonAnswer() << "\n";
         return kFailed;
     } catch (const std::exception& e) {
-        std::cerr << "umctl: " << e.what() << "\n";
+        std::cerr << "umctl: " << printable(e.what()) << "\n";
         return kFailed;
     }
 }

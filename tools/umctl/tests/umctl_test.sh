@@ -23,13 +23,20 @@ fi
 # Runs inside the sandbox: the shell commands `before`, umctl with its output and status into the
 # scratch directory, then the shell test `after` over the device's files, with helpers: reloads (how many times the
 # name-service cache was told to reload), ran LINE (the command log holds LINE), unchanged
-# (passwd and shadow are as the sandbox wrote them) and login NAME PASSWORD (its answer).
+# (passwd and shadow are as the sandbox wrote them), login NAME PASSWORD (its answer),
+# plant NAME UID (appends a locked viewer NAME straight to passwd and shadow, for names that
+# umctl would not create) and valid_json (the run's stdout is JSON in valid UTF-8).
 # shellcheck disable=SC2016 # expanded by the inner shell
 inside='scratch=$1 before=$2 after=$3 umctl=$4
 reloads() { grep -cxF "sudo [/etc/init.d/S46unscd] [reload]" /var/log/tvc-commands.log; }
 ran() { grep -qxF "$1" /var/log/tvc-commands.log; }
 unchanged() { cmp -s /etc/passwd "$TVC_SANDBOX_PRISTINE/passwd" && cmp -s /etc/shadow "$TVC_SANDBOX_PRISTINE/shadow"; }
 login() { "$umctl" login "$1" --password-stdin <<<"$2" 2>/dev/null; }
+plant() {
+    printf "%s:x:%s:10002::/home/admin:/bin/sh\n" "$1" "$2" >>/etc/passwd
+    printf "%s:!:20454:0:99999:7:::\n" "$1" >>/etc/shadow
+}
+valid_json() { python3 -c "import json, sys; json.loads(sys.stdin.buffer.read().decode())" <"$scratch/out"; }
 shift 3
 eval "$before"
 "$@" >"$scratch/out" 2>"$scratch/err"
@@ -46,16 +53,18 @@ expect() {
     rm -f "$scratch/status"
     "$sandbox" -- bash -c "$inside" - "$scratch" "${before-}" "${after-true}" "$umctl" "$@" || effect=$?
     [[ -f $scratch/status ]] && status=$(<"$scratch/status")
-    local out err
+    # The words as the shell would quote them: names with control characters stay on the line.
+    local out err shown
+    printf -v shown ' %q' "$@"
     out=$(<"$scratch/out")
     err=$(<"$scratch/err")
     # shellcheck disable=SC2053 # the right-hand sides are patterns on purpose
     if [[ $status == "$want" && $out == $out_pattern && $err == $err_pattern && $effect == 0 ]]; then
         passed=$((passed + 1))
-        echo "ok: umctl $*"
+        echo "ok: umctl$shown"
     else
         failed=$((failed + 1))
-        echo "FAILED: umctl $* (status $status, expected $want)"
+        echo "FAILED: umctl$shown (status $status, expected $want)"
         echo "  stdout: $out"
         echo "  stderr: $err"
         ((effect == 0)) || echo "  failed afterwards: ${after-}"
@@ -75,7 +84,7 @@ expect 0 "gid: 10002${nl}name: viewers" "" -- group viewers
 expect 0 "gid: 4101${nl}name: role-user-manager" "" -- group 4101
 
 # Not found: status 1, an audit line and one error line on stderr, JSON only when asked.
-expect 1 "" "umctl: log: category=8 id=22 severity=debug ip=cli user=root text=User not found*${nl}umctl: no such user: nosuch" -- user nosuch
+expect 1 "" "umctl: log: category=8 id=22 severity=debug ip=\"cli\" user=\"root\" text=\"User not found*\"${nl}umctl: no such user: nosuch" -- user nosuch
 expect 1 "" "*${nl}umctl: no such user: 4242" -- user 4242
 expect 1 '{"classCode":0,*"errorCode":5*}' "*umctl: no such user: nosuch" -- --json user nosuch
 expect 1 '{"classCode":0,*}' "*umctl: no such group: nosuch" -- group nosuch --json
@@ -130,7 +139,7 @@ expect 2 "" "umctl: --as needs an account name" -- list --as
 # Logins through the sample device's login service (password on stdin): accepted, refused
 # with the JSON answer, and the audit line of the failure.
 expect 0 "login ok: viewer" "" -- login viewer --password-stdin <<<'Viewer#2026'
-expect 1 '{"classCode":1,*"errorCode":200*}' "umctl: log: category=9 id=4 severity=notice *<viewer>${nl}umctl: Invalid Credentials: Authentication failure" -- login viewer --password-stdin <<<'Wrong#2026'
+expect 1 '{"classCode":1,*"errorCode":200*}' "umctl: log: category=9 id=4 severity=notice *<viewer>\"${nl}umctl: Invalid Credentials: Authentication failure" -- login viewer --password-stdin <<<'Wrong#2026'
 expect 1 '{"classCode":1,*"errorCode":0*}' "*" -- login root --password-stdin <<<'Root#2026'
 expect 2 "" "umctl: unknown option: --bogus" -- login viewer --bogus
 
@@ -142,28 +151,28 @@ expect 2 "" "umctl: unknown option: --bogus" -- login viewer --bogus
 pw='Tulip#Garden42'
 tally='pam_tally2 [-f] [/var/log/tallylog] [-r] [-u]'
 after="grep -q '^alice:x:10005:10002:' /etc/passwd && login alice '$pw' >/dev/null" \
-    expect 0 "created alice uid 10005" "*text=User account - created <alice>" -- create alice --profile 2 <<<"$pw"
+    expect 0 "created alice uid 10005" "*text=\"User account - created <alice>\"" -- create alice --profile 2 <<<"$pw"
 after="grep -q '^bob:x:10005:10003:' /etc/passwd && grep -q '^bob:!![^:]*:0:' /etc/shadow" \
-    expect 0 "created bob uid 10005" "*created <bob>" -- create bob --profile 3 --disabled --must-change --password-stdin <<<"$pw"
+    expect 0 "created bob uid 10005" "*created <bob>\"" -- create bob --profile 3 --disabled --must-change --password-stdin <<<"$pw"
 after="((\$(reloads) == 1)) && grep -q '^op2:x:10001:10001:' /etc/passwd && grep -q '^op2:' /etc/shadow" \
-    expect 0 "renamed operator to op2" "*text=User account - name changed from <operator> to <op2>" -- rename operator op2
+    expect 0 "renamed operator to op2" "*text=\"User account - name changed from <operator> to <op2>\"" -- rename operator op2
 after="((\$(reloads) == 1)) && grep -q '^viewer:x:10002:10001:' /etc/passwd" \
-    expect 0 "moved viewer to profile operators (id 1)" "*profile of <viewer> changed from <viewers> to <operators>" \
+    expect 0 "moved viewer to profile operators (id 1)" "*profile of <viewer> changed from <viewers> to <operators>\"" \
     -- set-profile viewer 1
-after="grep -q '^tech:!!' /etc/shadow" expect 0 "disabled tech" "*text=User account - deactivated <tech>" -- disable tech
+after="grep -q '^tech:!!' /etc/shadow" expect 0 "disabled tech" "*text=\"User account - deactivated <tech>\"" -- disable tech
 after="unchanged && ran '$tally [tech]'" expect 0 "enabled tech" "" -- enable tech
 after="ran '$tally [guest]'" expect 0 "unlocked guest" "" -- unlock guest
 # A locked account, unlocked by the user manager: the event, and the right password logs in again.
 lock="for wrong in 1 2 3; do login guest Wrong#\$wrong >/dev/null; done"
 before=$lock after="login guest Guest#2026 >/dev/null" \
-    expect 0 "unlocked guest" "*text=User account - unlocked <guest>" -- --as admin unlock guest
-after="! grep -q '^guest:' /etc/passwd /etc/shadow" expect 0 "removed guest" "*text=User account - deleted <guest>" \
+    expect 0 "unlocked guest" "*text=\"User account - unlocked <guest>\"" -- --as admin unlock guest
+after="! grep -q '^guest:' /etc/passwd /etc/shadow" expect 0 "removed guest" "*text=\"User account - deleted <guest>\"" \
     -- remove guest
-after="login viewer '$pw' >/dev/null" expect 0 "password changed: viewer" "*text=User account - password changed" \
+after="login viewer '$pw' >/dev/null" expect 0 "password changed: viewer" "*text=\"User account - password changed\"" \
     -- passwd viewer <<<"Viewer#2026$nl$pw"
 expired="login tech '$pw' | grep -q '\"errorCode\":301'"
 after="((\$(reloads) == 0)) && ran '$tally [tech]' && grep -q '^tech:[^:]*:0:' /etc/shadow && $expired" \
-    expect 0 "password reset: tech" "*text=User account - password reset <tech>" -- reset-password tech --must-change <<<"$pw"
+    expect 0 "password reset: tech" "*text=\"User account - password reset <tech>\"" -- reset-password tech --must-change <<<"$pw"
 expect 0 "password accepted" "" -- check-password --password-stdin <<<"$pw"
 
 # Refusals leave the files as they were: the library's rights check judging a viewer, the main
@@ -197,10 +206,28 @@ migrated="Updating System files...${nl}Updating Profiles...${nl}kept admin profi
 migrated+="${nl}kept operator profile operators"
 after="cmp -s /etc/group /etc/group.orig && login operator Operator#2026 >/dev/null && ! login tech Tech#2026 >/dev/null" \
     expect 0 "$migrated${nl}moved tech to viewers and disabled${nl}kept viewer profile viewers${nl}added system account sysupdate" \
-    "*text=User account - profile of <tech> changed from <nogroup> to <viewers>${nl}*text=User account - deactivated <tech>" -- migrate
+    "*text=\"User account - profile of <tech> changed from <nogroup> to <viewers>\"${nl}*text=\"User account - deactivated <tech>\"" -- migrate
 before="\"\$umctl\" migrate >/dev/null 2>&1; cat /etc/passwd /etc/shadow /etc/group >\"\$scratch/first\"" \
     after="cat /etc/passwd /etc/shadow /etc/group | cmp -s - \"\$scratch/first\"" \
     expect 0 "$migrated${nl}kept tech profile viewers${nl}kept viewer profile viewers" "" -- migrate
+
+# Names that are not plain text.  Control characters in an echoed name are escaped (\n, \xHH),
+# so each message stays one line and a name cannot forge another; ordinary names print as they
+# are.  The log line quotes its free-text fields, so a name holding blanks, quotes or "text="
+# adds no field.  JSON is valid UTF-8 whatever bytes a name holds: U+FFFD for each invalid byte.
+lookup='User uid not found in the system (retrieveUID from username):'
+logged="umctl: log: category=8 id=22 severity=debug ip=\"cli\" user=\"root\" text=\"User not found,(5)$lookup"
+expect 1 "" "$logged"'x\\numctl: log: forged,"'"${nl}umctl: $lookup"'x\\numctl: log: forged' -- show $'x\numctl: log: forged'
+expect 1 "" "$logged"'a\\x1b[[]31mb,"'"${nl}umctl: $lookup"'a\\x1b[[]31mb' -- rename $'a\e[31mb' y
+expect 2 "" 'umctl: unknown command: bo\\ngus (umctl --help lists them)' -- $'bo\ngus'
+before="plant \$'e\\e[31mx' 10005" expect 0 "*${nl}guest *10004 *viewers *yes *no *no *no${nl}e\\\\x1b[[]31mx *10005 *viewers *yes*" "" -- list
+forged='a" text="forged'
+q='a\\" text=\\"forged' # the name as the log line writes it, as a pattern
+before="plant '$forged' 10005" \
+    expect 1 "" "umctl: log: category=9 id=7 severity=debug ip=\"cli\" user=\"$q\" text=\"Session - Unauthorized <$q>,for user:$q,(302)Not authorized,Not authorized (checkUserManagementRight)\"${nl}umctl: Not authorized" \
+    -- --as "$forged" disable "$forged"
+before="plant \$'caf\\351' 10005" after=valid_json expect 0 '[[]{"name":"admin",*,{"name":"caf\\ufffd","uid":10005,*}]' "" -- --json list
+before="plant \$'caf\\351' 10005" after=valid_json expect 0 '{"name":"caf\\ufffd","uid":10005,*}' "" -- --json show 10005
 
 echo "$passed passed, $failed failed"
 ((failed == 0))
