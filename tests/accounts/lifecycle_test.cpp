@@ -7,21 +7,18 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
 #include <umlog/Ctx.h>
-#include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 
+#include "files/FilesTestSupport.h"
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
@@ -32,21 +29,8 @@ using tvc::test::as;
 using tvc::test::outcome;
 using LifeCycleTest = tvc::test::AccountsTest;
 
-// The line of entry `name` in `path`, "" when there is none.
-std::string entry(const std::string& path, const std::string& name) {
-    std::istringstream lines(tvc::test::readFile(path));
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind(name + ":", 0) == 0) return line;
-    return "";
-}
-
-std::vector<std::string> fields(const std::string& line) {
-    std::vector<std::string> out;
-    std::istringstream in(line + ":");
-    for (std::string field; std::getline(in, field, ':');) out.push_back(field);
-    return out;
-}
-
+constexpr auto entry = tvc::test::lineOf;
+using tvc::test::fields;
 bool hashIs(const std::string& name, const std::string& password) {
     std::string hash = fields(entry("/etc/shadow", name)).at(1);
     if (hash.rfind("!!", 0) == 0) hash.erase(0, 2);
@@ -59,13 +43,6 @@ std::string today() { return std::to_string(std::time(nullptr) / 86400); }
 const std::string kReload = "sudo [/etc/init.d/S46unscd] [reload]\nS46unscd [reload]\n";
 std::string tallyReset(const std::string& name) {
     return "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [" + name + "]\n";
-}
-
-void failLogins(const std::string& name, int count) {
-    for (int i = 0; i < count; ++i) {
-        std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM(name, "192.0.2.7", authnz::WebPam::WebLogin));
-        EXPECT_NE(outcome([&] { pam->pamAuthentication("Wrong#2026"); }), "ok");
-    }
 }
 
 // One account from creation to removal: after each step the files, the events in order and
@@ -138,7 +115,10 @@ TEST_F(LifeCycleTest, PasswordsChangedByTheHolderResetByAManagerAndChecked) {
     EXPECT_EQ(outcome([] { User::checkCurrentUserPasswd("Root#2026"); }).substr(0, 2), "0 ") << "root is refused";
 
     // A manager's reset of guest, called on guest's object: the hash, must change, the unlock.
-    failLogins("guest", 3);
+    for (int i = 0; i < 3; ++i) {  // three failed logins lock guest
+        std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("guest", "", authnz::WebPam::WebLogin));
+        EXPECT_NE(outcome([&] { pam->pamAuthentication("Wrong#2026"); }), "ok");
+    }
     takeEvents();
     EXPECT_EQ(outcome([&] { guest.updateAnyUserPassword("guest", "Reset#Guest2026", true, "", true); }), "ok");
     EXPECT_TRUE(hashIs("guest", "Reset#Guest2026"));

@@ -1,24 +1,16 @@
 // Rights that hold against every caller.  Each sample account, acting through the library's own
-// identity switch as a web request would, tries every operation that changes or reveals an
-// account on every kind of target: itself, another managed account, the main account, root,
-// the web server's account, a service account, an object a session kept while a manager
-// renamed accounts around it, and an object whose name was changed with setUserName.  The
-// expected answer of each case comes from the policy below; after every refusal the account
-// files are byte for byte as before, no event was logged and no command ran.
+// switch as a web request would, tries every operation that changes or reveals an account on
+// every kind of target: itself, another managed account, the main account, root, the web
+// server's and a service account, a stale object and one renamed with setUserName.  After every
+// refusal the account files are byte for byte as before, no event was logged, no command ran.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
-#include <umlog/Ctx.h>
-#include <usermanagement/ErrorCodes.h>
-#include <usermanagement/SystemPermission.h>
-#include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 
 #include "support/AccountSupport.h"
@@ -27,11 +19,9 @@ using namespace usermanagement;
 
 namespace {
 
-using tvc::test::kCommandLog;
+using tvc::test::actingAs, tvc::test::kCommandLog;
 constexpr auto outcome = tvc::test::outcomeCode;
 using RightsTest = tvc::test::AccountsTest;
-
-using tvc::test::actingAs;
 
 std::string files() {
     return tvc::test::readFile("/etc/passwd") + tvc::test::readFile("/etc/shadow") +

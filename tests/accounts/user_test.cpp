@@ -3,13 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <functional>
 #include <map>
-#include <mutex>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>

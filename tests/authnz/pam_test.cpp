@@ -44,27 +44,15 @@ protected:
     }
 };
 
-// The calling thread's user and group ids and groups.
-std::string identity() {
-    uid_t u[3];
-    gid_t g[3];
-    getresuid(&u[0], &u[1], &u[2]);
-    getresgid(&g[0], &g[1], &g[2]);
-    std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
-    groups.resize(static_cast<std::size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
-    std::string text = std::to_string(u[0]) + " " + std::to_string(u[1]) + " " + std::to_string(u[2]) + " / " +
-                       std::to_string(g[0]) + " " + std::to_string(g[1]) + " " + std::to_string(g[2]) + " /";
-    for (gid_t group : groups) text += " " + std::to_string(group);
-    return text;
-}
+using tvc::test::threadIds;
 
 // Runs `body` in a thread acting as www-data; the thread must end every call as it started it.
 void asWebServer(const std::function<void(const std::function<void()>& sameIdentity)>& body) {
     std::thread([&] {
         SystemPermission permission;
         permission.setUserPermission("www-data");
-        const std::string before = identity();
-        body([&] { EXPECT_EQ(identity(), before); });
+        const std::string before = threadIds();
+        body([&] { EXPECT_EQ(threadIds(), before); });
     }).join();
 }
 

@@ -5,10 +5,10 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <tarvicexception/TvcException.h>
@@ -41,21 +41,31 @@ inline std::string outcomeCode(const std::function<void()>& call) {
     return text.substr(0, text.find(' '));
 }
 
+// The calling thread's real, effective and saved user and group ids, and its groups.
+inline std::string threadIds() {
+    uid_t u[3];
+    gid_t g[3];
+    getresuid(&u[0], &u[1], &u[2]);
+    getresgid(&g[0], &g[1], &g[2]);
+    std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
+    groups.resize(static_cast<std::size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
+    std::string text = std::to_string(u[0]) + " " + std::to_string(u[1]) + " " + std::to_string(u[2]) + " / " +
+                       std::to_string(g[0]) + " " + std::to_string(g[1]) + " " + std::to_string(g[2]) + " /";
+    for (gid_t group : groups) text += " " + std::to_string(group);
+    return text;
+}
+
 // Runs `body` on a thread acting as `account` through the library's switch (null: as the
-// process's own root); the thread must end with exactly the ids it started with.
+// process's own root); the thread must end with exactly the identity it started with.
 inline void actingAs(const usermanagement::User* account, const std::function<void()>& body) {
     std::thread([&] {
-        uid_t uid[3], gid[3], uidAfter[3], gidAfter[3];
-        getresuid(&uid[0], &uid[1], &uid[2]);
-        getresgid(&gid[0], &gid[1], &gid[2]);
+        const std::string before = threadIds();
         {
             usermanagement::SystemPermission permission;
             if (account != nullptr) permission.setUserPermission(*account);
             body();
         }
-        getresuid(&uidAfter[0], &uidAfter[1], &uidAfter[2]);
-        getresgid(&gidAfter[0], &gidAfter[1], &gidAfter[2]);
-        EXPECT_TRUE(std::equal(uid, uid + 3, uidAfter) && std::equal(gid, gid + 3, gidAfter));
+        EXPECT_EQ(threadIds(), before);
     }).join();
 }
 

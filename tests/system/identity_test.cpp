@@ -16,7 +16,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <typeinfo>
 
 #include <authnz/AuthNZException.h>
 #include <systemutilities/ScriptLauncher.h>
