@@ -153,7 +153,8 @@ public:
                                       const std::string& newPassword, const std::string& ip);
     // A reset: writes the hash of `newPassword` into the shadow entry of `name`, resets its
     // failed-login count, and logs the reset under this object's name.  Rights UpdatePassword
-    // with this object and with the account `name` as target.  `checkPassword` true: the password rules judge it first.
+    // with this object and with the account `name` as target.  `checkPassword` true: the password
+    // rules judge it first.
     void updateAnyUserPassword(const std::string& name, const std::string& newPassword, bool mustChange,
                                const std::string& ip, bool checkPassword);
     // Throws the password-rules service's refusal; the PAM user is the log context's user.

@@ -9,6 +9,7 @@
 
 #include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
+#include <systemutilities/LinuxUserSystem.h>
 #include <systemutilities/ScriptLauncher.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/FileSystemUpdate.h>
@@ -84,11 +85,14 @@ bool lockedByFailedLogins(unsigned int uid) {
 // account check that follows a right password resets the count, as after a login.  A locked
 // account is refused before anything is tried: it changes its password once a manager has
 // unlocked it.  A password that must be changed (expired) is what the change is for, so the
-// account check's "expired" answer does not stop it.  Root cannot log in on the web and is out
-// of reach of web callers anyway; its holder change goes to PAM directly.
-void verifyCurrentPassword(const std::string& name, unsigned int uid, const std::string& password,
-                           const std::string& ip) {
+// account check's "expired" answer does not stop it.  The account is the one PAM will change,
+// found by `name` (an object's uid may be stale): outside the managed range only the process's
+// own root may change it.  Root cannot log in on the web; its holder change goes to PAM directly.
+void verifyCurrentPassword(const std::string& name, const std::string& password, const std::string& ip) {
     using usermanagement::UpdatePasswordError;
+    unsigned int uid = static_cast<unsigned int>(-1);
+    // An unknown name is left to the login below, which answers as for a wrong password.
+    if (systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, nullptr)) detail::requireReachable(uid, name);
     if (lockedByFailedLogins(uid))
         throw UpdatePasswordException(UpdatePasswordError::InvalidCredentials, "Invalid Credentials",
                                       "locked by failed logins: unlock the account first", name, true);
@@ -112,8 +116,7 @@ void verifyCurrentPassword(const std::string& name, unsigned int uid, const std:
 
 void User::updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip) {
     checkNewPassword(getUserName(), newPassword);
-    detail::requireReachable(m_uid, m_userName);
-    verifyCurrentPassword(m_userName, m_uid, oldPassword, ip);
+    verifyCurrentPassword(m_userName, oldPassword, ip);
     const Session pam = session(getUserName(), ip, WebPam::WebLogin);
     requireSession(pam, getUserName());
     pam->pamChauthtok(oldPassword.c_str(), newPassword.c_str());
@@ -126,8 +129,7 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& old
     const Session pam = session(name, ip, WebPam::WebLogin);
     const User account(name);
     requireSession(pam, name);
-    detail::requireReachable(account.getUid(), name);
-    verifyCurrentPassword(name, account.getUid(), oldPassword, ip);
+    verifyCurrentPassword(name, oldPassword, ip);
     pam->pamChauthtok(oldPassword.c_str(), newPassword.c_str());
     detail::logAccountEvent(detail::PasswordChanged, "User account - password changed <" + name + ">");
 }

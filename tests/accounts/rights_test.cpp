@@ -38,15 +38,16 @@ const struct Caller {
 
 // The targets, by the account their object is looked up as ("" for the caller itself).  The
 // stale object is viewer's, kept while a manager renamed viewer to viewer-old and tech to
-// viewer; the renamed one is tech's with setUserName("admin") called on it.
+// viewer; the renamed one is tech's with setUserName("plainuser") called on it.
 enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, kTargets };
 const char* const kTargetNames[] = {"self", "other", "admin", "root", "www-data", "svc-web", "viewer", "tech"};
 
 enum Op {
-    Create, Lookup, Rename, Profile, Disable, Enable, Password, ResetOnOwnObject, Reset, Unlock, Remove, ReadHash, kOps
+    Create, Lookup, Rename, Profile, Disable, Enable, Password, ResetOnOwnObject, Reset, Unlock, Remove, ReadHash,
+    Holder, kOps
 };
-const char* const kOpNames[] = {"create", "lookup", "rename", "profile", "disable",  "enable",
-                                "password", "reset-own", "reset", "unlock", "remove", "hash"};
+const char* const kOpNames[] = {"create", "lookup", "rename", "profile", "disable", "enable", "password",
+                                "reset-own", "reset", "unlock", "remove", "hash", "holder"};
 
 // What an operation must answer.  `object`: the target object's uid; `written`: the uid of the
 // account written (for a reset: the one its name names now); `stale`: the object no longer
@@ -55,7 +56,9 @@ std::string expected(const Caller& c, Op op, unsigned int callerUid, unsigned in
                      bool stale, bool callerStale) {
     const bool root = callerUid == 0, all = root || c.manager;
     const auto ownPassword = [&](unsigned int uid) { return all || (c.self && uid == callerUid); };
-    const bool allowed = op == Lookup             ? all || c.self || std::string(c.name) == "www-data"
+    const bool lookup = all || c.self || std::string(c.name) == "www-data";
+    const bool allowed = op == Holder             ? true  // the current password is the right
+                         : op == Lookup           ? lookup
                          : op == ReadHash || op == Create ? all
                          : op == Password         ? ownPassword(object)
                          : op == ResetOnOwnObject ? (c.self || all) && ownPassword(written)
@@ -64,6 +67,8 @@ std::string expected(const Caller& c, Op op, unsigned int callerUid, unsigned in
     if (!allowed) return "302";
     if (op == ReadHash || op == Lookup || op == Create) return "ok";
     if ((written < 10000 || written >= 10010) && !root) return "305";
+    // A wrong current password; the failed login looks the account up with the caller's rights.
+    if (op == Holder) return lookup ? "18" : "302";
     if (op == Remove && object == 10000) return "3";
     if (op == Remove && object == callerUid) return "8";
     if (op == Disable && object == 10000) return "4";
@@ -92,9 +97,9 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                     User("viewer").updateUser(&oldName, nullptr, nullptr, nullptr, nullptr, nullptr);
                     User("tech").updateUser(&viewer, nullptr, nullptr, nullptr, nullptr, nullptr);
                 }
-                if (target == Renamed) object.setUserName("admin");
+                if (target == Renamed) object.setUserName("plainuser");
                 const std::string name = object.getUserName();
-                const bool reset = op == ResetOnOwnObject || op == Reset;
+                const bool reset = op == ResetOnOwnObject || op == Reset || op == Holder;
                 const unsigned int written = reset ? User(name).getUid() : object.getUid();
                 const bool stale = target == Stale || target == Renamed;
                 want += std::string(" ") + kOpNames[op] + "=" +
@@ -116,6 +121,10 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                     [&] { object.unLock(); },
                     [&] { object.removeUser(); },
                     [&] { (void)object.getEncryptedPassword(); },
+                    [&] {
+                        std::string wrong = "Wrong#Guess26", next = password;
+                        object.updatePassword(wrong, next, "");
+                    },
                 };
                 std::string result;
                 actingAs(root ? nullptr : &own, [&] { result = outcome(calls[op]); });
