@@ -99,13 +99,12 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                 }
                 if (target == Renamed) object.setUserName("plainuser");
                 const std::string name = object.getUserName();
-                const bool reset = op == ResetOnOwnObject || op == Reset || op == Holder;
-                const unsigned int written = reset ? User(name).getUid() : object.getUid();
-                const bool stale = target == Stale || target == Renamed;
+                const bool byName = op == ResetOnOwnObject || op == Reset || op == Holder;
+                const unsigned int written = byName ? User(name).getUid() : object.getUid();
                 want += std::string(" ") + kOpNames[op] + "=" +
-                        expected(c, Op(op), own.getUid(), object.getUid(), written, stale,
+                        expected(c, Op(op), own.getUid(), object.getUid(), written,
+                                 target == Stale || target == Renamed,
                                  target == Stale && (own.getUid() == 10002 || own.getUid() == 10003));
-
                 takeEvents();
                 const std::string before = files();
                 const std::function<void()> calls[] = {
@@ -149,12 +148,9 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
         unlink("/var/log/tallylog");
         takeEvents();
         const std::string shadow = tvc::test::readFile("/etc/shadow");
-        const auto change = [&](std::string old) {
-            std::string fresh = "Fresh#Pass2026x";
-            return outcome([&] {
-                if (byName) return User::updateAnyUserPassword("admin", old, fresh, "");
-                User("admin").updatePassword(old, fresh, "");
-            });
+        const auto change = [&](std::string old, std::string fresh = "Fresh#Pass2026x") {
+            return outcome([&] { byName ? User::updateAnyUserPassword("admin", old, fresh, "")
+                                        : User("admin").updatePassword(old, fresh, ""); });
         };
         std::string answers;
         tvc::test::as("viewer", [&] {
@@ -174,23 +170,20 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
         tvc::test::as("viewer", [&] { EXPECT_EQ(change("Admin#2026"), "ok"); });
         EXPECT_NE(tvc::test::readFile("/etc/shadow"), shadow);
         // The right password reset the count, as a login does.
-        std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("admin", "", authnz::WebPam::WebLogin));
+        const std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("admin", "", authnz::WebPam::WebLogin));
         EXPECT_EQ(outcome([&] { pam->pamAuthentication("Fresh#Pass2026x"); }), "ok");
     }
 }
 
 // The main account stays enabled whichever path writes its shadow field.
 TEST_F(RightsTest, NoPathDisablesTheMainAccount) {
-    const bool skip = true, no = false;
-    const auto store = [&](const char* name, std::string hash) {
-        return outcome([&] {
-            User(name).updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &hash, nullptr, &skip);
-        });
+    const bool skip = true;
+    const auto store = [&](const char* name, std::string h) {
+        return outcome(
+            [&] { User(name).updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &h, nullptr, &skip); });
     };
     std::string before = files();
-    EXPECT_EQ(outcome([&] { User("admin").updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); }) + " " +
-                  store("admin", "!!$6$tvc$x") + " " + store("admin", "!$6$tvc$x") + " " + store("admin", "*"),
-              "4 4 4 4");
+    EXPECT_EQ(store("admin", "!!$6$tvc$x") + " " + store("admin", "!$6$tvc$x") + " " + store("admin", "*"), "4 4 4");
     EXPECT_TRUE(files() == before);
     EXPECT_EQ(store("guest", "!!$6$tvc$x"), "ok");
     // Without a main account, the next account created takes its uid: it is born enabled.
