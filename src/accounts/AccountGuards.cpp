@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <authnz/AuthNZException.h>
+#include <systemutilities/LinuxUserSystem.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/ErrorCodes.h>
 #include <usermanagement/UMException.h>
@@ -30,16 +31,18 @@ void requireReachable(unsigned int uid, const std::string& name) {
                                          umlog::Ctx::getCtx().getUsername(), true);
 }
 
-void confirmStoredAccount(unsigned int uid, const std::string& name) {
+void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid) {
     const auto byId = userById(uid);
-    const auto byName = userByName(name.c_str());
     const auto shadow = shadowByName(name.c_str());
-    for (const int error : {byId.error, byName.error, shadow.error})
+    for (const int error : {byId.error, shadow.error})
         if (error != 0)
             raiseErrno<UMSystemErrorException>(error, UMSystemError::DatabaseLookup, name,
                                                " :The account database could not be read");
-    const bool same = byId.found() && byName.found() && shadow.found() && byId.entry.pw_name != nullptr &&
-                      name == byId.entry.pw_name && byName.entry.pw_uid == uid;
+    // The ids of the name as an object looks them up: the group is the account's profile group.
+    unsigned int storedUid = 4294967295u, storedGid = 4294967295u;
+    const bool named = systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &storedUid, &storedGid);
+    const bool same = byId.found() && shadow.found() && named && byId.entry.pw_name != nullptr &&
+                      name == byId.entry.pw_name && storedUid == uid && storedGid == gid;
     if (!same)
         raise<UMException>(UMError::StaleAccount, name, " :The account changed since it was looked up (uid ", uid,
                            "); look it up again");

@@ -7,11 +7,13 @@
 //     (an operator at the console).  A thread acting as an account never reaches it, whatever
 //     role that account holds: a user manager of the web interface must not be able to reset
 //     root's password, disable it, or give a service account a password to log in with.
-//   - confirmStoredAccount: under the password-file lock, the object's uid and name must still
-//     name one and the same stored account.  The passwd entry is found by uid and the shadow
-//     entry by name, so an object whose name was changed with setUserName, or that a session
-//     kept while a manager renamed accounts around it, would otherwise write one account's
-//     passwd line and another account's password.
+//   - confirmStoredAccount: under the password-file lock, the object's uid, name and primary
+//     group must still be those of one stored account.  The passwd entry is found by uid and
+//     the shadow entry by name, so an object whose name was changed with setUserName, or that a
+//     session kept while a manager renamed accounts around it, would otherwise write one
+//     account's passwd line and another account's password; and the passwd line is written
+//     with the object's group, so a session's object kept across a demotion would give the
+//     account its old profile back with a mere password change.
 #pragma once
 
 #include <string>
@@ -27,8 +29,9 @@ bool callerIsProcessRoot();
 void requireReachable(unsigned int uid, const std::string& name);
 
 // UMException 41 (StaleAccount) unless the password database's entry of `uid` is named `name`,
-// the entry of `name` has user id `uid`, and the shadow file has an entry of `name`.  Called
-// with the password-file lock held, so nothing can change between this check and the rewrite.
-void confirmStoredAccount(unsigned int uid, const std::string& name);
+// the name's account has user id `uid` and profile group `gid` (as an object looks them up), and
+// the shadow file has an entry of `name`.  Called with the password-file lock held, so nothing can change between this
+// check and the rewrite.
+void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid);
 
 }  // namespace usermanagement::detail

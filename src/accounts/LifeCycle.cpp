@@ -123,10 +123,13 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
                                      "updateEntryInShadowFile");
         if (!isSet(skipPasswordCheck)) checkPasswordStrenght(*password);
     }
+    // The object keeps the group it was read with until the change is installed: a failure
+    // on the way leaves it naming the stored account, which the next operation checks.
+    unsigned int gid = m_gid;
     if (profileId != nullptr) {
         m_profile = ProfileDefinition::GetProfileDefinition().getProfile(*profileId);
         if (m_profile.getId() < 0) roleNotAllowed(*profileId);
-        m_gid = m_profile.getGid();
+        gid = m_profile.getGid();
     }
 
     LookUpdateShadow lookShadow;
@@ -135,8 +138,8 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
         detail::AccountFiles files;
         // The passwd entry is found by uid and the shadow entry by name: both must still be
         // this account's.
-        detail::confirmStoredAccount(m_uid, m_userName);
-        updateEntryInPasswordFile(files.passwd, m_uid, m_gid, newName, lookPasswd);
+        detail::confirmStoredAccount(m_uid, m_userName, m_gid);
+        updateEntryInPasswordFile(files.passwd, m_uid, gid, newName, lookPasswd);
         updateEntryInShadowFile(files.shadow, m_userName, newName, password, PasswordType{encrypted}, active,
                                 mustChange, lookShadow);
         // Re-enabling or a new password ends a lock by failed logins.  The tally tool finds the
@@ -147,6 +150,7 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
             logUserLockEvent(unlocked);
         }
         files.install();
+        m_gid = gid;
         if (newName != nullptr) m_userName = *newName;
         if (newName != nullptr || profileId != nullptr)
             (void)systemutilities::ScriptLauncher::exec(kReloadNameCache, true);
@@ -180,7 +184,7 @@ void User::removeUser() {
 
     detail::AccountFiles files;
     // The shadow entry goes by name and the passwd entry by uid: both must be this account's.
-    detail::confirmStoredAccount(m_uid, m_userName);
+    detail::confirmStoredAccount(m_uid, m_userName, m_gid);
     removeEntryInShadowFile(files.shadow, m_userName);
     removeEntryInPasswordFile(files.passwd, m_uid);
     files.install();

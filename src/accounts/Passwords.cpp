@@ -66,6 +66,18 @@ void checkNewPassword(const std::string& name, const std::string& password) {
     detail::checkPasswordToStore(name, password, PasswordType{false}, false, "updateEntryInShadowFile");
 }
 
+// The account check that completes a login after a right password.  The failed-login module
+// counts every authentication as a failure until the account check resets it: without this, a
+// right password checked here would count against the holder, and three confirmations would
+// lock the account.  A password that must be changed does not undo the authentication.
+void acceptAsLogin(WebPam& pam) {
+    try {
+        pam.pamAccount();
+    } catch (authnz::AuthorizationException& expired) {
+        if (expired.getErrorId() != authnz::AuthorizationError::ExpiredCredentials) throw;
+    }
+}
+
 // Whether the failed-login count of `uid` has reached the configured limit.  Read as root: the
 // tally file is root's.
 bool lockedByFailedLogins(unsigned int uid) {
@@ -105,11 +117,7 @@ void verifyCurrentPassword(const std::string& name, const std::string& password,
         throw UpdatePasswordException(UpdatePasswordError::InvalidCredentials, "Invalid Credentials",
                                       wrong.getErrorDescription(), name, true);
     }
-    try {
-        pam->pamAccount();
-    } catch (authnz::AuthorizationException& expired) {
-        if (expired.getErrorId() != authnz::AuthorizationError::ExpiredCredentials) throw;
-    }
+    acceptAsLogin(*pam);
 }
 
 }  // namespace
@@ -154,8 +162,8 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& new
         shadow.prepareSystemFiles();
         // Under the lock: the account looked up is still the one of that name, and this object
         // (whose name the event carries) still names its own account.
-        detail::confirmStoredAccount(target.m_uid, name);
-        detail::confirmStoredAccount(m_uid, m_userName);
+        detail::confirmStoredAccount(target.m_uid, name, target.m_gid);
+        detail::confirmStoredAccount(m_uid, m_userName, m_gid);
         updateEntryInShadowFile(shadow, name, nullptr, &newPassword, PasswordType{false}, nullptr, &mustChange, look);
         LookLockUpdate unlocked;
         target.resetFailedLogins(unlocked);
@@ -178,6 +186,7 @@ bool User::checkCurrentUserPasswd(const std::string& password) {
     if (!pam) return false;
     try {
         pam->pamAuthentication(password.c_str());
+        acceptAsLogin(*pam);
         return true;
     } catch (authnz::AuthenticationException& refused) {
         // The caller only learns true or false, so the failed attempt is logged here.
@@ -195,7 +204,7 @@ void User::unLock() {
         // account's, or a stale object would unlock whoever holds the name now.
         const detail::AsRoot root;
         const detail::PasswordFileLock lock("unLock:password files locked");
-        detail::confirmStoredAccount(m_uid, m_userName);
+        detail::confirmStoredAccount(m_uid, m_userName, m_gid);
         resetFailedLogins(look);
     }
     logUserLockEvent(look);

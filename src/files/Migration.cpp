@@ -22,6 +22,7 @@
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "accounts/AccountGuards.h"
 #include "files/EntryCopy.h"
 
 namespace usermanagement {
@@ -150,6 +151,10 @@ void filesSystemMigration() {
     // without them would get the files rewritten as root and then fail half way: refused here,
     // before any file is touched.
     definition.checkRight(UserDefinition::ManageUsers, nullptr);
+    // The reference copies rebuild root and the service accounts too (a device-specific root
+    // password goes back to the shipped one): like any change to an account outside the managed
+    // range, only the process's own root may run it, never a thread acting as a user manager.
+    detail::requireReachable(0, "root");
     std::puts("Updating System files...");
     std::map<std::string, unsigned int> userGids;
     {

@@ -257,6 +257,9 @@ void updateExpirationDate() {
     bool exemptBaseUser = false;
     LookUpdateShadow record;
     UserDefinition& definition = UserDefinition::GetUserDefinition();
+    // It rewrites the ageing of every managed account as root (and can erase a manager's "must
+    // change at the next login"): only a caller who may manage accounts may ask for it.
+    definition.checkRight(UserDefinition::ManageUsers, nullptr);
     definition.getDBPasswordExpirationAge(maxAge, minAge, inactivityDays, exemptBaseUser);
 
     // Declared first, destroyed last: the identity comes back after the transaction has

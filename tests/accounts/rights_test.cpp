@@ -38,9 +38,11 @@ const struct Caller {
 
 // The targets, by the account their object is looked up as ("" for the caller itself).  The
 // stale object is viewer's, kept while a manager renamed viewer to viewer-old and tech to
-// viewer; the renamed one is tech's with setUserName("plainuser") called on it.
-enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, kTargets };
-const char* const kTargetNames[] = {"self", "other", "admin", "root", "www-data", "svc-web", "viewer", "tech"};
+// viewer; the renamed one is tech's with setUserName("plainuser") called on it; the demoted one
+// is tech's, kept while a manager moved tech to viewers.
+enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, Demoted, kTargets };
+const char* const kTargetNames[] = {"self",    "other", "admin", "root", "www-data",
+                                    "svc-web", "viewer", "tech", "tech"};
 
 enum Op {
     Create, Lookup, Rename, Profile, Disable, Enable, Password, ResetOnOwnObject, Reset, Unlock, Remove, ReadHash,
@@ -98,13 +100,15 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                     User("tech").updateUser(&viewer, nullptr, nullptr, nullptr, nullptr, nullptr);
                 }
                 if (target == Renamed) object.setUserName("plainuser");
+                if (target == Demoted) User("tech").updateUser(nullptr, &viewers, nullptr, nullptr, nullptr, nullptr);
                 const std::string name = object.getUserName();
                 const bool byName = op == ResetOnOwnObject || op == Reset || op == Holder;
                 const unsigned int written = byName ? User(name).getUid() : object.getUid();
                 want += std::string(" ") + kOpNames[op] + "=" +
                         expected(c, Op(op), own.getUid(), object.getUid(), written,
-                                 target == Stale || target == Renamed,
-                                 target == Stale && (own.getUid() == 10002 || own.getUid() == 10003));
+                                 target == Stale || target == Renamed || target == Demoted,
+                                 own.getUid() == 10003 ? target == Stale || target == Demoted
+                                                       : target == Stale && own.getUid() == 10002);
                 takeEvents();
                 const std::string before = files();
                 const std::function<void()> calls[] = {

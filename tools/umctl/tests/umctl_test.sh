@@ -183,6 +183,11 @@ for words in "create x --profile 2" "rename operator x" "set-profile operator 2"
     after=unchanged expect 1 '{"classCode":1,*"errorCode":302*}' "*Session - Unauthorized <viewer>*${nl}umctl: Not authorized" \
         -- --json --as viewer $words <<<"$pw"
 done
+# A user manager acting on the web side never reaches root, nor rebuilds it with a migration.
+for words in "reset-password root" "disable www-data" migrate; do
+    # shellcheck disable=SC2086 # the command's words
+    after=unchanged expect 1 '{"classCode":1,*"errorCode":305*}' "*umctl: Not authorized" -- --json --as admin $words <<<"$pw"
+done
 after=unchanged expect 1 '{"classCode":0,*"errorCode":3*}' "*umctl: admin :Forbidden deletion of the main user" -- --json remove admin
 after=unchanged expect 1 '{"classCode":0,*"errorCode":4*}' "*umctl: admin :Forbidden to disable the main user" -- --json disable admin
 after=unchanged expect 1 '{*"errorCode":18*}' "*Invalid credentials <viewer>*" -- --json passwd viewer <<<"Wrong#2026$nl$pw"
