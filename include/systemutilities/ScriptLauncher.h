@@ -12,11 +12,25 @@
 #include <sys/types.h>
 
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 #include <usermanagement/Export.h>
 
 namespace systemutilities {
+
+// What exec() throws when a command cannot be launched.  what() is "popen() failed!", the text
+// hosts know; getErrorDescription() says why (the errno text of the failed step) and with which
+// ids the child was to run, e.g. "Operation not permitted (uid 10002 gid 10002)".
+class TVC_UM_EXPORT LaunchError : public std::runtime_error {
+public:
+    explicit LaunchError(std::string description);
+    ~LaunchError() override;
+    const std::string& getErrorDescription() const noexcept;
+
+private:
+    std::string m_description;
+};
 
 class TVC_UM_EXPORT ScriptLauncher {
 public:
@@ -42,7 +56,7 @@ public:
     static int Pclose(FILE* stream);
     // The whole standard output of `command` (through Popen when `withPermission`, else
     // PopenWithoutPerm) with its last newline removed; the exit status is not looked at.
-    // std::runtime_error "popen() failed!" when the command cannot be launched.
+    // LaunchError (a std::runtime_error "popen() failed!") when the command cannot be launched.
     static std::string exec(const std::string& command, bool withPermission);
 
     // Child process id per descriptor number of the streams handed out (0: none); one entry per

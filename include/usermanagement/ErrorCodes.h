@@ -41,6 +41,9 @@ struct UMSystemError {
         FilesLocked = 11,      // the password-file lock could not be taken
         DatabaseLookup = 12,   // the account or group database could not answer
         FileTransaction = 13,  // preparing or installing a file update transaction
+        // The failed-login count could not be reset: the tally tool did not start, failed, or
+        // left the count in place.  The operation that needed it wrote nothing.
+        TallyReset = 47,
     };
 };
 

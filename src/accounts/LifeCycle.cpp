@@ -152,12 +152,16 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
         files.install();
         m_gid = gid;
         if (newName != nullptr) m_userName = *newName;
-        if (newName != nullptr || profileId != nullptr)
-            (void)systemutilities::ScriptLauncher::exec(kReloadNameCache, true);
-        retrieveProfile();
     }
+    // The change is installed: its events go out before anything that can still fail (the
+    // cache reload, the refresh of this object), so no installed change is left unaudited.
     logPwdEvent(lookPasswd);
     logShadowdEvent(lookShadow);
+    if (newName != nullptr || profileId != nullptr) {
+        const detail::AsRoot root;
+        (void)systemutilities::ScriptLauncher::exec(kReloadNameCache, true);
+    }
+    retrieveProfile();
     updateState();
 }
 

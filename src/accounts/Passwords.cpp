@@ -5,6 +5,11 @@
 // transaction.  PAM sessions are made per call and owned by a shared_ptr for its span.
 #include <usermanagement/User.h>
 
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include <authnz/AuthNZException.h>
@@ -58,6 +63,33 @@ std::string insideDoubleQuotes(const std::string& text) {
         quoted += c;
     }
     return quoted;
+}
+
+// Runs the tally tool's reset and makes sure it happened: the command must start, exit with 0,
+// and the account's count must read 0 afterwards.  UMSystemErrorException 47 otherwise, with
+// the reason (errno of a launch that failed, the exit status) in its description.
+void runTallyReset(const std::string& command, unsigned int uid) {
+    std::string reason;
+    FILE* stream = systemutilities::ScriptLauncher::Popen(command.c_str(), "r");
+    if (stream == nullptr) {
+        reason = detail::concat("the command did not start: ", std::strerror(errno));
+    } else {
+        char discard[256];
+        while (std::fread(discard, 1, sizeof discard, stream) == sizeof discard) {
+        }
+        const int status = systemutilities::ScriptLauncher::Pclose(stream);
+        if (status == -1)
+            reason = "the command's status could not be had";
+        else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            reason = WIFEXITED(status) ? detail::concat("the command exited with ", WEXITSTATUS(status))
+                                       : detail::concat("the command was ended by signal ", WTERMSIG(status));
+        else if (utilities::getLockCount(uid, UserDefinition::GetUserDefinition().getTallyFilePath()) != 0)
+            reason = "the count is not 0 after the command";
+    }
+    if (!reason.empty())
+        throw UMSystemErrorException(UMSystemError::TallyReset, "unLock error, the failed-login count was not reset",
+                                     detail::concat(reason, " (uid ", uid, ")"), umlog::Ctx::getCtx().getUsername(),
+                                     true);
 }
 
 // A new password PAM is to store: what the shadow file could not take from the library is not
@@ -220,9 +252,11 @@ void User::resetFailedLogins(LookLockUpdate& look) {
         // reset that cannot write the file: the account would stay locked.
         const detail::AsRoot root;
         retrieveLockState(look);
-        // The reset runs whether or not the count reached the limit; its output and status
-        // tell nothing the tally file does not.
-        (void)systemutilities::ScriptLauncher::exec(command, true);
+        // The reset runs whether or not the count reached the limit.  Its success is checked:
+        // an operation that reports an account unlocked (or a new account clean) while the
+        // count is still there would leave an operator locked out with an audit trail saying
+        // otherwise.
+        runTallyReset(command, m_uid);
     }
     if (m_isLocked) look.unlocked = true;
     m_isLocked = false;

@@ -31,6 +31,7 @@ constexpr LogEntry kSystemTable[] = {
     {UMSystemError::FilesLocked, "", "Password error", kAccount, 28, kDebug},
     {UMSystemError::DatabaseLookup, "", "Role error", kAccount, 29, kDebug},
     {UMSystemError::FileTransaction, "", "Main account unsupressible", kAccount, 31, kDebug},
+    {UMSystemError::TallyReset, "", "Failed-login count not reset", kAccount, 36, kDebug},
 };
 
 constexpr LogEntry kPmTable[] = {

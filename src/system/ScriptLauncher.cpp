@@ -36,11 +36,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include <tarvicexception/TvcException.h>
@@ -286,15 +289,26 @@ int ScriptLauncher::Pclose(FILE* stream) {
 
 std::string ScriptLauncher::exec(const std::string& command, bool withPermission) {
     std::string result;
-    std::shared_ptr<FILE> stream(withPermission ? Popen(command.c_str(), "r") : PopenWithoutPerm(command.c_str(), "r"),
-                                 Pclose);
-    if (!stream) throw std::runtime_error("popen() failed!");
+    FILE* launched = withPermission ? Popen(command.c_str(), "r") : PopenWithoutPerm(command.c_str(), "r");
+    const int error = errno;
+    std::shared_ptr<FILE> stream(launched, Pclose);
+    if (!stream) {
+        throw LaunchError(std::string(std::strerror(error)) + " (uid " + std::to_string(geteuid()) + " gid " +
+                          std::to_string(getegid()) + ")");
+    }
     char piece[128];
     while (std::fgets(piece, sizeof piece, stream.get()) != nullptr) result += piece;
     const std::string::size_type last = result.rfind('\n');
     if (last != std::string::npos) result.erase(last, 1);
     return result;
 }
+
+LaunchError::LaunchError(std::string description)
+    : std::runtime_error("popen() failed!"), m_description(std::move(description)) {}
+
+LaunchError::~LaunchError() = default;
+
+const std::string& LaunchError::getErrorDescription() const noexcept { return m_description; }
 
 std::string shellQuote(const std::string& text) {
     if (text.find('\0') != std::string::npos) throw std::invalid_argument("shellQuote: text holds a NUL byte");

@@ -45,6 +45,26 @@ constexpr const char* kTraceName = "sessionP.txt";
 
 bool rootProfile() { return UserDefinition::GetUserDefinition().hasRootProfile(); }
 
+// A failed identity step: the message is the fixed text hosts know; the description says why
+// (the errno of the refused call, kNoReadBack when the call passed but the ids did not read
+// back) and which ids were asked for against those the thread has now, so that a failure in
+// the field can be told from the log alone.
+constexpr int kNoReadBack = 0;
+[[noreturn]] void switchFailed(int code, const char* message, int error, unsigned int uid, unsigned int gid,
+                               const char* reasonText = nullptr) {
+    uid_t ruid = kUnknownId, euid = kUnknownId, suid = kUnknownId;
+    gid_t rgid = kUnknownId, egid = kUnknownId, sgid = kUnknownId;
+    (void)getresuid(&ruid, &euid, &suid);
+    (void)getresgid(&rgid, &egid, &sgid);
+    const std::string reason = reasonText != nullptr ? std::string(reasonText)
+                               : error != 0     ? std::string(std::strerror(error))
+                                                : std::string("the ids did not read back");
+    throw PMException(code, message,
+                      detail::concat(reason, " (wanted uid ", uid, " gid ", gid, "; thread has uid ", ruid, "/", euid,
+                                     "/", suid, " gid ", rgid, "/", egid, "/", sgid, ")"),
+                      umlog::Ctx::getCtx().getUsername(), true);
+}
+
 // A malloc'ed copy of a snapshot's group array (null for none); PMException when it cannot be had.
 unsigned int* copyOfGroups(const unsigned int* groups, int count) {
     if (groups == nullptr || count <= 0) return nullptr;
@@ -159,15 +179,14 @@ void actAsOrRollBack(const Snapshot& snapshot, Act&& act) {
 // that did not stick is a failure like a refused id.
 void actAs(uid_t uid, gid_t gid, const gid_t* groups, int count) {
     if (!rootProfile()) return;
-    ids::setGroups(count, groups);
+    constexpr int kFailed = PMError::UpdatePrivilegeFailed;
+    const int groupsError = ids::setGroups(count, groups) == -1 ? errno : 0;
     if (ids::setResGid(ids::kUnchanged, gid, 0) == -1)
-        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresgid");
+        switchFailed(kFailed, "setUserPermission sys_setresgid", errno, uid, gid);
     if (ids::setResUid(ids::kUnchanged, uid, 0) == -1)
-        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid");
-    if (!hasGroups(groups, count))
-        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setgroups");
-    if (!hasEffectiveIds(uid, gid))
-        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid");
+        switchFailed(kFailed, "setUserPermission sys_setresuid", errno, uid, gid);
+    if (!hasGroups(groups, count)) switchFailed(kFailed, "setUserPermission sys_setgroups", groupsError, uid, gid);
+    if (!hasEffectiveIds(uid, gid)) switchFailed(kFailed, "setUserPermission sys_setresuid", kNoReadBack, uid, gid);
 }
 
 // The trace file, ready for appending, or nothing.  print() runs as root in a directory anyone
@@ -252,7 +271,7 @@ unsigned int SystemPermission::getSgid() const { return m_savegid; }
 void SystemPermission::setUpPermission() {
     if (!rootProfile()) return;
     if (ids::setResUid(ids::kUnchanged, 0, 0) == -1)
-        raise<PMException>(PMError::UpdatePrivilegeFailed, "setUpPermission");
+        switchFailed(PMError::UpdatePrivilegeFailed, "setUpPermission", errno, 0, getegid());
 }
 
 void SystemPermission::setRealPermissions() {
@@ -269,7 +288,8 @@ void SystemPermission::restorePermission() {
         if (groupsKnown(m_groups, m_nbreGroup)) ids::setGroups(m_nbreGroup, m_groups);
         ids::setResGid(ids::kUnchanged, m_egid, 0);
         ids::setResUid(ids::kUnchanged, m_euid, 0);
-        if (!hasEffectiveIds(m_euid, m_egid)) raise<PMException>(PMError::UpdatePrivilegeFailed, "restorePermission");
+        if (!hasEffectiveIds(m_euid, m_egid))
+            switchFailed(PMError::UpdatePrivilegeFailed, "restorePermission", kNoReadBack, m_euid, m_egid);
     }
     m_permissionChanged = false;
 }
@@ -282,12 +302,13 @@ void SystemPermission::setUserPermission(const std::string& userName) {
     if (m_permissionChanged) return;
     unsigned int uid = kUnknownId, gid = kUnknownId;
     if (!systemutilities::LinuxUserSystem::getUserIds(userName.c_str(), &uid, &gid))
-        raise<PMException>(PMError::UpdateUserFailed, "setUserPermission no user");
+        switchFailed(PMError::UpdateUserFailed, "setUserPermission no user", 0, uid, gid,
+                     "no account of that name in the account database");
     std::vector<gid_t> groups;
     try {
         // A list that cannot be had is refused rather than switching with the caller's groups.
         if (!detail::groupListOf(userName.c_str(), gid, groups))
-            raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setgroups");
+            switchFailed(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setgroups", errno, uid, gid);
     } catch (const std::bad_alloc&) {
         raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
     }
@@ -321,9 +342,9 @@ void SystemPermission::setUserPermissionDefinitely() {
         case ids::KeepOnly::Done:
             return;
         case ids::KeepOnly::GidRefused:
-            raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresgid");
+            switchFailed(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresgid", errno, m_euid, m_egid);
         case ids::KeepOnly::UidRefused:
-            raise<PMException>(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid");
+            switchFailed(PMError::UpdatePrivilegeFailed, "setUserPermission sys_setresuid", errno, m_euid, m_egid);
     }
 }
 

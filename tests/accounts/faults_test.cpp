@@ -78,6 +78,23 @@ TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
 #endif
 }
 
+// The name-service cache is told to reload after the change is installed.  When even its
+// command cannot start, the change stays made, and its events are in the audit trail already.
+TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
+#ifndef TVC_FIU_PRELOAD
+    GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
+#else
+    const Result result = run("TVC_DRIVER_EVENTS=1 LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver +
+                              " --fail posix/proc/fork 1 update viewer watcher 2>&1");
+    EXPECT_EQ(result.output.substr(0, result.output.find('\n')), "error popen() failed!");
+    const std::string events = result.output.substr(result.output.find("lock free\n") + 10);
+    EXPECT_EQ(events,
+              "event User account - name changed from <viewer> to <watcher>\n"
+              "event User account - profile of <watcher> changed from <viewers> to <operators>\n");
+    EXPECT_EQ(fields(lineOf("/etc/passwd", "watcher")).at(3), "10001");
+#endif
+}
+
 // Threads of this process and a driver process create and remove accounts at the same time.
 TEST_F(AccountFaults, ConcurrentCreationsAndRemovalsLoseAndDuplicateNothing) {
     constexpr int kThreads = 3, kEach = 30;

@@ -4,14 +4,18 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 
+#include <usermanagement/ErrorCodes.h>
+#include <usermanagement/User.h>
 #include <usermanagement/Utilities.h>
 
 #include "foundation/Descriptor.h"
-#include "support/Sandbox.h"
+#include "support/AccountSupport.h"
 
 using usermanagement::utilities::getLockCount;
 
@@ -19,6 +23,7 @@ namespace {
 
 // The scratch files live in the sandbox's throw-away /etc.
 using Tally = tvc::test::SandboxTest;
+using TallyResetTest = tvc::test::AccountsTest;
 
 TEST_F(Tally, CountIsReadFromTheRecordOfTheUidInARegularFileOnly) {
     const std::string file = "/etc/tvc-tallylog", fifo = "/etc/tvc-tally.fifo";
@@ -54,6 +59,59 @@ TEST_F(Tally, CountIsReadFromTheRecordOfTheUidInARegularFileOnly) {
     for (const auto& c : cases) EXPECT_EQ(getLockCount(c.uid, c.path), c.count) << c.path << " " << c.uid;
     // Without a writer, a blocking open would never return: in a fresh process, SIGALRM ends it.
     EXPECT_EXIT((alarm(3), _exit(getLockCount(0, fifo))), testing::ExitedWithCode(0), "");
+}
+
+// guest's record with `count` failed logins, as the sample's tally module writes it.
+void setCount(std::uint16_t count) {
+    const usermanagement::detail::Descriptor tally(open("/var/log/tallylog", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    unsigned char record[64] = {};
+    std::memcpy(record + 54, &count, sizeof count);
+    ASSERT_EQ(pwrite(tally.get(), record, sizeof record, 10004 * 64), 64);
+}
+
+// A tally tool that fails, or succeeds without resetting the count, fails the operation that
+// needed the reset: nothing is written and no "unlocked" event claims what did not happen.
+TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
+    const std::string tool = "/etc/tvc-pam/bin/pam_tally2", real = tool + ".real";
+    ASSERT_EQ(rename(tool.c_str(), real.c_str()), 0);
+    struct PutBack {
+        std::string tool, real;
+        ~PutBack() { rename(real.c_str(), tool.c_str()); }
+    } putBack{tool, real};
+    const struct {
+        const char* body;
+        const char* reason;
+    } tools[] = {
+        {"exit 1", "the command exited with 1 (uid 10004)"},
+        {"exit 0", "the count is not 0 after the command (uid 10004)"},
+    };
+    const bool yes = true;
+    usermanagement::User guest("guest");
+    const std::function<void()> operations[] = {
+        [&] { guest.unLock(); },
+        [&] { guest.updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); },
+        [&] { guest.updateAnyUserPassword("guest", "Reset#Guest2026", false, "", false); },
+    };
+    for (const auto& t : tools) {
+        tvc::test::writeFile(tool, std::string("#!/bin/sh\n") + t.body + "\n");
+        ASSERT_EQ(chmod(tool.c_str(), 0755), 0);
+        for (const auto& operation : operations) {
+            SCOPED_TRACE(t.body);
+            setCount(3);
+            const std::string passwd = tvc::test::readFile("/etc/passwd"), shadow = tvc::test::readFile("/etc/shadow");
+            try {
+                operation();
+                ADD_FAILURE() << "no error";
+            } catch (tarvicexception::TvcException& e) {
+                EXPECT_EQ(e.getErrorId(), usermanagement::UMSystemError::TallyReset);
+                EXPECT_EQ(std::string(e.getErrorDescription()), t.reason);
+            }
+            EXPECT_EQ(getLockCount(10004, "/var/log/tallylog"), 3);
+            EXPECT_EQ(tvc::test::readFile("/etc/passwd"), passwd);
+            EXPECT_EQ(tvc::test::readFile("/etc/shadow"), shadow);
+            EXPECT_EQ(takeEvents(), "");
+        }
+    }
 }
 
 }  // namespace

@@ -377,7 +377,14 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
                 EXPECT_EQ(ScriptLauncher::Popen("echo must-not-run", "r"), nullptr);
                 EXPECT_EQ(errno, EPERM);
                 EXPECT_TRUE(noChildren());  // reaped
-                EXPECT_THROW(ScriptLauncher::exec("echo must-not-run", true), std::runtime_error);
+                try {
+                    ScriptLauncher::exec("echo must-not-run", true);
+                    ADD_FAILURE() << "ran";
+                } catch (const systemutilities::LaunchError& e) {
+                    EXPECT_EQ(std::string(e.what()) + " | " + e.getErrorDescription(),
+                              "popen() failed! | Operation not permitted (uid " + std::to_string(c.effective) +
+                                  " gid " + std::to_string(getegid()) + ")");
+                }
                 EXPECT_EQ(ScriptLauncher::exec("echo ran", false), "ran");  // no identity step, no refusal
             }
             EXPECT_EQ(idsOf(), before);  // the calling thread keeps its ids, and its way back to root
@@ -427,21 +434,24 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
         const char* what;
         void (*prepare)();  // as root, before the thread acts as viewer
         std::function<void(SystemPermission&)> act;
-        std::string failure;  // outcome(act)
+        std::string failure;  // "<code> <message> | <description>"
     } cases[] = {
         {"no such account", [] {}, [](SystemPermission& p) { p.setUserPermission("nosuch"); },
-         "16 setUserPermission no user"},
+         "16 setUserPermission no user | no account of that name in the account database (wanted uid 4294967295 "
+         "gid 4294967295; thread has uid 0/10002/0 gid 0/10002/0)"},
         {"a group list setgroups refuses, through an account object", moreGroupsThanAThreadMayHave,
          [](SystemPermission& p) { p.setUserPermission(User("operator")); },
-         "15 setUserPermission sys_setgroups"},
+         "15 setUserPermission sys_setgroups | Invalid argument (wanted uid 10001 gid 10001; thread has uid "
+         "0/10001/0 gid 0/10001/0)"},
         // Not stored: no user id (-1, which setresuid reads as "unchanged"), a real group id.
         {"an account object without a user id", [] {},
          [](SystemPermission& p) { p.setUserPermission(User("newcomer", 2, true)); },
-         "15 setUserPermission sys_setresuid"},
+         "15 setUserPermission sys_setresuid | the ids did not read back (wanted uid 4294967295 gid 10002; thread "
+         "has uid 0/0/0 gid 0/10002/0)"},
         // The switch succeeds; the context's account, built as operator, does not.
         {"an account the context cannot build", accountsForViewersOnly,
          [](SystemPermission& p) { p.setUserPermission("operator"); },
-         "5 User uid not found in the system (retrieveUserName from uid):10001"},
+         "5 User uid not found in the system (retrieveUserName from uid):10001 | "},
     };
     for (const auto& c : cases) {
         c.prepare();
@@ -463,7 +473,13 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
             };
             {
                 SystemPermission other;
-                EXPECT_EQ(tvc::test::outcome([&] { c.act(other); }), c.failure);
+                try {
+                    c.act(other);
+                    ADD_FAILURE() << "no failure";
+                } catch (tarvicexception::TvcException& e) {
+                    EXPECT_EQ(std::to_string(e.getErrorId()) + " " + e.what() + " | " + e.getErrorDescription(),
+                              c.failure);
+                }
                 unchanged();
             }  // and the object has nothing to restore
             unchanged();

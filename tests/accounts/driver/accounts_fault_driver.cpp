@@ -5,7 +5,8 @@
 // --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
 // POSIX preload library must be loaded).  Prints "ok" or "error <id> <message>", the thread's ids
 // before and after the operation, then "lock free" when the process, root again, can take the
-// password-file lock through lckpwdf and through the library.
+// password-file lock through lckpwdf and through the library.  With TVC_DRIVER_EVENTS set, the
+// account events the operation logged follow, one "event <text>" line each.
 #include <shadow.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "AccountDriver.h"
+#include "support/RecordingLogger.h"
 
 #ifdef FIU_ENABLE  // built with libfiu
 #include <fiu-control.h>
@@ -83,6 +85,7 @@ int main(int argc, char** argv) {
     tvc::sample::SampleCatalogue catalogue;
     definition.setUserDefinition(definition);
     catalogue.setProfileDefinition(catalogue);
+    tvc::test::RecordingLogger events;
     std::string result = "ok", before, after;
     if (args.size() == 3 && args[0] == "churn") {
         result = tvc::test::churn(args[1], std::atoi(args[2].c_str()));
@@ -100,6 +103,8 @@ int main(int argc, char** argv) {
                 result = "bad request";
         } catch (const tarvicexception::TvcException& e) {
             result = tvc::test::describe(e);
+        } catch (const std::exception& e) {
+            result = std::string("error ") + e.what();
         }
         after = ids();
     }
@@ -111,5 +116,8 @@ int main(int argc, char** argv) {
         free = false;
     }
     std::printf("%s\n%s\n%s\nlock %s\n", result.c_str(), before.c_str(), after.c_str(), free ? "free" : "held");
+    if (std::getenv("TVC_DRIVER_EVENTS") != nullptr)
+        for (const auto& m : events.messages)
+            if (m.category == LogCategory::UserAccount) std::printf("event %s\n", m.text.c_str());
     return result == "ok" ? 0 : 1;
 }
