@@ -2,7 +2,10 @@
 //
 // The new files are built from the reference copies of the new version and the managed
 // accounts of the live files only: nothing of a previous, possibly interrupted run is read
-// back as such, so running the migration again gives the same files.
+// back as such, so running the migration again gives the same files.  The profile step reads
+// each account's group id back from the live passwd file, so its updates are ordered such that
+// a run stopped between any two installs leaves a group id from which the next run reaches the
+// same account state (updateProfiles).
 #include <usermanagement/Migration.h>
 
 #include <grp.h>
