@@ -5,9 +5,11 @@
 // The migration builds the device's files from them and carries the managed accounts over:
 //
 //   - group: the reference copy as it is (profile groups the new version dropped are gone);
-//   - passwd, shadow: the system accounts of the reference copy (uid below getBaseUid(), and
-//     65534), then the device's managed accounts with the shell of their profile and their
-//     shadow entries unchanged (passwords, ageing, disabled mark);
+//   - passwd, shadow: the system accounts of the reference copy (every uid outside the managed
+//     range [getBaseUid(), getBaseUid() + getMaxUser()), and 65534), then the device's managed
+//     accounts (the same range, one rule for both files) with the shell of their profile and
+//     their shadow entries unchanged (passwords, ageing, disabled mark); an account of the
+//     live files outside that range goes with the old version, from both files;
 //   - each carried-over account keeps its profile when the new catalogue still has it, and
 //     is otherwise moved to the profile "viewers" and disabled.
 //
@@ -31,9 +33,14 @@ namespace usermanagement {
 class FileSystemUpdate;
 
 // The whole migration: the ManageUsers rights check first (authnz::AuthorizationException 302
-// before any file is touched), then as root the group file, then the password and shadow files
-// together (both installed or neither), then the profiles of the carried-over accounts under
-// the caller's own identity.
+// before any file is touched), then as root and under the password-file lock (held once for
+// the whole file step) the three new files are built, then the group file is installed, then
+// the password and shadow files together (both installed or neither), then the profiles of the
+// carried-over accounts under the caller's own identity.  A carried-over name the library
+// would refuse to write stops it before anything is installed: UMException 7
+// "filesSystemMigration (rename the managed account of uid <uid> first) error, bad user name:
+// <reason>".  Prints "Updating System files..." and "Updating Profiles..." on standard output.
+// Killed at any point and run again, it ends with the files and account states of a whole run.
 TVC_UM_EXPORT void filesSystemMigration();
 
 // Writes every entry of the group reference copy, in order, to the temporary file.  The live
@@ -47,17 +54,21 @@ TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
 // stream has no such entry.
 TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference);
 
-// Writes the system accounts of the passwd reference copy with their reference shadow entries,
-// then the managed accounts of the live file (uid from getBaseUid() to getBaseUid() +
-// getMaxUser() - 1) with the shell getUserShell(gid); the live shadow entries of the accounts
-// with uid getBaseUid() and above (but 65534) follow.  Returns those accounts' names with their
-// group id; the first entry of a name counts.
+// Writes the system accounts of the passwd reference copy (uid outside getBaseUid() to
+// getBaseUid() + getMaxUser() - 1, or 65534) with their reference shadow entries, then the
+// managed accounts of the live file (uid in that range, but 65534) with the shell
+// getUserShell(gid), each followed by its live shadow entry.  A managed name that
+// checkUserName refuses throws UMException 7 (see filesSystemMigration).  Returns the managed
+// accounts' names with their group id; the first entry of a name counts.
 TVC_UM_EXPORT std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords,
                                                                      FileSystemUpdate& shadows);
 
 // Rebuilds the profile catalogue from the new group database, then gives each account of
 // `userGids` the profile of its old group id again, or, when the catalogue no longer has one,
-// the profile "viewers" and disables it.  Failures of the account updates propagate.
+// the profile "viewers" and disables it (disabled first, then moved, so that a run killed in
+// between and run again ends the same).  An account that no longer exists is left out with
+// the audit event 13 "User account - <NAME> no longer exists, its profile is not migrated".
+// Failures of the account updates propagate.
 TVC_UM_EXPORT void updateProfiles(std::map<std::string, unsigned int> userGids);
 
 }  // namespace usermanagement

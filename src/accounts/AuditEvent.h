@@ -17,6 +17,9 @@ enum AuditEvent : int {
     AccountUnlocked = 10,
     AccountActivated = 11,
     AccountDeactivated = 12,
+    // The migration's profile step found a carried-over account gone (removed or renamed by
+    // another operation after the files were rebuilt) and left it out.
+    AccountNotMigrated = 13,
 };
 
 // Category UserAccount, severity Notice, the calling thread's client address.

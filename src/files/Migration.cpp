@@ -2,7 +2,10 @@
 //
 // The new files are built from the reference copies of the new version and the managed
 // accounts of the live files only: nothing of a previous, possibly interrupted run is read
-// back as such, so running the migration again gives the same files.
+// back as such, so running the migration again gives the same files.  The profile step reads
+// each account's group id back from the live passwd file, so its updates are ordered such that
+// a run stopped between any two installs leaves a group id from which the next run reaches the
+// same account state (updateProfiles).
 #include <usermanagement/Migration.h>
 
 #include <grp.h>
@@ -14,6 +17,7 @@
 #include <map>
 #include <string>
 
+#include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/Rbac.h>
@@ -23,7 +27,10 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "accounts/AccountGuards.h"
+#include "accounts/AuditEvent.h"
+#include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
+#include "files/ManagedRange.h"
 
 namespace usermanagement {
 
@@ -41,6 +48,25 @@ const char* const kShadowReference = "/etc/shadow.orig";
 
 // nobody keeps its high id on every version: it is a system account, never a managed one.
 constexpr unsigned int kNobodyUid = 65534;
+
+// Whether the account of `uid` is the device's own and is carried over from the live files;
+// every other account is the new version's and comes from the reference copies.  The one
+// predicate for the passwd line, the shadow line and the profile step: with two ranges, an
+// account above the managed range lost its passwd line but kept an orphan shadow line, and the
+// profile step then failed on it after the files were installed.
+bool carriedOver(unsigned int uid, UserDefinition& definition) {
+    return uid != kNobodyUid && detail::isManagedUid(uid, definition);
+}
+
+// The carried-over names go into files that every reader of the system parses: a name the
+// library would refuse to write (a NIS reference, a comment, a control character) is refused
+// here too, while the file step has written nothing yet.  The message names the account by its
+// uid, since its name may hold anything.
+void checkCarriedName(const struct passwd& entry) {
+    const std::string function =
+        "filesSystemMigration (rename the managed account of uid " + std::to_string(entry.pw_uid) + " first)";
+    detail::checkUserName(entry.pw_name, function.c_str());
+}
 
 // Writes one entry to a temporary file.  Hosts of the migration match on the text in the
 // exception's user field (message empty), so the failure is built by hand.
@@ -93,8 +119,6 @@ void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromRefe
 
 std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords, FileSystemUpdate& shadows) {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
-    const unsigned int base = definition.getBaseUid();
-    const unsigned int end = base + definition.getMaxUser();
     const std::string failure = "updateEntryInPasswordFile error in writing to " + passwords.m_tmpFilePath;
     std::map<std::string, unsigned int> userGids;
 
@@ -103,7 +127,7 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
     {
         EntryReader<PasswdFile> reference(passwords.m_origFile, passwords.m_origFilePath, "updatePasswordFile");
         while (struct passwd* entry = reference.next()) {
-            if (entry->pw_uid >= base && entry->pw_uid != kNobodyUid) continue;
+            if (carriedOver(entry->pw_uid, definition)) continue;
             writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
             updateShadowFile(shadows, entry->pw_name, true);
         }
@@ -114,14 +138,12 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
     {
         EntryReader<PasswdFile> live(passwords.m_file, passwords.m_filePath, "updatePasswordFile");
         while (struct passwd* entry = live.next()) {
-            if (entry->pw_uid >= base && entry->pw_uid < end) {
-                entry->pw_shell = const_cast<char*>(definition.getUserShell(entry->pw_gid));
-                writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
-            }
-            if (entry->pw_uid >= base && entry->pw_uid != kNobodyUid) {
-                updateShadowFile(shadows, entry->pw_name, false);
-                userGids.emplace(entry->pw_name, entry->pw_gid);
-            }
+            if (!carriedOver(entry->pw_uid, definition)) continue;
+            checkCarriedName(*entry);
+            entry->pw_shell = const_cast<char*>(definition.getUserShell(entry->pw_gid));
+            writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
+            updateShadowFile(shadows, entry->pw_name, false);
+            userGids.emplace(entry->pw_name, entry->pw_gid);
         }
     }
     endpwent();
@@ -135,13 +157,29 @@ void updateProfiles(std::map<std::string, unsigned int> userGids) {
     const int viewers = Rbac::RetrieveProfileId("viewers");
     const bool falseFlag = false;
     for (const auto& [name, oldGid] : userGids) {
+        // Another operation may have removed or renamed the account since the files were
+        // rebuilt: there is nothing left to migrate, and failing here, with the files already
+        // installed, would leave the accounts after it without their profile step.
+        if (!systemutilities::LinuxUserSystem::getUserIds(name.c_str(), nullptr, nullptr)) {
+            detail::logAccountEvent(detail::AccountNotMigrated,
+                                    "User account - <" + name + "> no longer exists, its profile is not migrated");
+            continue;
+        }
         const int id = catalogue.getProfile(oldGid).getId();
         User user(name);
-        if (id >= 0)
+        if (id >= 0) {
             user.updateUser(nullptr, &id, nullptr, nullptr, false, nullptr, nullptr);
-        else
-            // The account's profile is gone: it keeps the least rights until a manager decides.
-            user.updateUser(nullptr, &viewers, &falseFlag, nullptr, false, nullptr, nullptr);
+            continue;
+        }
+        // The account's profile is gone: it keeps the least rights until a manager decides.
+        // Disabled first, then moved, in two updates.  The decision is read from the group id
+        // in the live passwd file, and an update installs passwd before shadow: done in one
+        // update, a kill between the two installs left the account in viewers but enabled,
+        // and the next run, seeing viewers, kept it so.  In this order a run stopped anywhere
+        // leaves either the old group id (the next run disables and moves again) or viewers
+        // on an account that is disabled already.
+        user.updateUser(nullptr, nullptr, &falseFlag, nullptr, false, nullptr, nullptr);
+        user.updateUser(nullptr, &viewers, nullptr, nullptr, false, nullptr, nullptr);
     }
 }
 
@@ -161,20 +199,28 @@ void filesSystemMigration() {
         // Declared first, destroyed last: root until the transactions have gone.
         SystemPermission permission;
         permission.setRealPermissions();
-        {
-            FileSystemUpdate group(definition.getGroupFilePath(), definition.getGroupTmpFilePath(), kGroupReference,
-                                   false);
-            group.prepareSystemFiles();
-            updateGroupFile(group);
-            group.finalyzeSystemFiles();
-        }
+        // The group transaction, built first and destroyed last, takes the password-file lock
+        // for the whole file step: the group file is an account file like the others, and
+        // rewritten without the lock it would race an account operation of another thread or
+        // process, one of the two rewrites being lost.
+        FileSystemUpdate group(definition.getGroupFilePath(), definition.getGroupTmpFilePath(), kGroupReference,
+                               true);
         FileSystemUpdate passwords(definition.getPasswordFilePath(), definition.getPasswordTmpFilePath(),
-                                   kPasswordReference, true);
+                                   kPasswordReference, false);
         FileSystemUpdate shadows(definition.getShadowFilePath(), definition.getShadowTmpFilePath(), kShadowReference,
                                  false);
+        group.prepareSystemFiles();
         passwords.prepareSystemFiles();
         shadows.prepareSystemFiles();
+        // All three new files are complete, and every carried-over name checked, before any is
+        // installed: a refused name or a read failure leaves the device as it was.
+        updateGroupFile(group);
         userGids = updatePasswordFile(passwords, shadows);
+        // The group file is installed alone, first.  It is the reference copy as it is, so the
+        // next run writes it again byte for byte; should the passwd and shadow pair fail after
+        // it, the device has the new version's groups with its old accounts, which still log
+        // in, and a migration run again ends as a whole run.
+        group.finalyzeSystemFiles();
         // A new passwd with the old shadow would leave the new system accounts without a shadow
         // entry and could pair a name with another account's password: both files or neither.
         finalyzeSystemFilesTogether(passwords, shadows);

@@ -22,6 +22,7 @@
 #include "files/CryptSetting.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
+#include "files/ManagedRange.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement {
@@ -91,11 +92,6 @@ void appendPassword(std::string& field, const std::string& password, const Passw
 void refuseEnabledWithoutPassword(const std::string& hashField, const std::string& name, const char* function) {
     if (hashField.empty())
         raise<UMException>(UMError::PasswordError, function, " error, an enabled account needs a password: ", name);
-}
-
-bool isManaged(unsigned int uid, UserDefinition& definition) {
-    // uid - base wraps for ids below the base, so one unsigned comparison covers both ends.
-    return uid - definition.getBaseUid() < definition.getMaxUser();
 }
 
 }  // namespace
@@ -229,7 +225,7 @@ void updateAllUserEntryInShadowFile(FileSystemUpdate& transaction, bool exemptBa
         [&](struct spwd& entry) {
             unsigned int uid = 0;
             if (!systemutilities::LinuxUserSystem::getUserIds(entry.sp_namp, &uid, nullptr) ||
-                !isManaged(uid, definition))
+                !detail::isManagedUid(uid, definition))
                 return EntryAction::Write;
             if (maxAge == -1 || (exemptBaseUser && uid == definition.getBaseUid())) {
                 entry.sp_max = -1;

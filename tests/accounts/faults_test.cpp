@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "accounts/driver/AccountDriver.h"
@@ -92,6 +93,32 @@ TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
               "event User account - name changed from <viewer> to <watcher>\n"
               "event User account - profile of <watcher> changed from <viewers> to <operators>\n");
     EXPECT_EQ(fields(lineOf("/etc/passwd", "watcher")).at(3), "10001");
+#endif
+}
+
+// The migration meets a failing install of the group file (1st rename), the password file (2nd)
+// or the shadow file (3rd): passwd and shadow stay as they were together, no temporary or kept
+// file, the lock free; the group file, installed first and alone, is the new version's after it.
+TEST_F(AccountFaults, AFailingInstallLeavesPasswdAndShadowOfTheMigrationAsTheyWere) {
+#ifndef TVC_FIU_PRELOAD
+    GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
+#else
+    const std::pair<std::string, std::string> installs[] = {
+        {"/etc/tmpgroup", "/etc/group"}, {"/etc/tmppassd", "/etc/passwd"}, {"/etc/tmpshadow", "/etc/shadow"}};
+    for (int nth = 1; nth <= 3; ++nth) {
+        SCOPED_TRACE(nth);
+        restoreSampleDevice();
+        std::vector<std::string> kept = {"/etc/passwd", "/etc/shadow"};
+        if (nth == 1) kept.push_back("/etc/group");
+        const Snapshot before(kept, {"/etc/tmpgroup", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"});
+        const Result result = run("LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver + " --fail posix/io/dir/rename " +
+                                  std::to_string(nth) + " migrate 2>&1");
+        const auto& [from, to] = installs[nth - 1];
+        EXPECT_EQ(result.output, "Updating System files...\nerror 13 rename error of:" + from + " to " + to +
+                                     " 5Input/output error\nlock free\n");
+        before.expectUnchanged();
+        EXPECT_EQ(readFile("/etc/group") == readFile("/etc/group.orig"), nth > 1);
+    }
 #endif
 }
 

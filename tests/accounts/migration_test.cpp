@@ -1,17 +1,14 @@
 // The migration of the sample device to its next software version (sample-device.txt): the
-// files it leaves, the logins and audit events after it, and a run killed at each step.
+// files it leaves, the logins and audit events after it, what it refuses or skips, and a run
+// killed at each installation of a file.
 #include <gtest/gtest.h>
 
 #include <pwd.h>
 #include <shadow.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <iterator>
-#include <map>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,9 +16,10 @@
 #include <authnz/WebPam.h>
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/Migration.h>
-#include <usermanagement/SystemPermission.h>
 
+#include "files/FilesTestSupport.h"
 #include "sampledevice/SampleDevice.h"
+#include "support/AccountSupport.h"
 #include "support/DeviceFixture.h"
 #include "support/RecordingLogger.h"
 
@@ -79,8 +77,8 @@ TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     std::string audit;
     for (const auto& m : logger.messages) audit += m.text + "\n";
     EXPECT_EQ(audit,
-              "User account - profile of <tech> changed from <nogroup> to <viewers>\n"
-              "User account - deactivated <tech>\n");
+              "User account - deactivated <tech>\n"
+              "User account - profile of <tech> changed from <nogroup> to <viewers>\n");
 
     // The carried-over passwords still log in; the disabled account does not.
     for (const char* name : {"admin", "operator", "viewer", "guest", "tech"}) {
@@ -95,70 +93,76 @@ TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     }
 }
 
-// The migration as filesSystemMigration() runs it, in a child process that stops at `step`
-// (after the group file, after passwd and shadow, after half of the profiles), reports
-// "held <step>" and is killed there.
-void killMigrationAt(const std::string& step) {
-    using namespace usermanagement;
-    int out[2];
-    ASSERT_EQ(pipe(out), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const auto held = [&](const std::string& reached) {
-            const std::string line = "held " + reached + "\n";
-            if (reached == step && write(out[1], line.data(), line.size()) > 0)
-                for (;;) pause();
-        };
-        try {
-            UserDefinition& d = UserDefinition::GetUserDefinition();
-            std::map<std::string, unsigned int> userGids;
-            {
-                SystemPermission permission;
-                permission.setRealPermissions();
-                {
-                    FileSystemUpdate group(d.getGroupFilePath(), d.getGroupTmpFilePath(), "/etc/group.orig", false);
-                    group.prepareSystemFiles();
-                    updateGroupFile(group);
-                    group.finalyzeSystemFiles();
-                }
-                held("group");
-                FileSystemUpdate passwords(d.getPasswordFilePath(), d.getPasswordTmpFilePath(), "/etc/passwd.orig",
-                                           true);
-                FileSystemUpdate shadows(d.getShadowFilePath(), d.getShadowTmpFilePath(), "/etc/shadow.orig", false);
-                passwords.prepareSystemFiles();
-                shadows.prepareSystemFiles();
-                userGids = updatePasswordFile(passwords, shadows);
-                finalyzeSystemFilesTogether(passwords, shadows);
-                held("passwd");
-            }
-            updateProfiles({userGids.begin(), std::next(userGids.begin(), userGids.size() / 2)});
-            held("profiles");
-        } catch (...) {
+// Devices the migration meets: its answer, its skip events, and the files after it (a refusal
+// leaves passwd, shadow and group as they were; every account in both files or in neither).
+TEST_F(Migration, RefusesBeforeWritingAndSkipsWhatIsGone) {
+    using usermanagement::FileSystemUpdate;
+    const std::string longName(33, 'n');
+    const struct {
+        std::string passwd, shadow;  // lines added to the sample device
+        std::function<void()> call;
+        std::string outcome, events;
+    } rows[] = {
+        {"ghost:x:20000:10002::/home/admin:/bin/sh\n", "ghost:!!:20454:0:99999:7:::\n",
+         usermanagement::filesSystemMigration, "ok", ""},
+        {longName + ":x:10005:10002::/home/admin:/bin/sh\n", longName + ":!!:20454:0:99999:7:::\n",
+         usermanagement::filesSystemMigration,
+         "7 filesSystemMigration (rename the managed account of uid 10005 first) error, bad user name: longer than 32 "
+         "bytes",
+         ""},
+        {"", "",
+         [] {
+             FileSystemUpdate held("/etc/passwd", "/etc/tmppassd", true);
+             usermanagement::filesSystemMigration();
+         },
+         "11 FileSystemUpdate:password files locked (/etc/group)", ""},
+        {"", "", [] { usermanagement::updateProfiles({{"gone", 10002}}); }, "ok",
+         "User account - <gone> no longer exists, its profile is not migrated\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.outcome);
+        tvc::test::restoreSampleDevice();
+        tvc::test::addLines("/etc/passwd", row.passwd);
+        tvc::test::addLines("/etc/shadow", row.shadow);
+        const std::string before = accountFiles();
+        tvc::test::RecordingLogger logger;
+        EXPECT_EQ(tvc::test::outcome(row.call), row.outcome);
+        std::string events;
+        for (const auto& m : logger.messages) events += m.messageId == 13 ? m.text + "\n" : "";
+        EXPECT_EQ(events, row.events);
+        if (row.outcome != "ok" || !row.events.empty()) {
+            EXPECT_EQ(accountFiles(), before);
         }
-        _exit(1);
+        EXPECT_EQ(readFile("/etc/passwd").find("ghost:"), readFile("/etc/shadow").find("ghost:"));
     }
-    close(out[1]);
-    char line[64] = {};
-    const bool reached = read(out[0], line, sizeof line - 1) > 0;
-    kill(child, SIGKILL);
-    int status = 0;
-    waitpid(child, &status, 0);
-    close(out[0]);
-    EXPECT_TRUE(reached && std::string(line) == "held " + step + "\n") << step << ": " << line;
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << step;
 }
 
-TEST_F(Migration, RunAgainAfterAKillAtEachStepEndsAsAWholeRun) {
-    usermanagement::filesSystemMigration();
-    const std::string whole = accountFiles();
-    for (const std::string step : {"group", "passwd", "profiles"}) {
+// The real migration in the driver process, killed at each installation of a file (the Nth
+// rename) and run again: files and account states as after a run that was never stopped.
+TEST_F(Migration, KilledAtAnyInstallAndRunAgainEndsAsAWholeRun) {
+#ifndef TVC_FIU_PRELOAD
+    GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
+#else
+    const std::string driver = "LD_PRELOAD='" TVC_FIU_PRELOAD "' " TVC_ACCOUNTS_DRIVER;
+    // The run first, then the files it left (the operands of + have no order).
+    const auto migrated = [&] {
+        const std::string output = tvc::test::run(driver + " migrate 2>&1").output;
+        return output + accountFiles();
+    };
+    const std::string whole = migrated();
+    EXPECT_NE(whole.find("tech viewers off"), std::string::npos) << whole;
+    int kills = 0;
+    for (;; ++kills) {
         tvc::test::restoreSampleDevice();
-        killMigrationAt(step);
-        for (const auto& account : sampleDevice().accounts) EXPECT_NE(getpwnam(account.name.c_str()), nullptr) << step;
-        usermanagement::filesSystemMigration();
-        EXPECT_EQ(accountFiles(), whole) << step;
+        const std::string kill = " --kill posix/io/dir/rename " + std::to_string(kills + 1);
+        if (tvc::test::run(driver + kill + " migrate 2>&1").status != 128 + SIGKILL) break;
+        EXPECT_EQ(migrated(), whole) << kill;
     }
+    // group, passwd, shadow; two for each account's profile update and two for tech's disabling.
+    EXPECT_EQ(kills, 15);
+    tvc::test::Snapshot({}, {"/etc/tmpgroup", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
+        .expectUnchanged();
+#endif
 }
 
 }  // namespace

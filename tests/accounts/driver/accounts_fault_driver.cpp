@@ -1,21 +1,29 @@
 // One account operation in a process of its own, run by the user manager "admin" (the thread
 // becomes root only inside the operation), to inject failures into or to race against others.
 //     accounts_fault_driver [--fail POINT N] create NAME | update NAME NEW | reset NAME | remove NAME
+//     accounts_fault_driver [--fail|--kill POINT N] migrate
 //     accounts_fault_driver churn PREFIX COUNT
 // --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
-// POSIX preload library must be loaded).  Prints "ok" or "error <id> <message>", the thread's ids
-// before and after the operation, then "lock free" when the process, root again, can take the
-// password-file lock through lckpwdf and through the library.  With TVC_DRIVER_EVENTS set, the
-// account events the operation logged follow, one "event <text>" line each.
+// POSIX preload library must be loaded); --kill: the process is killed (SIGKILL) at that call
+// instead.  Prints "ok" or "error <id> <message>", the thread's ids before and after the
+// operation, then "lock free" when the process, root again, can take the password-file lock
+// through lckpwdf and through the library.  The migration runs as the process's own root (no
+// ids printed) and an "ok" is followed by each managed account's profile and state.  With
+// TVC_DRIVER_EVENTS set, the account events the operation logged follow, one "event <text>"
+// line each.
 #include <shadow.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include <usermanagement/Migration.h>
+#include <usermanagement/Utilities.h>
 
 #include "AccountDriver.h"
 #include "support/RecordingLogger.h"
@@ -30,12 +38,15 @@ using namespace usermanagement;
 namespace {
 
 int failingCall = 0;
+bool killAtCall = false;
 
 bool enableFailure(const std::string& point) {
 #ifdef FIU_ENABLE
     const auto nth = [](const char*, int*, void**, unsigned int*) {
         static int calls = 0;
-        return ++calls == failingCall ? 1 : 0;
+        if (++calls != failingCall) return 0;
+        if (killAtCall) raise(SIGKILL);
+        return 1;
     };
     return fiu_init(0) == 0 &&
            fiu_enable_external(point.c_str(), 1, reinterpret_cast<void*>(intptr_t{EIO}), 0, nth) == 0;
@@ -52,6 +63,20 @@ std::string ids() {
     for (const unsigned int id : {u[0], u[1], u[2], g[0], g[1], g[2]}) text += " " + std::to_string(id);
     text += " groups";
     for (int i = 0; i < count; ++i) text += " " + std::to_string(groups[i]);
+    return text;
+}
+
+std::string migrate() {
+    try {
+        filesSystemMigration();
+    } catch (const tarvicexception::TvcException& e) {
+        return tvc::test::describe(e);
+    }
+    std::string text = "ok";
+    for (User& user : utilities::getUserList()) {
+        user.updateState();
+        text += "\n" + user.getUserName() + " " + user.getProfile().getName() + (user.isActive() ? " on" : " off");
+    }
     return text;
 }
 
@@ -92,9 +117,12 @@ int main(int argc, char** argv) {
         std::printf("%s\n", result.c_str());
         return result == "ok" ? 0 : 1;
     }
-    const bool inject = args.size() > 3 && args[0] == "--fail";
-    if (inject) failingCall = std::atoi(args[2].c_str());
-    {
+    const bool inject = args.size() > 3 && (args[0] == "--fail" || args[0] == "--kill");
+    if (inject) failingCall = std::atoi(args[2].c_str()), killAtCall = args[0] == "--kill";
+    const bool migration = args.size() == (inject ? 4u : 1u) && args.back() == "migrate";
+    if (migration) {
+        result = inject && !enableFailure(args[1]) ? "bad request" : migrate();
+    } else {
         SystemPermission manager;
         manager.setUserPermission("admin");
         before = ids();
@@ -115,9 +143,10 @@ int main(int argc, char** argv) {
     } catch (const tarvicexception::TvcException&) {
         free = false;
     }
-    std::printf("%s\n%s\n%s\nlock %s\n", result.c_str(), before.c_str(), after.c_str(), free ? "free" : "held");
+    if (!migration) result += "\n" + before + "\n" + after;
+    std::printf("%s\nlock %s\n", result.c_str(), free ? "free" : "held");
     if (std::getenv("TVC_DRIVER_EVENTS") != nullptr)
         for (const auto& m : events.messages)
             if (m.category == LogCategory::UserAccount) std::printf("event %s\n", m.text.c_str());
-    return result == "ok" ? 0 : 1;
+    return result.rfind("ok", 0) == 0 ? 0 : 1;
 }
