@@ -1,11 +1,11 @@
 #include "accounts/StoredEntries.h"
 
+#include <usermanagement/UMException.h>
+#include <usermanagement/UserDefinition.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-
-#include <usermanagement/UMException.h>
-#include <usermanagement/UserDefinition.h>
 
 #include "files/EntryCopy.h"
 #include "foundation/Raise.h"
@@ -24,7 +24,8 @@ struct Closer {
 template <class File, class Count>
 void readThrough(const char* path, Count&& count) {
     const std::unique_ptr<FILE, Closer> file(std::fopen(path, "re"));
-    if (!file) raiseErrno<UMSystemErrorException>(errno, UMSystemError::FileContents, kFunction, " error in reading ", path);
+    if (!file)
+        raiseErrno<UMSystemErrorException>(errno, UMSystemError::FileContents, kFunction, " error in reading ", path);
     EntryReader<File> reader(file.get(), path, kFunction);
     while (const typename File::Entry* entry = reader.next()) count(*entry);
 }
@@ -42,9 +43,10 @@ void requireWholeStoredAccount(unsigned int uid, const std::string& name) {
     });
     readThrough<ShadowFile>(shadow, [&](const struct spwd& entry) { inShadow += name == entry.sp_namp; });
     if (byUid > 1 || byName > 1 || inShadow > 1)
-        raise<UMException>(UMError::DuplicatedAccount, name, " :The account (uid ", uid, ") is stored more than once: ",
-                           byUid, " entries of its uid and ", byName, " of its name in ", passwd, ", ", inShadow,
-                           " of its name in ", shadow, "; remove the extra entries before changing it");
+        raise<UMException>(UMError::DuplicatedAccount, name, " :The account (uid ", uid,
+                           ") is stored more than once: ", byUid, " entries of its uid and ", byName,
+                           " of its name in ", passwd, ", ", inShadow, " of its name in ", shadow,
+                           "; remove the extra entries before changing it");
     // By name in both files: the passwd entry of the uid under another name is a rename since the
     // object was read, which the caller reports as such.
     const bool inPasswd = byName > 0;

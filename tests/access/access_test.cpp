@@ -91,7 +91,8 @@ std::string userName(unsigned int uid) {
 }
 std::string groupGid(const char* group) {
     unsigned int gid = kKept;
-    return answerOf([&] { return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : falseAnswer(gid == kKept); });
+    return answerOf(
+        [&] { return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : falseAnswer(gid == kKept); });
 }
 std::string groupName(unsigned int gid) {
     std::string name = "kept";

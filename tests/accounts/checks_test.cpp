@@ -33,10 +33,11 @@ const std::string kTwinShadow = "viewer:$6$x:20454:0:99999:7:::\n";
 TEST_F(ChecksTest, AccountsStoredTwiceOrHalfAreRefusedUnchanged) {
     const bool no = false;
     const std::string name = "renamed", fresh = "Fresh#Pass2026", longHash = "$6$" + std::string(510, 'h');
-    const std::function<void(User&)> rename = [&](User& u) { u.updateUser(&name, nullptr, nullptr, nullptr, nullptr, nullptr); },
-                                     remove = [](User& u) { u.removeUser(); }, unlock = [](User& u) { u.unLock(); },
-                                     reset = [&](User& u) { u.updateAnyUserPassword("viewer", fresh, false, "", false); },
-                                     disable = [&](User& u) { u.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); };
+    using Change = std::function<void(User&)>;
+    const Change rename = [&](User& u) { u.updateUser(&name, nullptr, nullptr, nullptr, nullptr, nullptr); };
+    const Change disable = [&](User& u) { u.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); };
+    const Change reset = [&](User& u) { u.updateAnyUserPassword("viewer", fresh, false, "", false); };
+    const Change remove = [](User& u) { u.removeUser(); }, unlock = [](User& u) { u.unLock(); };
     const std::string twice = "43 viewer :The account (uid 10002) is stored more than once: ";
     const std::string half = "44 viewer :The account (uid 10002) is in ";
     const struct {
@@ -58,7 +59,8 @@ TEST_F(ChecksTest, AccountsStoredTwiceOrHalfAreRefusedUnchanged) {
         {"/etc/passwd", "", remove, half + "/etc/shadow but not"},
         {"/etc/passwd", "", unlock, half + "/etc/shadow but not"},
         {"/etc/passwd", "", disable, half + "/etc/shadow but not"},
-        {"/etc/passwd", "", [&](User& u) { u.updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &longHash, nullptr, nullptr); },
+        {"/etc/shadow", "\n",  // a blank line changes nothing
+         [&](User& u) { u.updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &longHash, nullptr, nullptr); },
          "1 updateEntryInShadowFile error, the stored password is longer than 512 bytes"},
     };
     for (const auto& c : cases) {
@@ -85,12 +87,12 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
         {"..", "is '.' or '..'"},
         {"10001", "all digits, like a uid"},
         {"a b", "holds whitespace"},
-        {"a\xc2\xa0" "b", "holds whitespace"},
+        {"a\xc2\xa0z", "holds whitespace"},  // a no-break space
         {"a\tb", "holds a NUL byte, ':', a newline or another control character"},
         {"a/b", "holds '/' or ','"},
         {"a,b", "holds '/' or ','"},
         {"a\xff", "not valid UTF-8"},
-        {"a\xc0\xaf", "not valid UTF-8"},  // an overlong '/'
+        {"a\xc0\xaf", "not valid UTF-8"},      // an overlong '/'
         {"a\xed\xa0\x80", "not valid UTF-8"},  // a surrogate
         {"", "empty"},
         {std::string(33, 'n'), "longer than 32 bytes"},
@@ -108,8 +110,8 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
         User viewer("viewer");
         const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
         const std::string tail = c.reason == nullptr ? "" : std::string(" error, bad user name | ") + c.reason;
-        const std::string created =
-            refusal([&] { User::createUserWithEncryptedPassword(c.name, "$6$s$h", 2, true, false, &skip).removeUser(); });
+        const std::string created = refusal(
+            [&] { User::createUserWithEncryptedPassword(c.name, "$6$s$h", 2, true, false, &skip).removeUser(); });
         EXPECT_EQ(created, c.reason == nullptr ? "ok" : "7 addEntryInPasswordFile" + tail);
         EXPECT_EQ(refusal([&] { viewer.updateUser(&c.name, nullptr, nullptr, nullptr, nullptr, nullptr); }),
                   c.reason == nullptr ? "ok" : "7 updateEntryInPasswordFile" + tail);

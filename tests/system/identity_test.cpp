@@ -438,10 +438,11 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
         {"an account object without a user id", [] {},
          [](SystemPermission& p) { p.setUserPermission(User("newcomer", 2, true)); },
          "15 setUserPermission sys_setresuid"},
-        // The switch succeeds; the context's account, built as operator, does not.
+        // The switch succeeds; the context's account, built as operator, does not: operator
+        // cannot read passwd, which is a failed lookup, not a missing account.
         {"an account the context cannot build", accountsForViewersOnly,
          [](SystemPermission& p) { p.setUserPermission("operator"); },
-         "5 User uid not found in the system (retrieveUserName from uid):10001"},
+         "12 getpwuid_r :The account database could not be read"},
     };
     for (const auto& c : cases) {
         c.prepare();
