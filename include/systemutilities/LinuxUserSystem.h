@@ -1,9 +1,11 @@
 // Lookups in the system's user and group database (the glibc name service).  All lookups are
 // reentrant and static; results come through out-parameters, which are written only when the
-// lookup answers true.  False means "not found" or "the database could not answer".  An entry
-// is found also when a long line comes before it (a group with thousands of members): the
-// lookup buffer grows up to 16 MiB.  A buffer that cannot be allocated raises
-// UMSystemErrorException 12.
+// lookup answers true.  False means "not found"; a database that cannot answer (a read error, a
+// line before the entry longer than the largest buffer) raises UMSystemErrorException 12, so
+// that an existing account never looks missing.  An entry is found also when a long line comes
+// before it (a group with thousands of members): the lookup buffer grows up to 16 MiB.  A buffer
+// that cannot be allocated raises UMSystemErrorException 12 too.  (getGroups answers false for
+// an unreadable group list or group database.)
 //
 // Profile gid: an account's primary group id if it lies in 10000..19999; otherwise the first
 // id in that range among the groups getgrouplist() reports for the account; otherwise the

@@ -29,6 +29,14 @@ struct UMError {
         // changed on the object, or the account was renamed, removed or replaced since.  Look
         // the account up again.
         StaleAccount = 41,
+        // The account's uid or name is in more than one entry of passwd, or its name in more
+        // than one of shadow (another tool stored it twice).  Nothing is changed until the extra
+        // entries are removed by hand: any change would hit the wrong twin or both.
+        DuplicatedAccount = 43,
+        // The account is in passwd but not in shadow, or the reverse (an operation died between
+        // its two files, or another tool edited one).  Nothing is changed until the missing entry
+        // is added or the other removed.
+        HalfStoredAccount = 44,
         // No log sink, profile catalogue or configuration provider is installed.
         NothingInstalled = 40,
     };

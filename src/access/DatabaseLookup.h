@@ -36,6 +36,9 @@
 namespace usermanagement::detail {
 
 // Largest buffer a lookup grows to; an entry needing more is a failure (ERANGE), not a miss.
+// The files backend parses every line before the one looked for in the same buffer, so one
+// oversized line (a field of 100 MB) fails the lookups of every entry behind it: Failed, never
+// NotFound.
 constexpr std::size_t kMaxLookupBuffer = std::size_t{16} << 20;
 
 enum class LookupStatus { Found, NotFound, Failed };
@@ -51,6 +54,18 @@ struct DatabaseLookup {
 
     bool found() const { return status == LookupStatus::Found; }
 };
+
+// Whether `lookup` found its entry; UMSystemErrorException 12 "<what> :The account database
+// could not be read" with the error's text when it failed.  For callers that answer "not found"
+// otherwise: a line too long for the largest buffer anywhere before the entry fails every later
+// lookup, and must not make an existing account look missing.
+template <class Entry>
+bool foundOrRaise(const DatabaseLookup<Entry>& lookup, const char* what) {
+    if (lookup.status == LookupStatus::Failed)
+        raiseErrno<UMSystemErrorException>(lookup.error, UMSystemError::DatabaseLookup, what,
+                                           " :The account database could not be read");
+    return lookup.found();
+}
 
 // One lookup of `key` with the *_r function `read` (getpwnam_r and its siblings).  Throws
 // UMSystemErrorException 12 when a buffer cannot be allocated.

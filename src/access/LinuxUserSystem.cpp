@@ -92,7 +92,7 @@ bool LinuxUserSystem::getGroups(const char* name, std::vector<usermanagement::Um
 bool LinuxUserSystem::getUserIds(const char* name, unsigned int* uid, unsigned int* gid) {
     if (name == nullptr) return false;
     const auto user = db::userByName(name);
-    if (!user.found()) return false;
+    if (!db::foundOrRaise(user, name)) return false;
     if (uid != nullptr) *uid = user.entry.pw_uid;
     if (gid != nullptr) *gid = profileGidOf(user.entry.pw_name, user.entry.pw_gid);
     return true;
@@ -100,7 +100,7 @@ bool LinuxUserSystem::getUserIds(const char* name, unsigned int* uid, unsigned i
 
 bool LinuxUserSystem::getUserName(unsigned int uid, std::string& name, unsigned int& gid) {
     const auto user = db::userById(uid);
-    if (!user.found()) return false;
+    if (!db::foundOrRaise(user, "getpwuid_r")) return false;
     name = user.entry.pw_name;
     gid = profileGidOf(user.entry.pw_name, user.entry.pw_gid);
     return true;
@@ -109,14 +109,14 @@ bool LinuxUserSystem::getUserName(unsigned int uid, std::string& name, unsigned 
 bool LinuxUserSystem::getGroupGid(const char* name, unsigned int& gid) {
     if (name == nullptr) return false;
     const auto group = db::groupByName(name);
-    if (!group.found()) return false;
+    if (!db::foundOrRaise(group, name)) return false;
     gid = group.entry.gr_gid;
     return true;
 }
 
 bool LinuxUserSystem::getGroupName(unsigned int gid, std::string& name) {
     const auto group = db::groupById(gid);
-    if (!group.found()) return false;
+    if (!db::foundOrRaise(group, "getgrgid_r")) return false;
     name = group.entry.gr_name;
     return true;
 }

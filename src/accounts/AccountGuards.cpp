@@ -10,6 +10,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "access/DatabaseLookup.h"
+#include "accounts/StoredEntries.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement::detail {
@@ -32,12 +33,12 @@ void requireReachable(unsigned int uid, const std::string& name) {
 }
 
 void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid) {
+    // First the files themselves: the lookups below see only the first entry of a uid or name.
+    requireWholeStoredAccount(uid, name);
     const auto byId = userById(uid);
     const auto shadow = shadowByName(name.c_str());
-    for (const int error : {byId.error, shadow.error})
-        if (error != 0)
-            raiseErrno<UMSystemErrorException>(error, UMSystemError::DatabaseLookup, name,
-                                               " :The account database could not be read");
+    foundOrRaise(byId, name.c_str());
+    foundOrRaise(shadow, name.c_str());
     // The ids of the name as an object looks them up: the group is the account's profile group.
     unsigned int storedUid = 4294967295u, storedGid = 4294967295u;
     const bool named = systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &storedUid, &storedGid);

@@ -28,7 +28,8 @@ bool callerIsProcessRoot();
 // [getBaseUid(), getBaseUid() + getMaxUser()) and the caller is not the process's own root.
 void requireReachable(unsigned int uid, const std::string& name);
 
-// UMException 41 (StaleAccount) unless the password database's entry of `uid` is named `name`,
+// UMException 43 or 44 when the files hold the account twice or in one file only
+// (requireWholeStoredAccount, StoredEntries.h); then UMException 41 (StaleAccount) unless the password database's entry of `uid` is named `name`,
 // the name's account has user id `uid` and profile group `gid` (as an object looks them up), and
 // the shadow file has an entry of `name`.  Called with the password-file lock held, so nothing can change between this
 // check and the rewrite.

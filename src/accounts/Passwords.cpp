@@ -243,6 +243,10 @@ void User::unLock() {
 }
 
 void User::resetFailedLogins(LookLockUpdate& look) {
+    // The name goes to a command line and to the tally tool's lookup: only a name the library
+    // would write itself goes there (an account another tool named "10001" would reset the
+    // count of uid 10001).  A refused one is renamed first.
+    detail::checkUserName(m_userName, "unLock");
     UserDefinition& config = UserDefinition::GetUserDefinition();
     const std::string command = "pam_tally2 -f \"" + insideDoubleQuotes(config.getTallyFilePath()) + "\" -r -u \"" +
                                 insideDoubleQuotes(m_userName) + "\"";

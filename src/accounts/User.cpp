@@ -234,7 +234,8 @@ void User::updateState() {
     const detail::PasswordFileLock lock("updateState:password files locked");
     m_isActive = m_isPasswordExpired = m_isAccountExpired = false;
     const auto shadow = detail::shadowByName(m_userName.c_str());
-    if (!shadow.found()) raise<UMException>(UMError::UserNotFound, m_userName, " :User not found");
+    if (!detail::foundOrRaise(shadow, m_userName.c_str()))
+        raise<UMException>(UMError::UserNotFound, m_userName, " :User not found");
     const spwd& entry = shadow.entry;
     const long today = static_cast<long>(std::time(nullptr)) / 86400;
     m_isActive = entry.sp_pwdp != nullptr && !isDisabled(entry.sp_pwdp);
@@ -260,7 +261,7 @@ std::string User::getEncryptedPassword() const {
     permission.setRealPermissions();
     const detail::PasswordFileLock lock("updateState:password files locked");
     const auto shadow = detail::shadowByName(m_userName.c_str());
-    if (!shadow.found() || shadow.entry.sp_pwdp == nullptr) return std::string();
+    if (!detail::foundOrRaise(shadow, m_userName.c_str()) || shadow.entry.sp_pwdp == nullptr) return std::string();
     const char* field = shadow.entry.sp_pwdp;
     return isDisabled(field) ? std::string(field + 2) : std::string(field);
 }

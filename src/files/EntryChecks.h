@@ -3,19 +3,16 @@
 // the one that depends on an entry's current field (no enabled account with an empty password)
 // runs when that entry is reached.  Either way the live file stays untouched.
 //
-// User names (every function that writes a name: add and rename, in passwd and shadow):
-//   - empty, or longer than kMaxUserName bytes;
-//   - holding a NUL byte: the file would get only the part before it while every comparison
-//     sees the whole string, so "admin\0" would pass the duplicate check and become a second
-//     "admin" whose password wins the login;
-//   - holding ':' (the field separator), a newline or any other control character;
-//   - starting with '+' or '-' (the writer turns such names into NIS references) or '#' (a
-//     comment to every reader of the file).
+// User names (every function that writes a name: add and rename, in passwd and shadow): see
+// files/UserName.h, the one name check of the library.
 // Passwords:
 //   - a plaintext password holding a NUL byte: crypt would hash only the part before it, and
 //     "\0secret" would store the hash of the empty password;
 //   - a ready-made hash holding ':', a newline or a NUL byte: it would break the entry or be
-//     cut short.
+//     cut short;
+//   - a ready-made hash longer than kMaxStoredHash bytes: no crypt method makes more than about
+//     130, and a huge field would make the account files unreadable to the library's own reader
+//     (kMaxEntryLine), so that every later create and remove would fail.
 #pragma once
 
 #include <cstring>
@@ -24,33 +21,13 @@
 #include <usermanagement/ShadowEntries.h>
 #include <usermanagement/UMException.h>
 
+#include "files/UserName.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement::detail {
 
-// The longest user name the library writes (the common limit of the shadow tools and of utmp).
-constexpr std::size_t kMaxUserName = 32;
-
-// UMException 7 "<function> error, bad user name: <reason>"; the name itself is not quoted,
-// since it may hold anything.
-inline void checkUserName(const std::string& name, const char* function) {
-    const char* reason = nullptr;
-    if (name.empty())
-        reason = "empty";
-    else if (name.size() > kMaxUserName)
-        reason = "longer than 32 bytes";
-    else if (name[0] == '+' || name[0] == '-' || name[0] == '#')
-        reason = "starts with '+', '-' or '#'";
-    else
-        for (const char c : name) {
-            const unsigned char byte = static_cast<unsigned char>(c);
-            if (byte < 0x20 || byte == 0x7f || c == ':') {
-                reason = "holds a NUL byte, ':', a newline or another control character";
-                break;
-            }
-        }
-    if (reason != nullptr) raise<UMException>(UMError::BadUserName, function, " error, bad user name: ", reason);
-}
+// The longest ready-made hash the library stores.
+constexpr std::size_t kMaxStoredHash = 512;
 
 // UMException 1: a plaintext password must reach crypt whole.
 inline void checkPlainPassword(const std::string& password, const char* function) {
@@ -58,11 +35,14 @@ inline void checkPlainPassword(const std::string& password, const char* function
         raise<UMException>(UMError::PasswordError, function, " error, the password holds a NUL byte");
 }
 
-// UMException 1: a ready-made hash must fit into one field of one line.
+// UMException 1: a ready-made hash must fit into one field of one line of sane length.
 inline void checkStoredHash(const std::string& hash, const char* function) {
     if (hash.find_first_of(std::string(":\n\0", 3)) != std::string::npos)
         raise<UMException>(UMError::PasswordError, function,
                            " error, the stored password holds ':', a newline or a NUL byte");
+    if (hash.size() > kMaxStoredHash)
+        raise<UMException>(UMError::PasswordError, function, " error, the stored password is longer than ",
+                           kMaxStoredHash, " bytes");
 }
 
 // What cryptPwd refuses before hashing: longer than getDBPasswordMaxLen() bytes

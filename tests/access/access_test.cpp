@@ -64,26 +64,39 @@ std::string made(const std::function<std::string()>& make) {
 constexpr unsigned int kKept = 7;
 const std::string kFalse = "false";
 
+const std::string kFailed = "12";
+
 std::string falseAnswer(bool untouched) { return untouched ? kFalse : "false, with an output written"; }
+// The answer of `lookup`, or kFailed when the database could not answer.
+std::string answerOf(const std::function<std::string()>& lookup) try {
+    return lookup();
+} catch (const UMSystemErrorException& e) {
+    return std::to_string(e.getErrorId());
+}
 
 std::string ids(const char* account) {
     unsigned int uid = kKept, gid = kKept;
-    const bool found = LinuxUserSystem::getUserIds(account, &uid, &gid);
-    return found ? std::to_string(uid) + "/" + std::to_string(gid) : falseAnswer(uid == kKept && gid == kKept);
+    return answerOf([&] {
+        const bool found = LinuxUserSystem::getUserIds(account, &uid, &gid);
+        return found ? std::to_string(uid) + "/" + std::to_string(gid) : falseAnswer(uid == kKept && gid == kKept);
+    });
 }
 std::string userName(unsigned int uid) {
     std::string name = "kept";
     unsigned int gid = kKept;
-    const bool found = LinuxUserSystem::getUserName(uid, name, gid);
-    return found ? name + "/" + std::to_string(gid) : falseAnswer(name == "kept" && gid == kKept);
+    return answerOf([&] {
+        const bool found = LinuxUserSystem::getUserName(uid, name, gid);
+        return found ? name + "/" + std::to_string(gid) : falseAnswer(name == "kept" && gid == kKept);
+    });
 }
 std::string groupGid(const char* group) {
     unsigned int gid = kKept;
-    return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : falseAnswer(gid == kKept);
+    return answerOf(
+        [&] { return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : falseAnswer(gid == kKept); });
 }
 std::string groupName(unsigned int gid) {
     std::string name = "kept";
-    return LinuxUserSystem::getGroupName(gid, name) ? name : falseAnswer(name == "kept");
+    return answerOf([&] { return LinuxUserSystem::getGroupName(gid, name) ? name : falseAnswer(name == "kept"); });
 }
 // The names of a list that held "root" before getGroups appended to it.
 template <class Account>
@@ -124,8 +137,9 @@ TEST_F(LookupTest, ProfileGidAndGroups) {
 }
 
 // The files backend answers "does not fit" for every line it parses on the way, so lookups
-// grow their buffer; beyond the 16 MiB cap the database cannot answer, which is no "not found".
-TEST_F(LookupTest, EntriesBehindALongLineAreFoundAndBeyondTheCapNothingIs) {
+// grow their buffer; beyond the 16 MiB cap the database cannot answer: a failure (12), no "not
+// found".  getGroups answers false then.
+TEST_F(LookupTest, EntriesBehindALongLineAreFoundAndBeyondTheCapFail) {
     std::string crowd = "crowd:x:4300:";
     for (int i = 0; i < 5000; ++i) crowd += "member" + std::to_string(i) + ",";
     addLines("/etc/group", crowd + "viewer\n", true);
@@ -138,8 +152,10 @@ TEST_F(LookupTest, EntriesBehindALongLineAreFoundAndBeyondTheCapNothingIs) {
                                 "root viewers crowd role-user-configure-self role-log-read log-read", "4300", "crowd",
                                 "3100/4300", "long/4300", "root crowd"}));
     addLines("/etc/group", "huge:x:4400:" + std::string(17u << 20, 'm') + "\n", true);
-    EXPECT_EQ(answers(), (Names{kFalse, kFalse, "10002/10002", "tech/10003", kFalse, kFalse, kFalse, "3100/4300",
+    EXPECT_EQ(answers(), (Names{kFailed, kFailed, "10002/10002", "tech/10003", kFalse, kFailed, kFailed, "3100/4300",
                                 "long/4300", kFalse}));
+    addLines("/etc/passwd", "huge:x:3200:100:" + std::string(17u << 20, 'g') + ":/:/bin/sh\n", true);
+    EXPECT_EQ((Names{ids("viewer"), userName(10003)}), (Names{kFailed, kFailed}));
 }
 
 // ---- Values, described as "name/id/gid: roles; map".

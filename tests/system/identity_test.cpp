@@ -448,10 +448,11 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
          [](SystemPermission& p) { p.setUserPermission(User("newcomer", 2, true)); },
          "15 setUserPermission sys_setresuid | the ids did not read back (wanted uid 4294967295 gid 10002; thread "
          "has uid 0/0/0 gid 0/10002/0)"},
-        // The switch succeeds; the context's account, built as operator, does not.
+        // The switch succeeds; the context's account, built as operator, does not: operator
+        // cannot read passwd, which is a failed lookup, not a missing account.
         {"an account the context cannot build", accountsForViewersOnly,
          [](SystemPermission& p) { p.setUserPermission("operator"); },
-         "5 User uid not found in the system (retrieveUserName from uid):10001 | "},
+         "12 getpwuid_r :The account database could not be read | Permission denied"},
     };
     for (const auto& c : cases) {
         c.prepare();
