@@ -1,7 +1,6 @@
 // One account operation in a process of its own, run by the user manager "admin" (the thread
-// becomes root only inside the operation), to inject failures into or to race against others.
+// becomes root only inside the operation), to inject failures into.
 //     accounts_fault_driver [--fail POINT N] create NAME | update NAME NEW | reset NAME | remove NAME
-//     accounts_fault_driver churn PREFIX COUNT
 // --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
 // POSIX preload library must be loaded).  Prints "ok" or "error <id> <message>", the thread's ids
 // before and after the operation, then "lock free" when the process, root again, can take the
@@ -16,6 +15,10 @@
 #include <string>
 #include <vector>
 
+#include <tarvicexception/TvcException.h>
+#include <usermanagement/SystemPermission.h>
+#include <usermanagement/User.h>
+
 #include "AccountDriver.h"
 
 #ifdef FIU_ENABLE  // built with libfiu
@@ -26,6 +29,15 @@
 using namespace usermanagement;
 
 namespace {
+
+// A finished SHA-512 crypt hash: storing it needs neither crypt() nor the password rules.
+constexpr const char* kReadyHash =
+    "$6$tvcready$hEi8dXaaRXf56PUuuXS8Gu29gbhXkd4isSjTFxukMfTFAUnQYWduwxGwcusqFQ6BIPvkikZX/9T5G.mpQ44Ii1";
+constexpr int kViewers = 2;
+
+inline std::string describe(const tarvicexception::TvcException& e) {
+    return "error " + std::to_string(e.getErrorId()) + " " + e.what();
+}
 
 int failingCall = 0;
 
@@ -58,7 +70,7 @@ bool operate(const std::vector<std::string>& args) {
     const bool skipCheck = true;
     const int operators = 1;
     if (args.size() == 2 && args[0] == "create")
-        User::createUserWithEncryptedPassword(args[1], tvc::test::kReadyHash, tvc::test::kViewers, true, false,
+        User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false,
                                               &skipCheck);
     else if (args.size() == 3 && args[0] == "update")
         User(args[1]).updateUser(&args[2], &operators, nullptr, nullptr, nullptr, &skipCheck);
@@ -84,11 +96,6 @@ int main(int argc, char** argv) {
     definition.setUserDefinition(definition);
     catalogue.setProfileDefinition(catalogue);
     std::string result = "ok", before, after;
-    if (args.size() == 3 && args[0] == "churn") {
-        result = tvc::test::churn(args[1], std::atoi(args[2].c_str()));
-        std::printf("%s\n", result.c_str());
-        return result == "ok" ? 0 : 1;
-    }
     const bool inject = args.size() > 3 && args[0] == "--fail";
     if (inject) failingCall = std::atoi(args[2].c_str());
     {
@@ -99,7 +106,7 @@ int main(int argc, char** argv) {
             if ((inject && !enableFailure(args[1])) || !operate({args.begin() + (inject ? 3 : 0), args.end()}))
                 result = "bad request";
         } catch (const tarvicexception::TvcException& e) {
-            result = tvc::test::describe(e);
+            result = describe(e);
         }
         after = ids();
     }
