@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -23,10 +24,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "sampledevice/SampleDevice.h"
-#include "support/RecordingLogger.h"
-#include "support/DeviceFixture.h"
 #include "support/AccountSupport.h"
-#include "support/Sandbox.h"
 
 using namespace usermanagement;
 using authnz::Options;
@@ -152,6 +150,13 @@ TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
     for (std::thread& thread : threads) thread.join();
 }
 
+// `n` times `item`, `separator` between them.
+std::string repeated(const std::string& item, const std::string& separator, int n) {
+    std::string text = item;
+    for (int i = 1; i < n; ++i) text += separator + item;
+    return text;
+}
+
 // The conversation rules, through real libpam and a module that says what its arguments script
 // ("call" starts the next conversation call; the module reports the answers of each call).
 TEST_F(PamTest, ConversationsFollowTheirRules) {
@@ -165,13 +170,9 @@ TEST_F(PamTest, ConversationsFollowTheirRules) {
         {"auth", "off=Password: call off=Password:", "200", "", "rc=0 n=1 answers=pw\nrc=20 n=1 answers=-"},
         {"auth", "info=a error=b info=", "ok", "a,b", "rc=0 n=3 answers=||"},
         {"auth", "on=Login:", "200", "", "rc=20 n=1 answers=-"},
-        {"auth", "info=x times=33", "200", "",
-         "rc=19 n=33 answers=-" +
-             [] {
-                 std::string more;
-                 for (int i = 1; i < 33; ++i) more += "|-";
-                 return more;
-             }()},
+        // PAM_MAX_NUM_MSG messages in one call are answered, one more is refused.
+        {"auth", "info=x times=32", "ok", repeated("x", ",", 32), "rc=0 n=32 answers=" + repeated("", "|", 32)},
+        {"auth", "info=x times=33", "200", "", "rc=19 n=33 answers=" + repeated("-", "|", 33)},
         {"account", "info=a error=b", "ok", "b", "rc=0 n=2 answers=-|-"},
         {"account", "off=Password:", "3", "", "rc=19 n=1 answers=-"},
         {"password", "[info=Changing password] [off=CURRENT password:] [off=New password:] [off=Retype new password:]",
@@ -307,6 +308,29 @@ TEST_F(PamTest, APasswordChangeFailsClearlyWhileAnotherProcessKeepsTheLock) {
     waitpid(holder, nullptr, 0);
     close(ready[0]);
     close(ready[1]);
+}
+
+// pam_unix takes the password-file lock to store the hash; a thread of the host reading account
+// state meanwhile (updateState holds the lock for its read) must wait for the change at the
+// library's gate, since lckpwdf fails at once while another thread of the process holds it.
+TEST_F(PamTest, APasswordChangeAndAThreadReadingAccountStateFailNeitherOneAnother) {
+    writeService("testpwd", "password required pam_unix.so sha512\n");
+    std::atomic<bool> done{false};
+    std::string read = "ok", changes;
+    std::thread reader([&] {
+        while (!done && read == "ok") read = outcome([] { User("admin").updateState(); });
+    });
+    asWebServer([&](const std::function<void()>&) {
+        const char* passwords[] = {"Viewer#2026", "Xk3#vQ9!mTz2"};
+        for (int i = 0; i < 10; ++i)
+            changes += outcome([&] {
+                session("viewer", WebPam::PasswordCheck)->pamChauthtok(passwords[i % 2], passwords[(i + 1) % 2]);
+            }) + " ";
+    });
+    done = true;
+    reader.join();
+    EXPECT_EQ(changes, "ok ok ok ok ok ok ok ok ok ok ");
+    EXPECT_EQ(read, "ok");
 }
 
 }  // namespace

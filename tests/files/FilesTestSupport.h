@@ -4,13 +4,11 @@
 #include <gtest/gtest.h>
 #include <shadow.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <string>
 #include <typeinfo>
 #include <vector>
@@ -114,42 +112,5 @@ inline std::string expectFailure(const std::function<void()>& body, const std::t
     }
     return "";
 }
-
-inline std::vector<std::string> lines(const std::string& path) {
-    std::vector<std::string> result;
-    std::istringstream in(readFile(path));
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
-}
-
-// The line of `path` whose first field is `name`, or "".
-inline std::string lineOf(const std::string& path, const std::string& name) {
-    for (const std::string& line : lines(path))
-        if (line.rfind(name + ":", 0) == 0) return line;
-    return "";
-}
-
-// The colon-separated fields of a line, empty ones kept.
-inline std::vector<std::string> fields(const std::string& line) {
-    std::vector<std::string> result(1);
-    for (char c : line) c == ':' ? result.emplace_back() : result.back() += c;
-    return result;
-}
-
-// A shell command's exit status (128 + signal when killed) and output, from popen().
-struct Result {
-    int status = -1;
-    std::string output;
-};
-inline Result finish(FILE* command) {
-    Result result;
-    char buffer[4096];
-    if (command == nullptr) return result;
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, command)) > 0;) result.output.append(buffer, n);
-    const int status = pclose(command);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
-}
-inline Result run(const std::string& command) { return finish(popen(command.c_str(), "re")); }
 
 }  // namespace tvc::test

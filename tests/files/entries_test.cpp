@@ -7,7 +7,6 @@
 #include <tuple>
 
 #include "FilesTestSupport.h"
-#include "files/CryptSetting.h"
 
 using namespace tvc::test;
 using namespace usermanagement;
@@ -107,14 +106,6 @@ TEST(PasswdMembership, CountIsTheListLengthNotTheMatchPosition) {
     EXPECT_FALSE(isPresentInListName(three, "Admin", count));
     EXPECT_FALSE(isPresentInListName(none, "admin", count));
     EXPECT_EQ(count, 0);
-}
-
-TEST(CryptPwd, SaltTakesSixBitsPerCharacterFromLittleEndianWords) {
-    const unsigned char counting[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-    const unsigned char mixed[16] = {0x12, 0x34, 0x56, 0x78, 0x9a, 0xbc, 0xde, 0xf0,
-                                     0x0f, 0xed, 0xcb, 0xa9, 0x87, 0x65, 0x43, 0x21};
-    EXPECT_EQ(detail::sha512Setting(counting), "$6$.2U.12IU/56YU09A");
-    EXPECT_EQ(detail::sha512Setting(mixed), "$6$GEXJsOmfrkDoymd5");
 }
 
 // transaction_test's two-file rows add ready-made hashes with empty ageing fields.

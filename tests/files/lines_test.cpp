@@ -5,6 +5,7 @@
 // writers treat specially (numbers at their limits, signs, blanks, separators, control
 // characters, NIS names), and a fixed-seed generator combines them.  A rewrite of a file mixing
 // plain lines and others must give what the C library's own reader and writer give.
+#include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -280,6 +282,16 @@ TEST_F(PlainLines, ACopyIsWhatTheCLibraryWouldWrite) {
     inShadow([](FileSystemUpdate& t) { removeEntryInShadowFile(t, "nosuch"); });
     EXPECT_EQ(readFile("/etc/passwd"), expectedPasswd);
     EXPECT_EQ(readFile("/etc/shadow"), expectedShadow);
+
+    // A group of 50 000 members: its entry needs far more room than the first parse buffer holds.
+    std::string crowd = "crowd:x:4300:m0";
+    for (int i = 1; i < 50000; ++i) crowd += ",m" + std::to_string(i);
+    addLines("/etc/group", crowd + "\n");
+    const std::string group = readFile("/etc/group");
+    rewrite("/etc/group", "/etc/tmpgroup", [](FileSystemUpdate& t) {
+        detail::copyEntries<detail::GroupFile>(t, [](struct group&) { return detail::EntryAction::Write; }, "copy", "");
+    });
+    EXPECT_EQ(readFile("/etc/group"), group);
 }
 
 }  // namespace

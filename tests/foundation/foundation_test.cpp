@@ -1,5 +1,6 @@
-// What hosts see of the foundation: exception log lines and JSON answers byte for byte (through
-// the root class, as hosts catch them), what the library's throws carry, and the providers.
+// What hosts see of the foundation: exception log lines byte for byte (through the root class, as
+// hosts catch them; umctl_test checks the JSON answers), what the library's throws carry, and the
+// providers.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -90,22 +91,6 @@ TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
     sink.messages.clear();
     UMException(UMError::UserNotFound, "gone", "u", false).logCdsMessage();
     EXPECT_TRUE(sink.messages.empty()) << "made with logging off";
-}
-
-TEST(ExceptionJson, ClassAndErrorCodeExactly) {
-    const std::pair<Ptr, const char*> cases[] = {
-        {make<TvcException>(UMError::MainAccountUnremovable, "x", "u", true),
-         "{\"classCode\":-1,\n \"errorCode\":3\n}"},
-        {make<UMException>(UMError::UserNotFound, "x", "u", false), "{\"classCode\":0,\n \"errorCode\":5\n}"},
-        {make<AuthNZException>(AuthNZError::RootNotAllowed, "x", "u", true), "{\"classCode\":1,\n \"errorCode\":0\n}"},
-        {make<AuthorizationException>(AuthorizationError::NotAuthorized, "x", "u", true),
-         "{\"classCode\":1,\n \"errorCode\":302\n}"},
-        // The form without a message.
-        {make<TvcException>(UMError::MainAccountUndisable, std::string("carol"), true),
-         "{\"classCode\":-1,\n \"errorCode\":4\n}"},
-    };
-    for (const auto& [exception, json] : cases) EXPECT_STREQ(exception->getJsonAnswer(), json);
-    EXPECT_EQ(thrown([&] { throw *cases[std::size(cases) - 1].first; }), "4:  (carol) ");
 }
 
 // The library's throws carry the calling thread's context user (every thread has a context of

@@ -1,18 +1,15 @@
 // The test environment itself: the sandbox builds the device sample-device.txt describes, keeps
-// every change inside and keeps its interface; README's sample accounts agree with the description.
+// every change inside and keeps its interface.
 #include <gtest/gtest.h>
 
 #include <crypt.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <functional>
-#include <regex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -78,33 +75,6 @@ TEST_F(SampleDevice, SandboxWritesTheDescribedDeviceAndTheFixturePutsItBack) {
     expectDescribedFilesIn("/etc");
 }
 
-// README's table rows ("| name | uid | group gid | password |") and the "`name` (id)" mentions
-// of the paragraph after it agree with the description, and name every account.
-TEST(SampleDeviceDescription, ReadmeAgrees) {
-    const std::string readme = readFile(TVC_SOURCE_DIR "/README.md");
-    const std::size_t begin = readme.find("Sample accounts");
-    const std::string section = readme.substr(begin, readme.find("\n## ", begin) - begin);
-    const auto idOf = [](const std::string& name) {
-        for (const auto& a : sampleDevice().accounts)
-            if (a.name == name) return a.uid;
-        return sampleDevice().group(name).gid;
-    };
-    std::set<std::string> named;
-    const std::regex row(R"(\| (\S+) +\| (\d+) +\| (\S+) (\d+) +\| (\S+) +\|)"), mention(R"(`([^`]+)` \((\d+)\))");
-    for (std::sregex_iterator m(section.begin(), section.end(), row), end; m != end; ++m) {
-        const auto& a = sampleDevice().account(m->str(1));
-        EXPECT_EQ(m->str(2) + " " + m->str(3) + " " + m->str(4) + " " + m->str(5),
-                  std::to_string(a.uid) + " " + a.group + " " + std::to_string(idOf(a.group)) + " " +
-                      (a.password.empty() ? "locked" : a.password));
-        named.insert(a.name);
-    }
-    for (std::sregex_iterator m(section.begin(), section.end(), mention), end; m != end; ++m) {
-        EXPECT_EQ(m->str(2), std::to_string(idOf(m->str(1)))) << m->str(1);
-        named.insert(m->str(1));
-    }
-    for (const auto& a : sampleDevice().accounts) EXPECT_TRUE(named.count(a.name)) << a.name << " is not in README";
-}
-
 // Runs the sandbox script with `args` (shell words), as nobody when asked; `meanwhile` may read
 // the first of its output.  Its exit status and what it printed.
 std::pair<int, std::string> runSandbox(const std::string& args, bool asNobody = false,
@@ -112,11 +82,8 @@ std::pair<int, std::string> runSandbox(const std::string& args, bool asNobody = 
     const std::string as = asNobody ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
     std::FILE* out = popen((as + tvc::test::sandboxScript() + " " + args + " 2>&1").c_str(), "r");
     if (meanwhile) meanwhile(out);
-    std::string text;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
-    const int status = pclose(out);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), text};
+    const tvc::test::Result result = tvc::test::finish(out);
+    return {result.status, result.output};
 }
 
 // Sandboxes inside this one: whatever a command does to /etc, /home and /var/log stays inside,

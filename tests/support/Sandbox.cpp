@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -54,6 +56,37 @@ void removeEntry(const std::string& path, const std::string& name) {
     ASSERT_NE(at, std::string::npos) << name << " in " << path;
     writeFile(path, text.substr(1, at) + text.substr(text.find('\n', at + 1) + 1));
 }
+
+std::vector<std::string> lines(const std::string& path) {
+    std::vector<std::string> result;
+    std::istringstream in(readFile(path));
+    for (std::string line; std::getline(in, line);) result.push_back(line);
+    return result;
+}
+
+std::string lineOf(const std::string& path, const std::string& name) {
+    for (const std::string& line : lines(path))
+        if (line.rfind(name + ":", 0) == 0) return line;
+    return "";
+}
+
+std::vector<std::string> fields(const std::string& line) {
+    std::vector<std::string> result(1);
+    for (char c : line) c == ':' ? result.emplace_back() : result.back() += c;
+    return result;
+}
+
+Result finish(std::FILE* command) {
+    Result result;
+    char buffer[4096];
+    if (command == nullptr) return result;
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, command)) > 0;) result.output.append(buffer, n);
+    const int status = pclose(command);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+Result run(const std::string& command) { return finish(popen(command.c_str(), "re")); }
 
 void restoreSampleDevice() {
     if (pristineDir().empty()) throw std::runtime_error("TVC_SANDBOX_PRISTINE is not set");

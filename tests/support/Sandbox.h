@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
+#include <vector>
 
 namespace tvc::test {
 
@@ -27,6 +29,19 @@ void writeFile(const std::string& path, const std::string& text);
 void addLines(const std::string& path, const std::string& text, bool inFront = false);
 // Drops the line of entry `name`; a test failure when there is none.
 void removeEntry(const std::string& path, const std::string& name);
+// The lines of a file without their newlines; the line whose first field is `name`, or "";
+// the colon-separated fields of a line, empty ones kept.
+std::vector<std::string> lines(const std::string& path);
+std::string lineOf(const std::string& path, const std::string& name);
+std::vector<std::string> fields(const std::string& line);
+// A shell command's exit status (128 + signal when killed) and output: of one started with
+// popen() (`finish` closes it), or of `command` run through popen().
+struct Result {
+    int status = -1;
+    std::string output;
+};
+Result finish(std::FILE* command);
+Result run(const std::string& command);
 // Puts the sample /etc/passwd, group, shadow and gshadow back: contents, owner and mode.
 void restoreSampleDevice();
 

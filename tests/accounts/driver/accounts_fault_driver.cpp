@@ -1,8 +1,7 @@
 // One account operation in a process of its own, run by the user manager "admin" (the thread
-// becomes root only inside the operation), to inject failures into or to race against others.
+// becomes root only inside the operation), to inject failures into.
 //     accounts_fault_driver [--fail POINT N] create NAME | update NAME NEW | reset NAME | remove NAME
 //     accounts_fault_driver [--fail|--kill POINT N] migrate
-//     accounts_fault_driver churn PREFIX COUNT
 // --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
 // POSIX preload library must be loaded); --kill: the process is killed (SIGKILL) at that call
 // instead.  Prints "ok" or "error <id> <message>", the thread's ids before and after the
@@ -24,6 +23,9 @@
 
 #include <usermanagement/Migration.h>
 #include <usermanagement/Utilities.h>
+#include <tarvicexception/TvcException.h>
+#include <usermanagement/SystemPermission.h>
+#include <usermanagement/User.h>
 
 #include "AccountDriver.h"
 #include "support/RecordingLogger.h"
@@ -36,6 +38,15 @@
 using namespace usermanagement;
 
 namespace {
+
+// A finished SHA-512 crypt hash: storing it needs neither crypt() nor the password rules.
+constexpr const char* kReadyHash =
+    "$6$tvcready$hEi8dXaaRXf56PUuuXS8Gu29gbhXkd4isSjTFxukMfTFAUnQYWduwxGwcusqFQ6BIPvkikZX/9T5G.mpQ44Ii1";
+constexpr int kViewers = 2;
+
+inline std::string describe(const tarvicexception::TvcException& e) {
+    return "error " + std::to_string(e.getErrorId()) + " " + e.what();
+}
 
 int failingCall = 0;
 bool killAtCall = false;
@@ -70,7 +81,7 @@ std::string migrate() {
     try {
         filesSystemMigration();
     } catch (const tarvicexception::TvcException& e) {
-        return tvc::test::describe(e);
+        return describe(e);
     }
     std::string text = "ok";
     for (User& user : utilities::getUserList()) {
@@ -85,7 +96,7 @@ bool operate(const std::vector<std::string>& args) {
     const bool skipCheck = true;
     const int operators = 1;
     if (args.size() == 2 && args[0] == "create")
-        User::createUserWithEncryptedPassword(args[1], tvc::test::kReadyHash, tvc::test::kViewers, true, false,
+        User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false,
                                               &skipCheck);
     else if (args.size() == 3 && args[0] == "update")
         User(args[1]).updateUser(&args[2], &operators, nullptr, nullptr, nullptr, &skipCheck);
@@ -112,11 +123,6 @@ int main(int argc, char** argv) {
     catalogue.setProfileDefinition(catalogue);
     tvc::test::RecordingLogger events;
     std::string result = "ok", before, after;
-    if (args.size() == 3 && args[0] == "churn") {
-        result = tvc::test::churn(args[1], std::atoi(args[2].c_str()));
-        std::printf("%s\n", result.c_str());
-        return result == "ok" ? 0 : 1;
-    }
     const bool inject = args.size() > 3 && (args[0] == "--fail" || args[0] == "--kill");
     if (inject) failingCall = std::atoi(args[2].c_str()), killAtCall = args[0] == "--kill";
     const bool migration = args.size() == (inject ? 4u : 1u) && args.back() == "migrate";
@@ -130,7 +136,7 @@ int main(int argc, char** argv) {
             if ((inject && !enableFailure(args[1])) || !operate({args.begin() + (inject ? 3 : 0), args.end()}))
                 result = "bad request";
         } catch (const tarvicexception::TvcException& e) {
-            result = tvc::test::describe(e);
+            result = describe(e);
         } catch (const std::exception& e) {
             result = std::string("error ") + e.what();
         }

@@ -233,6 +233,10 @@ before="plant '$forged' 10005" \
     -- --as "$forged" disable "$forged"
 before="plant \$'caf\\351' 10005" after=valid_json expect 0 '[[]{"name":"admin",*,{"name":"caf\\ufffd","uid":10005,*}]' "" -- --json list
 before="plant \$'caf\\351' 10005" after=valid_json expect 0 '{"name":"caf\\ufffd","uid":10005,*}' "" -- --json show 10005
+# A backslash and control characters (a newline cannot stand in the account files) are escaped.
+before="plant 'a\\b' 10005" after=valid_json expect 0 '{"name":"a\\\\b","uid":10005,*}' "" -- --json show 10005
+before="plant \$'a\\001b' 10005" after=valid_json expect 0 '{"name":"a\\u0001b","uid":10005,*}' "" -- --json show 10005
+before="plant \$'a\\tb' 10005" after=valid_json expect 0 '{"name":"a\\u0009b","uid":10005,*}' "" -- --json show 10005
 
 echo "$passed passed, $failed failed"
 ((failed == 0))
