@@ -9,7 +9,8 @@
 //     files.install();                             // every file or none
 //
 // A prepared transaction must be written before it is installed (an unwritten temporary file
-// is empty), so the group files are prepared only when asked for.  Members are destroyed in
+// is empty): the group files are prepared only when asked for, and installed only once their
+// member lists were written.  Members are destroyed in
 // reverse order: the group transactions, the shadow transaction, the password transaction
 // (which releases the lock and removes what is left of the temporary files), then the identity
 // switch, so the thread is itself again only after the lock is gone.
@@ -61,6 +62,7 @@ public:
     void updateMembers(const MemberChange& change) {
         updateMembersInGroupFile(*group, change);
         if (gshadow) updateMembersInGshadowFile(*gshadow, change);
+        m_membersWritten = true;
     }
 
     // Installs the password file, the shadow file, then the group files.  When one cannot be
@@ -71,8 +73,10 @@ public:
     // they can still be put back; when it fails, so does the whole operation.
     void install(const std::function<void()>& installed = {}) {
         std::vector<FileSystemUpdate*> files = {&passwd, &shadow};
-        if (group) files.push_back(&*group);
-        if (gshadow) files.push_back(&*gshadow);
+        if (m_membersWritten) {
+            files.push_back(&*group);
+            if (gshadow) files.push_back(&*gshadow);
+        }
         finalyzeSystemFilesTogether(files, installed);
     }
 
@@ -83,6 +87,7 @@ private:
         return path.substr(0, path.rfind('/') + 1) + name;
     }
     const AsRoot m_root;
+    bool m_membersWritten = false;
 
 public:
     FileSystemUpdate passwd;
