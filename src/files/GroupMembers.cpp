@@ -2,6 +2,8 @@
 #include "files/GroupMembers.h"
 
 #include <cctype>
+#include <cstddef>
+#include <string>
 #include <vector>
 
 #include <usermanagement/FileSystemUpdate.h>
