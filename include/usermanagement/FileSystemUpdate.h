@@ -26,9 +26,9 @@
 // symbolic link stays one: the file it leads to is replaced, so the temporary file must lie
 // on that file's file system.
 //
-// An operation that changes two files installs them with finalyzeSystemFilesTogether(), as
-// above, which puts the first file back when the second cannot be installed; a single file is
-// installed with its own finalyzeSystemFiles().
+// An operation that changes several files installs them with finalyzeSystemFilesTogether(), as
+// above, which puts every file installed back when a later one cannot be installed; a single
+// file is installed with its own finalyzeSystemFiles().
 //
 // The lock (lckpwdf) is process-wide and can be held once: among the transactions of one
 // operation exactly the first is built with `lock` true.  A lock-taking transaction waits for
@@ -42,7 +42,9 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include <usermanagement/Export.h>
 
@@ -92,13 +94,20 @@ public:
     bool m_lock;
 };
 
-// Finalizes two prepared transactions of one operation (password file, then shadow file) so
-// that the operation succeeds or fails whole: both temporary files are flushed and synced
-// before either is installed, and the live file of `first` is kept aside until `second` is
-// installed.  When `second` cannot be installed, `first` is put back as it was and the
-// failure of `second` is thrown; when even that fails, UMSystemErrorException 13 names both.
-// The kept file lies next to the temporary file of `first` (its name followed by ".old") and
-// is removed on every way out.
+// Finalizes the prepared transactions of one operation, in their order (password file, shadow
+// file, group file, ...), so that the operation succeeds or fails whole: every temporary file
+// is flushed and synced before any is installed, and the live file of each but the last is
+// kept aside until the files after it are installed.  When one cannot be kept or installed,
+// those installed before it are put back as they were, the last installed first, and its
+// failure is thrown; when one of them cannot be put back either, UMSystemErrorException 13
+// names both.  A kept file lies next to the temporary file of its transaction (its name
+// followed by ".old") and is removed on every way out.  `installed`, when given, runs once
+// every file is installed, with every file still kept: when it throws, all are put back and
+// its exception is thrown (a step that needs the new files in place, yet belongs to the
+// operation).
+TVC_UM_EXPORT void finalyzeSystemFilesTogether(const std::vector<FileSystemUpdate*>& files,
+                                               const std::function<void()>& installed = {});
+// The same for two transactions (password file, then shadow file).
 TVC_UM_EXPORT void finalyzeSystemFilesTogether(FileSystemUpdate& first, FileSystemUpdate& second);
 
 }  // namespace usermanagement

@@ -101,7 +101,9 @@ public:
 
     // Life cycle.  Each operation checks the caller's rights and the whole request before it
     // opens a file, then rewrites the password and shadow files as root under the system
-    // password-file lock; both files are installed or neither is.  Optional values are
+    // password-file lock, and the group file and the group shadow file (beside the group file,
+    // when the device has one) when the account's group memberships change; all files are
+    // installed or none is.  Optional values are
     // pointers: null keeps the item.  `skipPasswordCheck` null or false: the password is first
     // judged by the password-rules PAM service.
     //
@@ -115,10 +117,13 @@ public:
     //     shadow entry of that name.  Look the account up again after a rename.
     //
     // createUser: rights CreateUser; UMException 2 for a profile id below 1 or one the
-    // catalogue does not allow, 7 for a name the configuration or the files refuse, 0 for a
-    // taken name, 6 when no user id is free.  `encrypted`: the password is a finished crypt
-    // hash, stored as given.  `mustChange`: the password must be changed at the next login.
-    // Logs "User account - created <name>".
+    // catalogue does not allow, 7 for a name the configuration or the files refuse (a group
+    // member list refuses ',' and a leading blank), 0 for a taken name, 6 when no user id is
+    // free.  `encrypted`: the password is a finished crypt hash, stored as given.  `mustChange`:
+    // the password must be changed at the next login.  The account is listed in exactly the
+    // groups its profile grants (its roles' groups and the groups those grant; a stale entry of
+    // its name elsewhere goes), and the failed-login count of its uid is reset.  Logs
+    // "User account - created <name>".
     static User createUser(const std::string& name, const std::string& password, bool encrypted, int profileId,
                            bool active, bool mustChange, const bool* skipPasswordCheck);
     static User createUser(const std::string& name, const std::string& password, int profileId, bool active,
@@ -129,8 +134,11 @@ public:
     // must-change day of this stored account.  Rights UpdateUser, or UpdatePassword when only
     // the password and the must-change day are given.  The main account (getBaseUid()) cannot
     // be disabled (UMException 4).  Enabling or a new password also resets the failed-login
-    // count; a rename or a profile change makes the name-service cache reload.  One audit
-    // event per changed aspect; the object is refreshed from the files.
+    // count; a rename or a profile change makes the name-service cache reload.  A rename renames
+    // the account in every group member and administrator list; a profile change lists it in
+    // exactly the catalogue's groups the new profile grants, and leaves groups the catalogue
+    // does not know as they were.  One audit event per changed aspect; the object is refreshed
+    // from the files.
     void updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
                     bool encrypted, const bool* mustChange, const bool* skipPasswordCheck);
     void updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
@@ -139,7 +147,8 @@ public:
                                          const std::string* password, const bool* mustChange,
                                          const bool* skipPasswordCheck);
     // Rights RemoveUser; neither the main account (UMException 3) nor the account running the
-    // process (8).  Its group memberships and tally record stay.  Logs "User account - deleted".
+    // process (8).  Its name leaves every group member and administrator list and the
+    // failed-login count of its uid is reset.  Logs "User account - deleted".
     void removeUser();
 
     // The holder's own change through the web-login PAM service, which verifies `oldPassword`

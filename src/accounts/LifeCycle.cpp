@@ -2,10 +2,19 @@
 //
 // Every operation first checks the whole request (rights, names, password rules, profile) and
 // only then opens the account files, so a refused request leaves them untouched.  The files are
-// changed under the system password-file lock, as root, through one transaction per file; both
+// changed under the system password-file lock, as root, through one transaction per file; all
 // are installed together or not at all (AccountFiles).  Audit events are logged once the change
 // is installed.
+//
+// An account's traces outside its passwd and shadow entries go with it: its name leaves every
+// group member list, and the failed-login record of its uid is reset on removal and again on
+// creation (the record is kept per uid, and uids are handed out again: a removed account's
+// failures must not lock the next account given its uid at birth).  A new account is listed
+// exactly in the groups its profile grants; a profile change moves its memberships, a rename
+// renames them (ProfileGroups, files/GroupMembers.h).
 #include <usermanagement/User.h>
+
+#include <optional>
 
 #include <systemutilities/ScriptLauncher.h>
 #include <usermanagement/PasswdEntries.h>
@@ -17,6 +26,7 @@
 #include "accounts/AccountFiles.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
+#include "accounts/ProfileGroups.h"
 #include "files/EntryChecks.h"
 #include "foundation/Raise.h"
 
@@ -76,17 +86,24 @@ User User::createUser(const std::string& name, const std::string& password, bool
     result.m_profile = ProfileDefinition::GetProfileDefinition().getProfile(profileId);
     if (result.m_profile.getId() < 0) roleNotAllowed(profileId);
 
-    unsigned int uid = kNoAccount;
+    const detail::ProfileGroups groups(result.m_profile);
     {
-        detail::AccountFiles files;
-        uid = addEntryInPasswordFile(files.passwd, result.getUserName(), result.m_gid);
+        detail::AccountFiles files(detail::AccountFiles::WithGroups);
+        result.m_uid = addEntryInPasswordFile(files.passwd, result.getUserName(), result.m_gid);
         // The first account of the range becomes the main account: it is born enabled.
-        keepMainAccountEnabled(uid, name, !active, &password, encrypted);
+        keepMainAccountEnabled(result.m_uid, name, !active, &password, encrypted);
         addEntryInShadowFile(files.shadow, result.getUserName(), password, PasswordType{encrypted}, maxAge, minAge,
                              thirdAge, active, mustChange);
-        files.install();
+        files.updateMembers({"", name, groups.forNewAccount()});
+        // The tally tool finds the account by name, which resolves only once the new passwd
+        // file is installed; the reset runs then, still under the lock (no other operation can
+        // rename or remove the account meanwhile), and a failing reset puts the files back:
+        // an account that cannot log in with its own password is not created.
+        files.install([&result] {
+            LookLockUpdate stale;
+            result.resetFailedLogins(stale);
+        });
     }
-    result.m_uid = uid;
     result.retrieveUserName();
     result.retrieveProfile();
     result.updateState();
@@ -132,16 +149,22 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
         gid = m_profile.getGid();
     }
 
+    std::optional<detail::ProfileGroups> newGroups;
+    if (profileId != nullptr) newGroups.emplace(m_profile);
+    const bool membersChange = newName != nullptr || profileId != nullptr;
     LookUpdateShadow lookShadow;
     LookUpdatePasswd lookPasswd;
     {
-        detail::AccountFiles files;
+        detail::AccountFiles files(membersChange ? detail::AccountFiles::WithGroups : detail::AccountFiles::Accounts);
         // The passwd entry is found by uid and the shadow entry by name: both must still be
         // this account's.
         detail::confirmStoredAccount(m_uid, m_userName, m_gid);
         updateEntryInPasswordFile(files.passwd, m_uid, gid, newName, lookPasswd);
         updateEntryInShadowFile(files.shadow, m_userName, newName, password, PasswordType{encrypted}, active,
                                 mustChange, lookShadow);
+        if (membersChange)
+            files.updateMembers({m_userName, newName != nullptr ? *newName : m_userName,
+                                 newGroups ? newGroups->forProfileChange() : detail::keepMemberships()});
         // Re-enabling or a new password ends a lock by failed logins.  The tally tool finds the
         // account by its current name, which the live files still hold until install().
         if (isSet(active) || password != nullptr) {
@@ -186,11 +209,17 @@ void User::removeUser() {
     if (isHimSelf())
         raise<UMException>(UMError::RemoveUserForbidden, m_userName, " :Forbidden to remove the current user");
 
-    detail::AccountFiles files;
+    detail::AccountFiles files(detail::AccountFiles::WithGroups);
     // The shadow entry goes by name and the passwd entry by uid: both must be this account's.
     detail::confirmStoredAccount(m_uid, m_userName, m_gid);
     removeEntryInShadowFile(files.shadow, m_userName);
     removeEntryInPasswordFile(files.passwd, m_uid);
+    files.updateMembers({m_userName, "", detail::keepMemberships()});
+    // The tally tool finds the account by name, which resolves only until the new passwd file
+    // is installed: the reset runs here, under the lock.  Should the installation fail after
+    // it, the account stays with no failures counted, as after an unlock by a manager.
+    LookLockUpdate removed;
+    resetFailedLogins(removed);
     files.install();
     detail::logAccountEvent(detail::AccountDeleted, "User account - deleted <" + m_userName + ">");
 }

@@ -24,6 +24,7 @@
 #pragma once
 
 #include <grp.h>
+#include <gshadow.h>
 #include <pwd.h>
 #include <shadow.h>
 
@@ -76,6 +77,17 @@ struct GroupFile {
     }
     static bool parsePlain(char*, std::size_t, Entry&) { return false; }
     static int write(const Entry& entry, FILE* file) { return putgrent(&entry, file); }
+    static bool appendPlain(std::string&, const Entry&) { return false; }
+};
+
+// The group shadow file: member and administrator lists, read and written by the C library too.
+struct GshadowFile {
+    using Entry = struct sgrp;
+    static int parse(FILE* line, Entry& entry, char* buffer, std::size_t size, Entry** result) {
+        return fgetsgent_r(line, &entry, buffer, size, result);
+    }
+    static bool parsePlain(char*, std::size_t, Entry&) { return false; }
+    static int write(const Entry& entry, FILE* file) { return putsgent(&entry, file); }
     static bool appendPlain(std::string&, const Entry&) { return false; }
 };
 

@@ -19,6 +19,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <new>
 #include <utility>
@@ -228,6 +231,22 @@ private:
     const std::string m_path;
 };
 
+// Undoes the first `installed` installations of one operation after a later step failed with
+// `failure`, the last installed first, so that the live files are again the set they were.
+// Every file is put back even when an earlier one cannot be; the first of those errors, which
+// names both what failed and what could not be undone, is thrown.
+void putBack(std::deque<KeptFile>& kept, std::size_t installed, const char* failure) {
+    std::exception_ptr unrestored;
+    while (installed-- > 0) {
+        try {
+            kept[installed].putBack(failure);
+        } catch (const std::exception&) {
+            if (!unrestored) unrestored = std::current_exception();
+        }
+    }
+    if (unrestored) std::rethrow_exception(unrestored);
+}
+
 }  // namespace
 
 FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath, bool lock)
@@ -319,20 +338,34 @@ void FileSystemUpdate::finalyzeSystemFiles() {
     (void)unlink(m_tmpFilePath.c_str());
 }
 
-void finalyzeSystemFilesTogether(FileSystemUpdate& first, FileSystemUpdate& second) {
-    // Both new files are complete on disk before either is installed.
-    completeTemporary(first);
-    completeTemporary(second);
-    KeptFile kept(first);
-    install(first, first.m_tmpFilePath);
-    (void)unlink(first.m_tmpFilePath.c_str());
+void finalyzeSystemFilesTogether(const std::vector<FileSystemUpdate*>& files, const std::function<void()>& installed) {
+    // Every new file is complete on disk before any is installed.
+    for (FileSystemUpdate* t : files) completeTemporary(*t);
+    // The live files as they were, kept just before each is replaced; a deque, since a kept file
+    // never moves.  Without a step after them, the last file needs no keeping.
+    std::deque<KeptFile> kept;
+    for (std::size_t done = 0; done < files.size(); ++done) {
+        FileSystemUpdate& t = *files[done];
+        try {
+            if (installed || done + 1 < files.size()) kept.emplace_back(t);
+            install(t, t.m_tmpFilePath);
+        } catch (const std::exception& failure) {
+            putBack(kept, done, failure.what());
+            throw;
+        }
+        (void)unlink(t.m_tmpFilePath.c_str());
+    }
+    if (!installed) return;
     try {
-        install(second, second.m_tmpFilePath);
+        installed();
     } catch (const std::exception& failure) {
-        kept.putBack(failure.what());
+        putBack(kept, files.size(), failure.what());
         throw;
     }
-    (void)unlink(second.m_tmpFilePath.c_str());
+}
+
+void finalyzeSystemFilesTogether(FileSystemUpdate& first, FileSystemUpdate& second) {
+    finalyzeSystemFilesTogether({&first, &second});
 }
 
 }  // namespace usermanagement

@@ -19,9 +19,9 @@ namespace {
 const std::string kDriver = TVC_ACCOUNTS_DRIVER;
 using AccountFaults = DeviceTest<RoomyDefinition>;
 
-// Whatever step fails: passwd, shadow and group byte for byte as before, no temporary or kept
-// file, the lock free, and the caller (admin, root only inside the operation) itself again.
-// When the second install fails, the password file installed first is put back.
+// Whatever step fails: passwd, shadow, group and gshadow byte for byte as before, no temporary
+// or kept file, the lock free, and the caller (admin, root only inside the operation) itself
+// again.  When a later install fails, the files installed before it are put back.
 TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
 #ifndef TVC_FIU_PRELOAD
     GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
@@ -48,6 +48,10 @@ TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
         {"create", "io/sync/fsync", 2, "13 fflush or fsync error of:/etc/tmpshadow"},
         {"create", "io/dir/rename", 1, "13 rename error of:/etc/tmppassd to /etc/passwd 5Input/output error"},
         {"create", "io/dir/rename", 2, "13 rename error of:/etc/tmpshadow to /etc/shadow 5Input/output error"},
+        {"create update remove", "io/dir/rename", 3,
+         "13 rename error of:/etc/tmpgroup to /etc/group 5Input/output error"},
+        {"create update remove", "io/dir/rename", 4,
+         "13 rename error of:/etc/tmpgshadow to /etc/gshadow 5Input/output error"},
         {"reset", "io/rw/read", 1, "10 updateEntryInShadowFile error in reading /etc/shadow"},
         {"reset", "io/dir/rename", 1, "13 rename error of:/etc/tmpshadow to /etc/shadow 5Input/output error"},
     };

@@ -2,12 +2,15 @@
 // files, the sandbox's PAM stack and tally, and the commands the library runs as root, which
 // the sandbox records in /var/log/tvc-commands.log.
 #include <crypt.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <shadow.h>
 
+#include <algorithm>
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +19,7 @@
 #include <umlog/Ctx.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
+#include <usermanagement/Utilities.h>
 
 #include "files/FilesTestSupport.h"
 #include "support/AccountSupport.h"
@@ -45,7 +49,7 @@ std::string tallyReset(const std::string& name) {
 }
 
 // One account from creation to removal: after each step the files, the events in order and
-// the commands that ran.  The group file is never touched.
+// the commands that ran.  Removed, it leaves the group file as it found it.
 TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
     const std::string group = tvc::test::readFile("/etc/group");
     std::unique_ptr<User> user;
@@ -63,7 +67,7 @@ TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
         std::string commands;
     } steps[] = {
         {"create", [&] { user = std::make_unique<User>(User::createUser("newbie", first, 2, true, false, nullptr)); },
-         "newbie" + line, "$6$ " + first + " " + day, "1 User account - created <newbie>\n", ""},
+         "newbie" + line, "$6$ " + first + " " + day, "1 User account - created <newbie>\n", tallyReset("newbie")},
         // Both in one call: the events in the order of the fields, the cache reloaded once.
         {"rename+profile", [&] { user->updateUser(&rookie, &operators, nullptr, nullptr, nullptr, nullptr); },
          "rookie" + moved, "$6$ " + first + " " + day,
@@ -76,7 +80,7 @@ TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
          "!!$6$ " + second + " 0", "12 User account - deactivated <rookie>\n", ""},
         {"enable", [&] { user->updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); }, "rookie" + moved,
          "$6$ " + second + " 0", "11 User account - activated <rookie>\n", tallyReset("rookie")},
-        {"remove", [&] { user->removeUser(); }, "", "", "2 User account - deleted <rookie>\n", ""},
+        {"remove", [&] { user->removeUser(); }, "", "", "2 User account - deleted <rookie>\n", tallyReset("rookie")},
     };
     for (const auto& s : steps) {
         SCOPED_TRACE(s.step);
@@ -93,9 +97,121 @@ TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
         EXPECT_EQ(shadow, s.shadow);
         EXPECT_EQ(takeEvents(), s.events);
         EXPECT_EQ(takeCommands(), s.commands);
-        EXPECT_EQ(tvc::test::readFile("/etc/group"), group);
     }
     EXPECT_EQ(entry("/etc/shadow", "rookie") + entry("/etc/shadow", "newbie"), "");
+    EXPECT_EQ(tvc::test::readFile("/etc/group"), group);
+}
+
+// The groups whose list (field `field` of `path`) names `name`, each followed by a blank.
+std::string listing(const std::string& path, std::size_t field, const std::string& name) {
+    std::string found;
+    for (const std::string& line : tvc::test::lines(path)) {
+        std::istringstream list(fields(line).at(field));
+        for (std::string member; std::getline(list, member, ',');)
+            if (member == name) found += fields(line)[0] + " ";
+    }
+    return found;
+}
+
+// Another tool's leftover: `name` added to the list `field` of `group` in `path`.
+void plant(const std::string& path, const std::string& group, std::size_t field, const std::string& name) {
+    std::string text;
+    for (const std::string& line : tvc::test::lines(path)) {
+        std::vector<std::string> f = fields(line);
+        if (f[0] == group) f.at(field) += (f[field].empty() ? "" : ",") + name;
+        for (std::size_t i = 0; i < f.size(); ++i) text += (i ? ":" : "") + f[i];
+        text += "\n";
+    }
+    tvc::test::writeFile(path, text);
+}
+
+std::string login(const std::string& name, const std::string& password) {
+    std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM(name, "", authnz::WebPam::WebLogin));
+    return outcome([&] { pam->pamAuthentication(password.c_str()); });
+}
+
+// getgrouplist's answer for `name`, sorted, and the failed-login count of its uid.
+std::string groupsAndTally(const std::string& name) {
+    const auto account = fields(entry("/etc/passwd", name));
+    const unsigned int uid = std::stoul(account.at(2));
+    std::vector<gid_t> groups(64);
+    int count = static_cast<int>(groups.size());
+    getgrouplist(name.c_str(), std::stoul(account.at(3)), groups.data(), &count);
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+    std::sort(groups.begin(), groups.end());
+    std::string text = "uid " + std::to_string(uid) + " groups";
+    for (gid_t gid : groups) text += " " + std::to_string(gid);
+    return text + " tally " + std::to_string(usermanagement::utilities::getLockCount(uid, "/var/log/tallylog"));
+}
+
+// An account's successor, renamed or moved account holds what its profile grants and no more:
+// the groups getgrouplist reports, its name in the group file's and the group shadow file's
+// lists alike and in no administrator list, the old name nowhere, no failed login counted, and
+// its password logs it in.  The predecessors are locked by failed logins first and leave
+// stale list entries for their successor's name behind.
+TEST_F(LifeCycleTest, SuccessorsRenamedAndMovedAccountsHoldWhatTheirProfileGrants) {
+    const std::string fresh = "Fresh#Start2026";
+    // The predecessor is removed by the library, or by another tool that leaves its tally
+    // record and member lists behind.
+    const auto recreate = [&](const std::string& old, bool byTool, const std::string& name, int profile) {
+        return [=] {
+            for (int i = 0; i < 3; ++i) EXPECT_NE(login(old, "Wrong#2026"), "ok");
+            const std::string uid = fields(entry("/etc/passwd", old)).at(2);
+            for (const char* path : {"/etc/passwd", "/etc/shadow"}) {
+                std::string kept;
+                for (const std::string& line : tvc::test::lines(path))
+                    if (!byTool || fields(line)[0] != old) kept += line + "\n";
+                tvc::test::writeFile(path, kept);
+            }
+            if (!byTool) {
+                User(old).removeUser();
+                EXPECT_EQ(usermanagement::utilities::getLockCount(std::stoul(uid), "/var/log/tallylog"), 0);
+                EXPECT_EQ(listing("/etc/group", 3, old) + listing("/etc/gshadow", 3, old), "");
+            }
+            plant("/etc/group", "net-admin", 3, name);
+            plant("/etc/gshadow", "role-user-manager", 2, name);
+            User::createUser(name, fresh, profile, true, false, nullptr);
+        };
+    };
+    const std::string watcher = "watcher";
+    const int viewers = 2;
+    const struct {
+        const char* what;
+        std::function<void()> run;
+        std::string name, gone, password, expected;
+    } rows[] = {
+        {"operator again, as a viewer", recreate("operator", false, "operator", 2), "operator", "", fresh,
+         "uid 10001 groups 4102 4104 4201 10002 tally 0"},
+        {"tech's uid for an operator, tech removed by another tool", recreate("tech", true, "rookie", 1), "rookie", "",
+         fresh,
+         "uid 10003 groups 4102 4103 4104 4200 4201 10001 tally 0"},
+        {"renamed", [&] { User("viewer").updateUser(&watcher, nullptr, nullptr, nullptr, nullptr, nullptr); },
+         "watcher", "viewer", "Viewer#2026", "uid 10002 groups 4102 4104 4201 10002 tally 0"},
+        {"demoted: the catalogue's groups follow, users is left alone",
+         [&] {
+             for (const char* path : {"/etc/group", "/etc/gshadow"}) {
+                 plant(path, "users", 3, "operator");
+                 plant(path, "role-user-manager", 3, "operator");
+             }
+             User("operator").updateUser(nullptr, &viewers, nullptr, nullptr, nullptr, nullptr);
+         },
+         "operator", "", "Operator#2026", "uid 10001 groups 100 4102 4104 4201 10002 tally 0"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        tvc::test::restoreSampleDevice();
+        unlink("/var/log/tallylog");
+        ASSERT_EQ(outcome(row.run), "ok");
+        EXPECT_EQ(groupsAndTally(row.name), row.expected);
+        EXPECT_EQ(listing("/etc/gshadow", 3, row.name), listing("/etc/group", 3, row.name));
+        EXPECT_EQ(listing("/etc/gshadow", 2, row.name) + listing("/etc/group", 3, row.gone) +
+                      listing("/etc/gshadow", 3, row.gone),
+                  "");
+        User account(row.name);
+        account.updateState();
+        EXPECT_TRUE(account.isActive() && !account.isLocked() && !account.isPasswordExpired());
+        EXPECT_EQ(login(row.name, row.password), "ok");
+    }
 }
 
 TEST_F(LifeCycleTest, PasswordsChangedByTheHolderResetByAManagerAndChecked) {
@@ -139,8 +255,8 @@ TEST_F(LifeCycleTest, HostileNamesReachTheUnlockCommandLiterally) {
         SCOPED_TRACE(name);
         User user = User::createUserWithEncryptedPassword(name, "$6$salt$hash", 2, true, false, &skip);
         user.unLock();
-        EXPECT_EQ(takeCommands(), tallyReset(name));
         user.removeUser();
+        EXPECT_EQ(takeCommands(), tallyReset(name) + tallyReset(name) + tallyReset(name));  // create, unlock, remove
     }
 }
 

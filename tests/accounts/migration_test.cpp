@@ -157,8 +157,9 @@ TEST_F(Migration, KilledAtAnyInstallAndRunAgainEndsAsAWholeRun) {
         if (tvc::test::run(driver + kill + " migrate 2>&1").status != 128 + SIGKILL) break;
         EXPECT_EQ(migrated(), whole) << kill;
     }
-    // group, passwd, shadow; two for each account's profile update and two for tech's disabling.
-    EXPECT_EQ(kills, 15);
+    // group, passwd, shadow; four for each account's profile update (passwd, shadow, and the
+    // member lists of group and gshadow) and two for tech's disabling.
+    EXPECT_EQ(kills, 25);
     tvc::test::Snapshot({}, {"/etc/tmpgroup", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
         .expectUnchanged();
 #endif

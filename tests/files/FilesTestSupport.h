@@ -72,8 +72,11 @@ struct Snapshot {
     std::map<std::string, std::string> files;
     std::vector<std::string> temporaries;
 
-    explicit Snapshot(const std::vector<std::string>& live = {"/etc/passwd", "/etc/shadow", "/etc/group"},
-                      std::vector<std::string> tmp = {"/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
+    explicit Snapshot(const std::vector<std::string>& live = {"/etc/passwd", "/etc/shadow", "/etc/group",
+                                                              "/etc/gshadow"},
+                      std::vector<std::string> tmp = {"/etc/tmppassd", "/etc/tmpshadow", "/etc/tmpgroup",
+                                                      "/etc/tmpgshadow", "/etc/tmppassd.old", "/etc/tmpshadow.old",
+                                                      "/etc/tmpgroup.old"})
         : temporaries(std::move(tmp)) {
         for (const std::string& path : live) files[path] = readFile(path);
     }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "FilesTestSupport.h"
+#include "foundation/Raise.h"
 
 using namespace tvc::test;
 using namespace usermanagement;
@@ -96,7 +97,8 @@ TEST_F(Transaction, TheLiveFileReadsAndSeeksAsARegularStream) {
     EXPECT_EQ(std::string(read), text.substr(0, starts[1]));
 }
 
-// Two files installed as the account layer does: passwd first, put back when shadow fails.  A
+// Two files installed as the account layer does: passwd first, put back when shadow fails, and
+// both put back when a step that needs them installed fails.  A
 // rename (as root) keeps the live file's owner and mode; the update command gets a temporary file
 // that is 0600 whatever the mask.  A temporary name that leads to a file to keep is refused.
 TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
@@ -107,7 +109,8 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
               0);
     const Snapshot snapshot(
         {"/etc/passwd", "/etc/shadow", "/etc/group", "/etc/data/passwd", "/etc/victim", "/etc/passwd.orig"},
-        {"/etc/tmppassd", "/etc/tmppassd.old", kTmp, "/etc/data/tmppassd", "/etc/data/tmppassd.old"});
+        {"/etc/tmppassd", "/etc/tmppassd.old", kTmp, std::string(kTmp) + ".old", "/etc/data/tmppassd",
+         "/etc/data/tmppassd.old"});
     struct stat shadowBefore {};
     ASSERT_TRUE(stat(kShadow, &shadowBefore) == 0 && shadowBefore.st_gid == 42u);
     const std::string failsShadow = "sh -c 'case $1 in */tmpshadow) exit 3;; esac; cat \"$1\" >\"$2\"' sh ";
@@ -125,6 +128,7 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
         bool vanishes;       // the shadow file's temporary file is gone before the install
         std::string script;  // empty: root
         std::string failure;
+        bool stepFails = false;  // the step after the installation
     } cases[] = {
         {"true", "/etc/passwd", "/etc/tmppassd", false, "", ""},
         {"true", "/etc/passwd", "/etc/tmppassd", false, "cp ", ""},
@@ -140,6 +144,8 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
         {"true", "/etc/linked", "/etc/data/tmppassd", true, "", renameFailed},  // behind the link
         {"true", "/etc/passwd", "/etc/tmppassd", false, failsShadow, scriptFailed},
         {"true", "/etc/passwd", "/etc/tmppassd", false, failsBoth, notPutBack},
+        {"true", "/etc/passwd", "/etc/tmppassd", false, "", "step failed", true},
+        {"true", "/etc/passwd", "/etc/tmppassd", false, "cp ", "step failed", true},
     };
     const mode_t mask = umask(0);
     for (const auto& c : cases) {
@@ -162,7 +168,10 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
             if (c.vanishes) {
                 ASSERT_EQ(unlink(kTmp), 0);
             }
-            finalyzeSystemFilesTogether(passwd, shadow);
+            if (!c.stepFails) return finalyzeSystemFilesTogether(passwd, shadow);
+            finalyzeSystemFilesTogether({&passwd, &shadow}, [] {
+                usermanagement::detail::raise<UMSystemErrorException>(UMSystemError::FileTransaction, "step failed");
+            });
         };
         // Afterwards: the new entries where both files went in, the new passwd where not put back.
         Snapshot expected = snapshot;
