@@ -317,6 +317,7 @@ TEST_F(PamTest, APasswordChangeAndAThreadReadingAccountStateFailNeitherOneAnothe
     writeService("testpwd", "password required pam_unix.so sha512\n");
     std::atomic<bool> done{false};
     std::string read = "ok", changes;
+    catalogue.getProfiles(false);  // built before threads read it, as a host does at start-up
     std::thread reader([&] {
         while (!done && read == "ok") read = outcome([] { User("admin").updateState(); });
     });

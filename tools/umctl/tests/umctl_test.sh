@@ -211,7 +211,7 @@ migrated="Updating System files...${nl}Updating Profiles...${nl}kept admin profi
 migrated+="${nl}kept operator profile operators"
 after="cmp -s /etc/group /etc/group.orig && login operator Operator#2026 >/dev/null && ! login tech Tech#2026 >/dev/null" \
     expect 0 "$migrated${nl}moved tech to viewers and disabled${nl}kept viewer profile viewers${nl}added system account sysupdate" \
-    "*text=\"User account - profile of <tech> changed from <nogroup> to <viewers>\"${nl}*text=\"User account - deactivated <tech>\"" -- migrate
+    "*text=\"User account - deactivated <tech>\"${nl}*text=\"User account - profile of <tech> changed from <nogroup> to <viewers>\"" -- migrate
 before="\"\$umctl\" migrate >/dev/null 2>&1; cat /etc/passwd /etc/shadow /etc/group >\"\$scratch/first\"" \
     after="cat /etc/passwd /etc/shadow /etc/group | cmp -s - \"\$scratch/first\"" \
     expect 0 "$migrated${nl}kept tech profile viewers${nl}kept viewer profile viewers" "" -- migrate
