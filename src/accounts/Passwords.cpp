@@ -9,7 +9,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include <authnz/AuthNZException.h>
@@ -25,6 +27,7 @@
 
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
+#include "accounts/Tally.h"
 #include "files/EntryChecks.h"
 #include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
@@ -66,9 +69,14 @@ std::string insideDoubleQuotes(const std::string& text) {
 }
 
 // Runs the tally tool's reset and makes sure it happened: the command must start, exit with 0,
-// and the account's count must read 0 afterwards.  UMSystemErrorException 47 otherwise, with
+// and the account's count must read 0 afterwards, unless what it counts failed after the start.  UMSystemErrorException 47 otherwise, with
 // the reason (errno of a launch that failed, the exit status) in its description.
 void runTallyReset(const std::string& command, unsigned int uid) {
+    // A login that fails while the reset runs is counted anew (the login path does not wait
+    // for the account files): a count whose last failure came after the start is such a new
+    // failure, not a reset that did not happen.  Otherwise anyone trying passwords for an
+    // account could make a manager's removal or reset of it fail.
+    const std::uint64_t started = static_cast<std::uint64_t>(std::time(nullptr));
     std::string reason;
     FILE* stream = systemutilities::ScriptLauncher::Popen(command.c_str(), "r");
     if (stream == nullptr) {
@@ -83,7 +91,8 @@ void runTallyReset(const std::string& command, unsigned int uid) {
         else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
             reason = WIFEXITED(status) ? detail::concat("the command exited with ", WEXITSTATUS(status))
                                        : detail::concat("the command was ended by signal ", WTERMSIG(status));
-        else if (utilities::getLockCount(uid, UserDefinition::GetUserDefinition().getTallyFilePath()) != 0)
+        else if (const auto after = detail::tallyEntryOf(uid, UserDefinition::GetUserDefinition().getTallyFilePath());
+                 after.count != 0 && after.lastFailure < started)
             reason = "the count is not 0 after the command";
     }
     if (!reason.empty())

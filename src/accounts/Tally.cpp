@@ -9,29 +9,38 @@
 #include <cstdint>
 #include <cstring>
 
+#include "accounts/Tally.h"
 #include "foundation/Descriptor.h"
 
-namespace usermanagement::utilities {
+namespace usermanagement {
 
 namespace {
 constexpr std::uint64_t kRecordSize = 64;
 constexpr std::size_t kCountOffset = 54;
+constexpr std::size_t kTimeOffset = 56;
 }  // namespace
 
-int getLockCount(const unsigned int& uid, const std::string& tallyFilePath) {
+detail::TallyEntry detail::tallyEntryOf(unsigned int uid, const std::string& tallyFilePath) {
     // Non-blocking: a FIFO planted at the path must not hold the caller in open(); only a
     // regular file is read (a FIFO, a device or a directory reads as "no failures").
     const detail::Descriptor tally(open(tallyFilePath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
-    if (!tally || fstat(tally.get(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+    if (!tally || fstat(tally.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
     // 64-bit before multiplying: uid * 64 leaves 32 bits from uid 67108864 on.
     const std::uint64_t offset = static_cast<std::uint64_t>(uid) * kRecordSize;
     char record[kRecordSize];
     if (pread(tally.get(), record, sizeof record, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof record))
-        return 0;
+        return {};
     std::uint16_t count = 0;
+    TallyEntry entry;
     std::memcpy(&count, record + kCountOffset, sizeof count);
-    return static_cast<int>(count);
+    std::memcpy(&entry.lastFailure, record + kTimeOffset, sizeof entry.lastFailure);
+    entry.count = static_cast<int>(count);
+    return entry;
 }
 
-}  // namespace usermanagement::utilities
+int utilities::getLockCount(const unsigned int& uid, const std::string& tallyFilePath) {
+    return detail::tallyEntryOf(uid, tallyFilePath).count;
+}
+
+}  // namespace usermanagement
