@@ -17,6 +17,7 @@
 #include <optional>
 
 #include <systemutilities/ScriptLauncher.h>
+#include <umlog/Ctx.h>
 #include <usermanagement/PasswdEntries.h>
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/ShadowEntries.h>
@@ -28,6 +29,7 @@
 #include "accounts/AuditEvent.h"
 #include "accounts/ProfileGroups.h"
 #include "files/EntryChecks.h"
+#include "files/UserName.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement {
@@ -60,6 +62,22 @@ void keepMainAccountEnabled(unsigned int uid, const std::string& name, bool disa
                              (password->front() == '!' || password->front() == '*');
     if (disabling || lockingHash)
         raise<UMException>(UMError::MainAccountUndisable, name, " :Forbidden to disable the main user");
+}
+
+// Makes the name-service cache forget the old name and groups of a changed account.  The
+// change is installed and audited by then, so a reload that cannot even start is reported as
+// the library's own failure whose message says that the change stands (a host catching only
+// the library's exceptions would otherwise miss it, or retry a change that was made).
+void reloadNameCache() {
+    try {
+        const detail::AsRoot root;
+        (void)systemutilities::ScriptLauncher::exec(kReloadNameCache, true);
+    } catch (const systemutilities::LaunchError& e) {
+        throw UMSystemErrorException(UMSystemError::FileTransaction,
+                                     "updateUser: the change is made, but the name-service cache reload failed: "
+                                     "popen() failed!",
+                                     e.getErrorDescription(), umlog::Ctx::getCtx().getUsername(), true);
+    }
 }
 
 }  // namespace
@@ -180,10 +198,7 @@ void User::updateUser(const std::string* newName, const int* profileId, const bo
     // cache reload, the refresh of this object), so no installed change is left unaudited.
     logPwdEvent(lookPasswd);
     logShadowdEvent(lookShadow);
-    if (newName != nullptr || profileId != nullptr) {
-        const detail::AsRoot root;
-        (void)systemutilities::ScriptLauncher::exec(kReloadNameCache, true);
-    }
+    if (newName != nullptr || profileId != nullptr) reloadNameCache();
     retrieveProfile();
     updateState();
 }
@@ -217,9 +232,12 @@ void User::removeUser() {
     files.updateMembers({m_userName, "", detail::keepMemberships()});
     // The tally tool finds the account by name, which resolves only until the new passwd file
     // is installed: the reset runs here, under the lock.  Should the installation fail after
-    // it, the account stays with no failures counted, as after an unlock by a manager.
+    // it, the account stays with no failures counted, as after an unlock by a manager.  A name
+    // the library would not write (left by another tool) is not handed to the tool, so that such
+    // an account can still be removed; the record of its uid is reset when the next account
+    // takes the uid.
     LookLockUpdate removed;
-    resetFailedLogins(removed);
+    if (detail::userNameRefusal(m_userName) == nullptr) resetFailedLogins(removed);
     files.install();
     detail::logAccountEvent(detail::AccountDeleted, "User account - deleted <" + m_userName + ">");
 }

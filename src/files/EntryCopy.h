@@ -44,7 +44,13 @@
 
 namespace usermanagement::detail {
 
-enum class EntryAction { Write, Drop };
+// Write: the entry as the decision left it, through the file's writer.  Drop: nothing.
+// Keep: the line exactly as it was read, for an entry the decision did not change.  The C
+// library's group writer does not give every line back as it was ("+name:x:10:" loses its
+// gid, "0010" becomes "10"), and a rewrite must not change lines it had no business with.
+// Keep is honoured for lines the C library parsed (group and group shadow lines); for the
+// others it is Write, whose plain lines are written back as read anyway.
+enum class EntryAction { Write, Drop, Keep };
 
 struct PasswdFile {
     using Entry = struct passwd;
@@ -121,14 +127,25 @@ public:
             }
             ++m_lineNumber;
             const std::size_t size = static_cast<std::size_t>(length);
+            m_size = size;
+            m_lineIntact = false;
             if (size > kMaxEntryLine) readFailure(EFBIG);
             if (isBlank(m_line, size)) continue;
             // A plain line holds no control character, so no NUL byte either.
             if (File::parsePlain(m_line, size, m_entry)) return &m_entry;
             // A NUL byte would hide the rest of the line from the parser.
             if (std::memchr(m_line, '\0', size) != nullptr) refuseLine();
-            return parseLine(size);
+            typename File::Entry* entry = parseLine(size);
+            m_lineIntact = true;
+            return entry;
         }
+    }
+
+    // The line of the last entry as read (its newline included when it had one), when the
+    // parse left it untouched: null otherwise.
+    const char* intactLine(std::size_t& size) const {
+        size = m_size;
+        return m_lineIntact ? m_line : nullptr;
     }
 
 private:
@@ -179,6 +196,8 @@ private:
     const char* m_function;
     char* m_line = nullptr;  // getline's buffer, malloc'ed
     std::size_t m_capacity = 0;
+    std::size_t m_size = 0;
+    bool m_lineIntact = false;
     unsigned long m_lineNumber = 0;
     std::vector<char> m_parseBuffer;
     typename File::Entry m_entry{};
@@ -211,6 +230,13 @@ public:
             flush();
             if (File::write(entry, m_target) != 0) fail(errno);
         }
+        if (m_pending.size() >= kWriteChunk) flush();
+    }
+
+    // A line as it was read, with a newline added when the file's last line had none.
+    void writeLine(const char* line, std::size_t size) {
+        m_pending.append(line, size);
+        if (size == 0 || line[size - 1] != '\n') m_pending += '\n';
         if (m_pending.size() >= kWriteChunk) flush();
     }
 
@@ -247,8 +273,15 @@ void copyEntriesFrom(FileSystemUpdate& transaction, FILE* source, const std::str
                      const char* function, const std::string& writeFailure) {
     EntryReader<File> reader(source, path, function);
     EntryWriter<File> writer(transaction.m_tmpFile, writeFailure);
-    while (typename File::Entry* entry = reader.next())
-        if (decide(*entry) == EntryAction::Write) writer.write(*entry);
+    while (typename File::Entry* entry = reader.next()) {
+        const EntryAction action = decide(*entry);
+        std::size_t size = 0;
+        const char* line = action == EntryAction::Keep ? reader.intactLine(size) : nullptr;
+        if (line != nullptr)
+            writer.writeLine(line, size);
+        else if (action != EntryAction::Drop)
+            writer.write(*entry);
+    }
     writer.flush();
 }
 

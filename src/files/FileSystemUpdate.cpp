@@ -206,8 +206,13 @@ public:
         try {
             install(m_transaction, m_path);
         } catch (tarvicexception::TvcException& e) {
+            // The kept file is then the only copy of the file as it was: it is moved out of the
+            // way of the next operation (which removes leftovers) and named in the error, for an
+            // operator to put back by hand.
+            const std::string saved = m_path + ".unrestored";
+            const bool moved = rename(m_path.c_str(), saved.c_str()) == 0;
             failTransaction(0, "FileSystemUpdate:", m_transaction.m_filePath, " could not be put back (", e.what(),
-                            ") after: ", failure);
+                            ") after: ", failure, moved ? "; it is kept as " + saved : std::string());
         }
     }
 

@@ -1,8 +1,8 @@
 // Member-list editing over the shared copy loop of EntryCopy.h.
 #include "files/GroupMembers.h"
 
-#include <cctype>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -24,9 +24,11 @@ public:
     explicit ListEdit(const MemberChange& change) : m_change(change) {}
 
     // `list` without `from` and `to`, with `to` added when the rule (here `keep`) asks for it.
+    // changed() tells afterwards whether that is another list than `list`.
     template <class Keep>
     char** apply(char** list, Keep&& keep) {
         m_members.clear();
+        m_changed = false;
         std::size_t place = 0;
         bool listed = false;
         for (char** member = list; member != nullptr && *member != nullptr; ++member) {
@@ -44,13 +46,43 @@ public:
             m_members.insert(m_members.begin() + static_cast<std::ptrdiff_t>(place),
                              const_cast<char*>(m_change.to.c_str()));
         m_members.push_back(nullptr);
+        std::size_t i = 0;
+        for (char** member = list; member != nullptr && *member != nullptr; ++member, ++i)
+            if (m_members[i] == nullptr || std::strcmp(m_members[i], *member) != 0) m_changed = true;
+        if (m_members[i] != nullptr) m_changed = true;
         return m_members.data();
+    }
+
+    bool changed() const { return m_changed; }
+
+    // The bytes the list takes in a line: its members and the commas between them.
+    std::size_t length() const {
+        std::size_t bytes = 0;
+        for (const char* member : m_members)
+            if (member != nullptr) bytes += std::strlen(member) + 1;
+        return bytes;
     }
 
 private:
     const MemberChange& m_change;
     std::vector<char*> m_members;
+    bool m_changed = false;
 };
+
+// A rewritten line must stay readable: the entry reader refuses lines longer than
+// kMaxEntryLine, so a member list grown beyond it would make every later operation on the
+// files fail, this account's removal included.  Refused before anything is installed.
+void refuseOverlongLine(const char* group, std::size_t bytes, const char* function) {
+    if (bytes > kMaxEntryLine)
+        raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, the member list of group ",
+                                      group, " would be longer than ", kMaxEntryLine,
+                                      " bytes; the file is not rewritten");
+}
+
+// The bytes a group line takes besides its lists: name, password, the gid and the separators.
+std::size_t fieldsLength(const char* name, const char* password) {
+    return std::strlen(name) + (password != nullptr ? std::strlen(password) : 0) + 16;
+}
 
 std::string writeFailure(const FileSystemUpdate& transaction, const char* function) {
     return std::string(function) + " error in writing to " + transaction.m_tmpFilePath;
@@ -67,6 +99,9 @@ void updateMembersInGroupFile(FileSystemUpdate& group, const MemberChange& chang
         [&](struct group& entry) {
             const std::string name = entry.gr_name;
             entry.gr_mem = members.apply(entry.gr_mem, [&](bool listed) { return change.rule(name, listed); });
+            if (!members.changed()) return EntryAction::Keep;
+            refuseOverlongLine(entry.gr_name, fieldsLength(entry.gr_name, entry.gr_passwd) + members.length(),
+                               function);
             return EntryAction::Write;
         },
         function, writeFailure(group, function));
@@ -81,7 +116,16 @@ void updateMembersInGshadowFile(FileSystemUpdate& gshadow, const MemberChange& c
         [&](struct sgrp& entry) {
             const std::string name = entry.sg_namp;
             entry.sg_mem = members.apply(entry.sg_mem, [&](bool listed) { return change.rule(name, listed); });
-            entry.sg_adm = administrators.apply(entry.sg_adm, [](bool listed) { return listed; });
+            // An administrator of a group may add members to it (gpasswd): the seat follows the
+            // membership rule too, so a demoted account cannot let itself back into a group its
+            // new profile does not grant.  It is never given, only kept or taken.
+            entry.sg_adm = administrators.apply(entry.sg_adm,
+                                                [&](bool listed) { return listed && change.rule(name, listed); });
+            if (!members.changed() && !administrators.changed()) return EntryAction::Keep;
+            refuseOverlongLine(entry.sg_namp,
+                               fieldsLength(entry.sg_namp, entry.sg_passwd) + members.length() +
+                                   administrators.length(),
+                               function);
             return EntryAction::Write;
         },
         function, writeFailure(gshadow, function));

@@ -89,7 +89,7 @@ void updateGroupFile(FileSystemUpdate& groupTransaction) {
     setgrent();
     detail::copyEntriesFrom<GroupFile>(
         groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
-        [](const struct group&) { return EntryAction::Write; }, "updateGroupFile",
+        [](const struct group&) { return EntryAction::Keep; }, "updateGroupFile",
         "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
     endgrent();
 }

@@ -82,7 +82,8 @@ TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
 #else
     const Result result = run("TVC_DRIVER_EVENTS=1 LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver +
                               " --fail posix/proc/fork 1 update viewer watcher 2>&1");
-    EXPECT_EQ(result.output.substr(0, result.output.find('\n')), "error popen() failed!");
+    EXPECT_EQ(result.output.substr(0, result.output.find('\n')),
+              "error 13 updateUser: the change is made, but the name-service cache reload failed: popen() failed!");
     const std::string events = result.output.substr(result.output.find("lock free\n") + 10);
     EXPECT_EQ(events,
               "event User account - name changed from <viewer> to <watcher>\n"
