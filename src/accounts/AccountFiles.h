@@ -16,9 +16,6 @@
 // switch, so the thread is itself again only after the lock is gone.
 #pragma once
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <functional>
 #include <optional>
 #include <string>
@@ -44,15 +41,10 @@ public:
         if (scope == Accounts) return;
         group.emplace(definition().getGroupFilePath(), definition().getGroupTmpFilePath(), false);
         group->prepareSystemFiles();
-        // The configuration names no group shadow file: it lies beside the group file, as the
-        // shadow tools keep it, and its temporary file beside the group's temporary file, which
-        // the configuration placed on that file system (a rename cannot cross file systems).
-        // A device without one has its member lists in the group file only.  Looked for under
-        // the lock, as root.
-        const std::string live = besideOf(group->m_filePath, "gshadow");
-        struct stat status {};
-        if (lstat(live.c_str(), &status) != 0 && errno == ENOENT) return;
-        gshadow.emplace(live, besideOf(group->m_tmpFilePath, "tmpgshadow"), false);
+        // Looked for under the lock, as root.
+        const GshadowPaths paths = gshadowPathsOf(group->m_filePath, group->m_tmpFilePath);
+        if (!paths.present) return;
+        gshadow.emplace(paths.live, paths.temporary, false);
         gshadow->prepareSystemFiles();
     }
     AccountFiles(const AccountFiles&) = delete;
@@ -82,10 +74,6 @@ public:
 
 private:
     static UserDefinition& definition() { return UserDefinition::GetUserDefinition(); }
-    // `name` in the directory of `path`.
-    static std::string besideOf(const std::string& path, const char* name) {
-        return path.substr(0, path.rfind('/') + 1) + name;
-    }
     const AsRoot m_root;
     bool m_membersWritten = false;
 

@@ -1,6 +1,9 @@
 // Member-list editing over the shared copy loop of EntryCopy.h.
 #include "files/GroupMembers.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -89,6 +92,16 @@ std::string writeFailure(const FileSystemUpdate& transaction, const char* functi
 }
 
 }  // namespace
+
+GshadowPaths gshadowPathsOf(const std::string& groupFile, const std::string& groupTemporary) {
+    const auto beside = [](const std::string& path, const char* name) {
+        return path.substr(0, path.rfind('/') + 1) + name;
+    };
+    GshadowPaths paths{beside(groupFile, "gshadow"), beside(groupTemporary, "tmpgshadow")};
+    struct stat status {};
+    paths.present = !(lstat(paths.live.c_str(), &status) != 0 && errno == ENOENT);
+    return paths;
+}
 
 void updateMembersInGroupFile(FileSystemUpdate& group, const MemberChange& change) {
     constexpr const char* function = "updateMembersInGroupFile";

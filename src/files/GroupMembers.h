@@ -41,6 +41,18 @@ struct MemberChange {
     MembershipRule rule;
 };
 
+// The group shadow file that goes with a group file, and its temporary file.  The
+// configuration names neither: the file lies beside the group file, as the shadow tools keep
+// it, and its temporary file beside the group's temporary file, which the configuration placed
+// on that file system (a rename cannot cross file systems).  `present` is false for a device
+// that has none (its member lists are in the group file only).
+struct GshadowPaths {
+    std::string live;
+    std::string temporary;
+    bool present = false;
+};
+GshadowPaths gshadowPathsOf(const std::string& groupFile, const std::string& groupTemporary);
+
 void updateMembersInGroupFile(FileSystemUpdate& group, const MemberChange& change);
 void updateMembersInGshadowFile(FileSystemUpdate& gshadow, const MemberChange& change);
 

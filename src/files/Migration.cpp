@@ -15,7 +15,10 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/FileSystemUpdate.h>
@@ -30,6 +33,7 @@
 #include "accounts/AuditEvent.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
+#include "files/GroupMembers.h"
 #include "files/ManagedRange.h"
 
 namespace usermanagement {
@@ -38,7 +42,9 @@ namespace {
 
 using detail::EntryAction;
 using detail::EntryReader;
+using detail::EntryWriter;
 using detail::GroupFile;
+using detail::GshadowFile;
 using detail::PasswdFile;
 using detail::ShadowFile;
 
@@ -93,6 +99,54 @@ void updateGroupFile(FileSystemUpdate& groupTransaction) {
         "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
     endgrent();
 }
+
+namespace {
+
+// The group shadow file of the new version: one line per group of the group reference copy
+// (the transaction's reference copy), in its order, with that group's members.  A group the
+// device had keeps its password and administrators; a new one gets "!" (no password) and none;
+// the lines of groups the new version dropped go.  Where a device has this file, newgrp and sg
+// read the member lists from it: left as it was, it would go on giving groups that the group
+// file no longer gives, and a dropped group's line would come back to life with a later
+// version that brings a group of that name again.
+void updateGshadowFile(FileSystemUpdate& gshadow) {
+    constexpr const char* function = "updateGshadowFile";
+    struct Kept {
+        std::string password;
+        std::vector<std::string> administrators;
+    };
+    std::map<std::string, Kept> kept;
+    {
+        EntryReader<GshadowFile> live(gshadow.m_file, gshadow.m_filePath, function);
+        while (struct sgrp* entry = live.next()) {
+            Kept line{entry->sg_passwd != nullptr ? entry->sg_passwd : "", {}};
+            for (char** admin = entry->sg_adm; admin != nullptr && *admin != nullptr; ++admin)
+                line.administrators.emplace_back(*admin);
+            kept.emplace(entry->sg_namp, std::move(line));
+        }
+    }
+    const std::string failure = std::string(function) + " error in writing to " + gshadow.m_tmpFilePath;
+    EntryReader<GroupFile> reference(gshadow.m_origFile, gshadow.m_origFilePath, function);
+    EntryWriter<GshadowFile> writer(gshadow.m_tmpFile, failure);
+    std::string noPassword = "!";
+    std::vector<char*> administrators;
+    while (struct group* group = reference.next()) {
+        const auto found = kept.find(group->gr_name);
+        administrators.clear();
+        if (found != kept.end())
+            for (std::string& admin : found->second.administrators) administrators.push_back(admin.data());
+        administrators.push_back(nullptr);
+        struct sgrp entry {};
+        entry.sg_namp = group->gr_name;
+        entry.sg_passwd = found != kept.end() ? found->second.password.data() : noPassword.data();
+        entry.sg_adm = administrators.data();
+        entry.sg_mem = group->gr_mem;
+        writer.write(entry);
+    }
+    writer.flush();
+}
+
+}  // namespace
 
 void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
     FILE* source = fromReference ? shadows.m_origFile : shadows.m_file;
@@ -209,18 +263,26 @@ void filesSystemMigration() {
                                    kPasswordReference, false);
         FileSystemUpdate shadows(definition.getShadowFilePath(), definition.getShadowTmpFilePath(), kShadowReference,
                                  false);
+        const detail::GshadowPaths gshadowPaths = detail::gshadowPathsOf(group.m_filePath, group.m_tmpFilePath);
+        std::optional<FileSystemUpdate> gshadow;
+        if (gshadowPaths.present) gshadow.emplace(gshadowPaths.live, gshadowPaths.temporary, kGroupReference, false);
         group.prepareSystemFiles();
+        if (gshadow) gshadow->prepareSystemFiles();
         passwords.prepareSystemFiles();
         shadows.prepareSystemFiles();
-        // All three new files are complete, and every carried-over name checked, before any is
+        // All new files are complete, and every carried-over name checked, before any is
         // installed: a refused name or a read failure leaves the device as it was.
         updateGroupFile(group);
+        if (gshadow) updateGshadowFile(*gshadow);
         userGids = updatePasswordFile(passwords, shadows);
-        // The group file is installed alone, first.  It is the reference copy as it is, so the
-        // next run writes it again byte for byte; should the passwd and shadow pair fail after
-        // it, the device has the new version's groups with its old accounts, which still log
-        // in, and a migration run again ends as a whole run.
-        group.finalyzeSystemFiles();
+        // The group files are installed first, together.  They come from the reference copy
+        // alone, so the next run writes them again byte for byte; should the passwd and shadow
+        // pair fail after them, the device has the new version's groups with its old accounts,
+        // which still log in, and a migration run again ends as a whole run.
+        if (gshadow)
+            finalyzeSystemFilesTogether(group, *gshadow);
+        else
+            group.finalyzeSystemFiles();
         // A new passwd with the old shadow would leave the new system accounts without a shadow
         // entry and could pair a name with another account's password: both files or neither.
         finalyzeSystemFilesTogether(passwords, shadows);

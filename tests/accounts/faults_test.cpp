@@ -92,28 +92,32 @@ TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
 #endif
 }
 
-// The migration meets a failing install of the group file (1st rename), the password file (2nd)
-// or the shadow file (3rd): passwd and shadow stay as they were together, no temporary or kept
-// file, the lock free; the group file, installed first and alone, is the new version's after it.
-TEST_F(AccountFaults, AFailingInstallLeavesPasswdAndShadowOfTheMigrationAsTheyWere) {
+// The migration meets a failing install of the group file (1st rename), the group shadow file
+// (2nd), the password file (3rd) or the shadow file (4th): each pair stays as it was together,
+// no temporary or kept file, the lock free; the group files, installed first, are the new
+// version's after them.
+TEST_F(AccountFaults, AFailingInstallLeavesEachPairOfTheMigrationAsItWas) {
 #ifndef TVC_FIU_PRELOAD
     GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
 #else
-    const std::pair<std::string, std::string> installs[] = {
-        {"/etc/tmpgroup", "/etc/group"}, {"/etc/tmppassd", "/etc/passwd"}, {"/etc/tmpshadow", "/etc/shadow"}};
-    for (int nth = 1; nth <= 3; ++nth) {
+    const std::pair<std::string, std::string> installs[] = {{"/etc/tmpgroup", "/etc/group"},
+                                                            {"/etc/tmpgshadow", "/etc/gshadow"},
+                                                            {"/etc/tmppassd", "/etc/passwd"},
+                                                            {"/etc/tmpshadow", "/etc/shadow"}};
+    for (int nth = 1; nth <= 4; ++nth) {
         SCOPED_TRACE(nth);
         restoreSampleDevice();
         std::vector<std::string> kept = {"/etc/passwd", "/etc/shadow"};
-        if (nth == 1) kept.push_back("/etc/group");
-        const Snapshot before(kept, {"/etc/tmpgroup", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"});
+        if (nth <= 2) kept.insert(kept.end(), {"/etc/group", "/etc/gshadow"});
+        const Snapshot before(kept, {"/etc/tmpgroup", "/etc/tmpgshadow", "/etc/tmppassd", "/etc/tmpshadow",
+                                     "/etc/tmpgroup.old", "/etc/tmppassd.old"});
         const Result result = run("LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver + " --fail posix/io/dir/rename " +
                                   std::to_string(nth) + " migrate 2>&1");
         const auto& [from, to] = installs[nth - 1];
         EXPECT_EQ(result.output, "Updating System files...\nerror 13 rename error of:" + from + " to " + to +
                                      " 5Input/output error\nlock free\n");
         before.expectUnchanged();
-        EXPECT_EQ(readFile("/etc/group") == readFile("/etc/group.orig"), nth > 1);
+        EXPECT_EQ(readFile("/etc/group") == readFile("/etc/group.orig"), nth > 2);
     }
 #endif
 }

@@ -30,7 +30,9 @@ namespace {
 
 using Migration = tvc::test::DeviceTest<tvc::sample::SampleDefinition>;
 
-std::string accountFiles() { return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group"); }
+std::string accountFiles() {
+    return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group") + readFile("/etc/gshadow");
+}
 
 TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     // A device whose shadow file lists admin last, unlike its passwd file.
@@ -70,9 +72,14 @@ TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     EXPECT_EQ(names, expectedNames);
     EXPECT_EQ(readFile("/etc/group"), readFile("/etc/group.orig"));
     EXPECT_EQ(catalogue.getProfiles(true).count(sampleDevice().profiles.at(3).id), 0u) << "maintainers";
-    // The migration writes passwd, shadow and group; gshadow is not among its files.
-    EXPECT_EQ(std::system("/usr/sbin/pwck -r >/dev/null 2>&1"), 0);
-    EXPECT_EQ(std::system("/usr/sbin/grpck -r /etc/group >/dev/null 2>&1"), 0);
+    EXPECT_EQ(std::system("/usr/sbin/pwck -r >/dev/null 2>&1 && /usr/sbin/grpck -r >/dev/null 2>&1"), 0);
+    // gshadow, where newgrp reads member lists, lists the new version's groups with their members.
+    std::string groups, gshadowGroups;
+    for (const std::string& line : tvc::test::lines("/etc/group"))
+        groups += tvc::test::fields(line)[0] + ":" + tvc::test::fields(line)[3] + "\n";
+    for (const std::string& line : tvc::test::lines("/etc/gshadow"))
+        gshadowGroups += tvc::test::fields(line)[0] + ":" + tvc::test::fields(line)[3] + "\n";
+    EXPECT_EQ(gshadowGroups, groups);
 
     std::string audit;
     for (const auto& m : logger.messages) audit += m.text + "\n";
@@ -157,10 +164,10 @@ TEST_F(Migration, KilledAtAnyInstallAndRunAgainEndsAsAWholeRun) {
         if (tvc::test::run(driver + kill + " migrate 2>&1").status != 128 + SIGKILL) break;
         EXPECT_EQ(migrated(), whole) << kill;
     }
-    // group, passwd, shadow; four for each account's profile update (passwd, shadow, and the
-    // member lists of group and gshadow) and two for tech's disabling.
-    EXPECT_EQ(kills, 25);
-    tvc::test::Snapshot({}, {"/etc/tmpgroup", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
+    // group, gshadow, passwd, shadow; four for each account's profile update (passwd, shadow, and
+    // the member lists of group and gshadow) and two for tech's disabling.
+    EXPECT_EQ(kills, 26);
+    tvc::test::Snapshot({}, {"/etc/tmpgroup", "/etc/tmpgshadow", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
         .expectUnchanged();
 #endif
 }
