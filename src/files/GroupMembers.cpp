@@ -49,10 +49,13 @@ public:
             m_members.insert(m_members.begin() + static_cast<std::ptrdiff_t>(place),
                              const_cast<char*>(m_change.to.c_str()));
         m_members.push_back(nullptr);
+        // Changed unless both lists hold the same names in the same order; the walk stops at the
+        // end of the shorter one.
         std::size_t i = 0;
-        for (char** member = list; member != nullptr && *member != nullptr; ++member, ++i)
-            if (m_members[i] == nullptr || std::strcmp(m_members[i], *member) != 0) m_changed = true;
-        if (m_members[i] != nullptr) m_changed = true;
+        char** member = list;
+        for (; member != nullptr && *member != nullptr && m_members[i] != nullptr; ++member, ++i)
+            if (std::strcmp(m_members[i], *member) != 0) m_changed = true;
+        if (m_members[i] != nullptr || (member != nullptr && *member != nullptr)) m_changed = true;
         return m_members.data();
     }
 
