@@ -1,31 +1,39 @@
-// Account operations meeting failing system calls.  The failures are injected into
-// accounts_fault_driver, one call per run, through libfiu's POSIX preload library.
-#include <gtest/gtest.h>
-
+// Account operations and the migration meeting failing system calls, or killed at one.  The
+// failures are injected into accounts_fault_driver, one call per run, through libfiu's POSIX
+// preload library.
+#include <csignal>
 #include <map>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "accounts/driver/AccountDriver.h"
 #include "files/FilesTestSupport.h"
-#include "support/DeviceFixture.h"
 
 using namespace tvc::test;
 
 namespace {
 
-const std::string kDriver = TVC_ACCOUNTS_DRIVER;
-using AccountFaults = DeviceTest<RoomyDefinition>;
+#ifndef TVC_FIU_PRELOAD
+#define TVC_FIU_PRELOAD ""
+#endif
+
+class AccountFaults : public SandboxTest {
+protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        if (std::string(TVC_FIU_PRELOAD).empty()) GTEST_SKIP() << "libfiu (libfiu-dev and fiu-utils) not installed";
+    }
+};
+
+// The driver run with `args`, its error output in its output; `env` goes in front.
+Result driver(const std::string& args, const std::string& env = "") {
+    return run(env + "LD_PRELOAD='" TVC_FIU_PRELOAD "' " TVC_ACCOUNTS_DRIVER " " + args + " 2>&1");
+}
 
 // Whatever step fails: passwd, shadow, group and gshadow byte for byte as before, no temporary
 // or kept file, the lock free, and the caller (admin, root only inside the operation) itself
 // again.  When a later install fails, the files installed before it are put back.
 TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
-#ifndef TVC_FIU_PRELOAD
-    GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
-#else
     const std::map<std::string, std::string> commands = {{"create", "create newbie"},
                                                          {"update", "update viewer watcher"},
                                                          {"remove", "remove guest"},
@@ -35,7 +43,8 @@ TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
         const char* point;  // under posix/; "": none
         int nth;            // the call of `point` that fails
         const char* failure;
-    } cases[] = {  // the transaction's steps once; the entry functions' reads each
+    } cases[] = {
+        // the transaction's steps once; the entry functions' reads each
         {"create update remove reset", "", 0, ""},
         {"create", "io/oc/open", 1, "13 fopen /etc/tmppassd prepareSystemFiles"},
         {"create", "io/oc/open", 2, "13 fopen /etc/passwd prepareSystemFiles"},
@@ -62,34 +71,25 @@ TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
             SCOPED_TRACE(operation + " / " + c.point + " " + std::to_string(c.nth));
             restoreSampleDevice();
             const Snapshot before;
-            const std::string fail = c.nth ? " --fail posix/" + std::string(c.point) + " " + std::to_string(c.nth) : "";
-            const Result result =
-                run("LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver + fail + " " + commands.at(operation) + " 2>&1");
+            const std::string fail = c.nth ? "--fail posix/" + std::string(c.point) + " " + std::to_string(c.nth) : "";
             // The result, the caller's ids before and after the operation, the lock as the driver saw it.
-            EXPECT_EQ(result.output,
+            EXPECT_EQ(driver(fail + " " + commands.at(operation)).output,
                       (c.nth ? "error " + std::string(c.failure) : "ok") + "\n" + admin + admin + "lock free\n");
             (c.nth ? before : Snapshot(std::vector<std::string>{})).expectUnchanged();
         }
     }
-#endif
 }
 
 // The name-service cache is told to reload after the change is installed.  When even its
 // command cannot start, the change stays made, and its events are in the audit trail already.
 TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
-#ifndef TVC_FIU_PRELOAD
-    GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
-#else
-    const Result result = run("TVC_DRIVER_EVENTS=1 LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver +
-                              " --fail posix/proc/fork 1 update viewer watcher 2>&1");
-    EXPECT_EQ(result.output.substr(0, result.output.find('\n')),
+    const std::string output = driver("--fail posix/proc/fork 1 update viewer watcher", "TVC_DRIVER_EVENTS=1 ").output;
+    EXPECT_EQ(output.substr(0, output.find('\n')),
               "error 13 updateUser: the change is made, but the name-service cache reload failed: popen() failed!");
-    const std::string events = result.output.substr(result.output.find("lock free\n") + 10);
-    EXPECT_EQ(events,
+    EXPECT_EQ(output.substr(output.find("lock free\n") + 10),
               "event User account - name changed from <viewer> to <watcher>\n"
               "event User account - profile of <watcher> changed from <viewers> to <operators>\n");
     EXPECT_EQ(fields(lineOf("/etc/passwd", "watcher")).at(3), "10001");
-#endif
 }
 
 // The migration meets a failing install of the group file (1st rename), the group shadow file
@@ -97,13 +97,8 @@ TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
 // no temporary or kept file, the lock free; the group files, installed first, are the new
 // version's after them.
 TEST_F(AccountFaults, AFailingInstallLeavesEachPairOfTheMigrationAsItWas) {
-#ifndef TVC_FIU_PRELOAD
-    GTEST_SKIP() << "libfiu (packages libfiu-dev and fiu-utils) not installed";
-#else
-    const std::pair<std::string, std::string> installs[] = {{"/etc/tmpgroup", "/etc/group"},
-                                                            {"/etc/tmpgshadow", "/etc/gshadow"},
-                                                            {"/etc/tmppassd", "/etc/passwd"},
-                                                            {"/etc/tmpshadow", "/etc/shadow"}};
+    const char* const installs[] = {"/etc/tmpgroup to /etc/group", "/etc/tmpgshadow to /etc/gshadow",
+                                    "/etc/tmppassd to /etc/passwd", "/etc/tmpshadow to /etc/shadow"};
     for (int nth = 1; nth <= 4; ++nth) {
         SCOPED_TRACE(nth);
         restoreSampleDevice();
@@ -111,15 +106,35 @@ TEST_F(AccountFaults, AFailingInstallLeavesEachPairOfTheMigrationAsItWas) {
         if (nth <= 2) kept.insert(kept.end(), {"/etc/group", "/etc/gshadow"});
         const Snapshot before(kept, {"/etc/tmpgroup", "/etc/tmpgshadow", "/etc/tmppassd", "/etc/tmpshadow",
                                      "/etc/tmpgroup.old", "/etc/tmppassd.old"});
-        const Result result = run("LD_PRELOAD='" TVC_FIU_PRELOAD "' " + kDriver + " --fail posix/io/dir/rename " +
-                                  std::to_string(nth) + " migrate 2>&1");
-        const auto& [from, to] = installs[nth - 1];
-        EXPECT_EQ(result.output, "Updating System files...\nerror 13 rename error of:" + from + " to " + to +
-                                     " 5Input/output error\nlock free\n");
+        EXPECT_EQ(driver("--fail posix/io/dir/rename " + std::to_string(nth) + " migrate").output,
+                  "Updating System files...\nerror 13 rename error of:" + std::string(installs[nth - 1]) +
+                      " 5Input/output error\nlock free\n");
         before.expectUnchanged();
         EXPECT_EQ(readFile("/etc/group") == readFile("/etc/group.orig"), nth > 2);
     }
-#endif
+}
+
+// The real migration, killed at each installation of a file (the Nth rename) and run again:
+// files and account states as after a run that was never stopped.
+TEST_F(AccountFaults, AMigrationKilledAtAnyInstallAndRunAgainEndsAsAWholeRun) {
+    const auto migrated = [] {
+        const std::string output = driver("migrate").output;
+        return std::make_pair(output, Snapshot().files);
+    };
+    const auto whole = migrated();
+    EXPECT_NE(whole.first.find("tech viewers off"), std::string::npos) << whole.first;
+    int kills = 0;
+    for (;; ++kills) {
+        restoreSampleDevice();
+        const std::string kill = "--kill posix/io/dir/rename " + std::to_string(kills + 1);
+        if (driver(kill + " migrate").status != 128 + SIGKILL) break;
+        EXPECT_EQ(migrated(), whole) << kill;
+    }
+    // group, gshadow, passwd, shadow; four for each account's profile update (passwd, shadow, and
+    // the member lists of group and gshadow) and two for tech's disabling.
+    EXPECT_EQ(kills, 26);
+    Snapshot({}, {"/etc/tmpgroup", "/etc/tmpgshadow", "/etc/tmppassd", "/etc/tmpshadow", "/etc/tmppassd.old"})
+        .expectUnchanged();
 }
 
 }  // namespace

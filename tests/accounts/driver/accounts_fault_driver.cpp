@@ -21,13 +21,13 @@
 #include <string>
 #include <vector>
 
-#include <usermanagement/Migration.h>
-#include <usermanagement/Utilities.h>
 #include <tarvicexception/TvcException.h>
+#include <usermanagement/Migration.h>
 #include <usermanagement/SystemPermission.h>
 #include <usermanagement/User.h>
+#include <usermanagement/Utilities.h>
 
-#include "AccountDriver.h"
+#include "sampledevice/SampleCatalogue.h"
 #include "support/RecordingLogger.h"
 
 #ifdef FIU_ENABLE  // built with libfiu
@@ -44,7 +44,12 @@ constexpr const char* kReadyHash =
     "$6$tvcready$hEi8dXaaRXf56PUuuXS8Gu29gbhXkd4isSjTFxukMfTFAUnQYWduwxGwcusqFQ6BIPvkikZX/9T5G.mpQ44Ii1";
 constexpr int kViewers = 2;
 
-inline std::string describe(const tarvicexception::TvcException& e) {
+// The sample device without the pause after an unknown name.
+struct DriverDefinition : tvc::sample::SampleDefinition {
+    unsigned int getDBDelayWrongCredential() override { return 0; }
+};
+
+std::string describe(const tarvicexception::TvcException& e) {
     return "error " + std::to_string(e.getErrorId()) + " " + e.what();
 }
 
@@ -96,8 +101,7 @@ bool operate(const std::vector<std::string>& args) {
     const bool skipCheck = true;
     const int operators = 1;
     if (args.size() == 2 && args[0] == "create")
-        User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false,
-                                              &skipCheck);
+        User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false, &skipCheck);
     else if (args.size() == 3 && args[0] == "update")
         User(args[1]).updateUser(&args[2], &operators, nullptr, nullptr, nullptr, &skipCheck);
     else if (args.size() == 2 && args[0] == "reset")
@@ -117,7 +121,7 @@ int main(int argc, char** argv) {
     // programs, whose loader would refuse the ARM library with a warning in the output.
     unsetenv("LD_PRELOAD");
     std::vector<std::string> args(argv + 1, argv + argc);
-    tvc::test::RoomyDefinition definition;
+    DriverDefinition definition;
     tvc::sample::SampleCatalogue catalogue;
     definition.setUserDefinition(definition);
     catalogue.setProfileDefinition(catalogue);
