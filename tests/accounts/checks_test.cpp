@@ -1,23 +1,13 @@
 // What the files must look like before an account changes, the one name check, and lookups
 // behind a line too long to read: each refusal leaves passwd and shadow as they were.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-
-#include <usermanagement/UMException.h>
-#include <usermanagement/User.h>
-
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
+using namespace tvc::test;
 
 namespace {
 
-using tvc::test::addLines;
-using tvc::test::readFile;
-using tvc::test::removeEntry;
-using ChecksTest = tvc::test::AccountsTest;
+using ChecksTest = AccountsTest;
 
 // "ok", or "<code> <message> | <description>".
 std::string refusal(const std::function<void()>& call) try {
@@ -37,7 +27,7 @@ TEST_F(ChecksTest, AccountsStoredTwiceOrHalfAreRefusedUnchanged) {
     const Change rename = [&](User& u) { u.updateUser(&name, nullptr, nullptr, nullptr, nullptr, nullptr); };
     const Change disable = [&](User& u) { u.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); };
     const Change reset = [&](User& u) { u.updateAnyUserPassword("viewer", fresh, false, "", false); };
-    const Change remove = [](User& u) { u.removeUser(); }, unlock = [](User& u) { u.unLock(); };
+    const Change remove = [](User&u) { u.removeUser(); }, unlock = [](User&u) { u.unLock(); };
     const std::string twice = "43 viewer :The account (uid 10002) is stored more than once: ";
     const std::string half = "44 viewer :The account (uid 10002) is in ";
     const struct {
@@ -65,13 +55,12 @@ TEST_F(ChecksTest, AccountsStoredTwiceOrHalfAreRefusedUnchanged) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expected);
-        tvc::test::restoreSampleDevice();
+        restoreSampleDevice();
         User viewer("viewer");
         c.line.empty() ? removeEntry(c.file, "viewer") : addLines(c.file, c.line);
-        const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
+        const std::string files = readFile("/etc/passwd") + readFile("/etc/shadow");
         EXPECT_EQ(refusal([&] { c.change(viewer); }).substr(0, c.expected.size()), c.expected);
-        EXPECT_EQ(readFile("/etc/passwd"), passwd);
-        EXPECT_EQ(readFile("/etc/shadow"), shadow);
+        EXPECT_EQ(readFile("/etc/passwd") + readFile("/etc/shadow"), files);
     }
     EXPECT_EQ(takeCommands(), "");
 }
@@ -106,7 +95,7 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        tvc::test::restoreSampleDevice();
+        restoreSampleDevice();
         User viewer("viewer");
         const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
         const std::string tail = c.reason == nullptr ? "" : std::string(" error, bad user name | ") + c.reason;
@@ -141,9 +130,9 @@ TEST_F(ChecksTest, ALineTooLongToReadFailsTheLookupsBehindIt) {
         {"/etc/shadow", "huge:" + huge + ":20454::::::\n", [] { User("viewer").getEncryptedPassword(); }},
     };
     for (const auto& c : cases) {
-        tvc::test::restoreSampleDevice();
+        restoreSampleDevice();
         addLines(c.file, c.line, true);
-        EXPECT_EQ(tvc::test::outcomeCode(c.lookup), "12") << c.file;
+        EXPECT_EQ(outcomeCode(c.lookup), "12") << c.file;
     }
 }
 

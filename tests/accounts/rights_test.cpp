@@ -3,15 +3,9 @@
 // every kind of target: itself, another managed account, the main account, root, the web
 // server's and a service account, a stale object and one renamed with setUserName.  After every
 // refusal the account files are byte for byte as before, no event was logged, no command ran.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <functional>
 #include <memory>
-#include <string>
 
 #include <authnz/WebPam.h>
-#include <usermanagement/User.h>
 
 #include "support/AccountSupport.h"
 

@@ -1,17 +1,12 @@
+// Reading the failed-login count, and operations whose count reset did not happen.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
-#include <string>
-#include <utility>
 
 #include <usermanagement/ErrorCodes.h>
-#include <usermanagement/User.h>
 #include <usermanagement/Utilities.h>
 
 #include "foundation/Descriptor.h"

@@ -1,26 +1,17 @@
 // The account object and the rights check on the sample device: state flags
 // from crafted shadow entries and tally records, rights decided under real thread identities.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <ctime>
-#include <functional>
 #include <map>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <authnz/AuthNZException.h>
-#include <umlog/Ctx.h>
 #include <usermanagement/Rbac.h>
 #include <usermanagement/UMException.h>
-#include <usermanagement/User.h>
-#include <usermanagement/UserDefinition.h>
 
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
+using namespace tvc::test;
 
 namespace {
 
@@ -34,9 +25,7 @@ public:
     std::string getTallyFilePath() override { return "/etc/tvc-tallylog"; }
 };
 
-using AccountTest = tvc::test::DeviceTest<Definition>;
-
-using tvc::test::as;
+using AccountTest = DeviceTest<Definition>;
 
 // "allowed", or the refusal as "code user".
 std::string decision(UserDefinition::Action action, User* target) {
@@ -56,6 +45,13 @@ std::string flags(const User& user) {
 TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     const long today = static_cast<long>(std::time(nullptr)) / 86400;
     const auto day = [today](long offset) { return std::to_string(today + offset); };
+    const auto store = [](const std::string& shadowFields, int tallyCount) {
+        removeEntry("/etc/shadow", "viewer");
+        if (!shadowFields.empty()) addLines("/etc/shadow", "viewer:" + shadowFields + "\n");
+        std::string record(10002 * 64 + 64, '\0');  // viewer's record in the tally file
+        record[10002 * 64 + 54] = static_cast<char>(tallyCount);
+        writeFile("/etc/tvc-tallylog", record);
+    };
     const struct {
         std::string fields;  // the shadow entry of viewer after the name
         int tallyCount, limit;
@@ -77,11 +73,7 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fields);
-        tvc::test::removeEntry("/etc/shadow", "viewer");
-        tvc::test::addLines("/etc/shadow", "viewer:" + c.fields + "\n");
-        std::string record(10002 * 64 + 64, '\0');
-        record[10002 * 64 + 54] = static_cast<char>(c.tallyCount);
-        tvc::test::writeFile("/etc/tvc-tallylog", record);
+        store(c.fields, c.tallyCount);
         definition.lockLimit = c.limit;
         User viewer("viewer");
         EXPECT_EQ(flags(viewer), "-PLE");  // looked up, not yet read
@@ -89,20 +81,17 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
         EXPECT_EQ(flags(viewer), c.expected);
     }
     // The lock record: reached exactly, or beyond.
+    definition.lockLimit = 3;
     for (const auto& [count, expected] : {std::pair{3, "locked justLocked"}, {4, "locked"}}) {
-        std::string record(10002 * 64 + 64, '\0');
-        record[10002 * 64 + 54] = static_cast<char>(count);
-        tvc::test::writeFile("/etc/tvc-tallylog", record);
-        definition.lockLimit = 3;
+        store("$6$x$y:1:0:99999:7:::", count);
         LookLockUpdate look;
         User("viewer").retrieveLockState(look);
         EXPECT_EQ(std::string(look.locked ? "locked" : "") + (look.justLocked ? " justLocked" : ""), expected);
     }
-    tvc::test::removeEntry("/etc/shadow", "viewer");
-    tvc::test::addLines("/etc/shadow", "viewer:!!$6$x$y:1:0:99999:7:::\n");
+    store("!!$6$x$y:1:0:99999:7:::", 0);
     EXPECT_EQ(User("viewer").getEncryptedPassword(), "$6$x$y");
-    EXPECT_EQ(User("admin").getEncryptedPassword(), tvc::test::fields(tvc::test::lineOf("/etc/shadow", "admin"))[1]);
-    tvc::test::removeEntry("/etc/shadow", "viewer");
+    EXPECT_EQ(User("admin").getEncryptedPassword(), fields(lineOf("/etc/shadow", "admin"))[1]);
+    store("", 0);
     EXPECT_EQ(User("viewer").getEncryptedPassword(), "");
     EXPECT_THROW(User("viewer").updateState(), UMException);
 }
@@ -114,7 +103,7 @@ TEST_F(AccountTest, UnknownAccountsFailAfterThePause) {
         {[] { User(4242u); }, "User uid not found in the system (retrieveUserName from uid):4242"},
         {[] { Rbac::RetrieveUserId("nosuch"); }, "nosuch :User not found"},
     };
-    for (const auto& [call, message] : cases) EXPECT_EQ(tvc::test::outcome(call), "5 " + message);
+    for (const auto& [call, message] : cases) EXPECT_EQ(outcome(call), "5 " + message);
     definition.delay = 1;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_THROW(User("nosuch"), UMException);
