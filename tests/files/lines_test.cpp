@@ -44,51 +44,35 @@ std::string mutatedLine(std::mt19937& random, std::vector<std::string> fields) {
     const int changes = static_cast<int>(random() % 4);
     for (int c = 0; c < changes && !fields.empty(); ++c) {
         const std::size_t at = random() % fields.size();
-        switch (random() % 4) {
-            case 0:
-                fields[at] = piece();
-                break;
-            case 1:
-                fields[at] += piece();
-                break;
-            case 2:
-                fields.insert(fields.begin() + static_cast<std::ptrdiff_t>(at), piece());
-                break;
-            default:
-                fields.erase(fields.begin() + static_cast<std::ptrdiff_t>(at));
-        }
+        const std::ptrdiff_t kind = random() % 4, where = static_cast<std::ptrdiff_t>(at);
+        if (kind < 2)
+            fields[at] = (kind == 0 ? "" : fields[at]) + piece();
+        else if (kind == 2)
+            fields.insert(fields.begin() + where, piece());
+        else
+            fields.erase(fields.begin() + where);
     }
     std::string line;
     for (std::size_t f = 0; f < fields.size(); ++f) line += (f == 0 ? "" : ":") + fields[f];
     return line;
 }
 
-template <class T>
-const T& pick(std::mt19937& random, const std::vector<T>& values) {
-    return values[random() % values.size()];
+std::string pick(std::mt19937& random, std::initializer_list<const char*> values) {
+    return values.begin()[random() % values.size()];
 }
 
 std::string randomPasswdLine(std::mt19937& random) {
-    const std::vector<std::string> ids = {"0", "7", "10002", "65534", "123456789"};
-    return mutatedLine(random, {pick(random, std::vector<std::string>{"admin", "u1", "j\xc3\xbcrgen", "a.b-c_d"}),
-                                pick(random, std::vector<std::string>{"x", "", "*"}), pick(random, ids),
-                                pick(random, ids), pick(random, std::vector<std::string>{"", "Some One", "g,h,i"}),
-                                "/home/x", pick(random, std::vector<std::string>{"/bin/sh", ""})});
+    const auto id = [&] { return pick(random, {"0", "7", "10002", "65534", "123456789"}); };
+    return mutatedLine(
+        random, {pick(random, {"admin", "u1", "j\xc3\xbcrgen", "a.b-c_d"}), pick(random, {"x", "", "*"}), id(), id(),
+                 pick(random, {"", "Some One", "g,h,i"}), "/home/x", pick(random, {"/bin/sh", ""})});
 }
 
 std::string randomShadowLine(std::mt19937& random) {
-    const std::vector<std::string> days = {"", "0", "7", "20454", "99999"};
-    return mutatedLine(random, {pick(random, std::vector<std::string>{"admin", "u1", "a.b-c_d"}),
-                                pick(random, std::vector<std::string>{"$6$salt$h.a/sh", "!!", "*", "", "!!$6$s$h"}),
-                                pick(random, days), pick(random, days), pick(random, days), pick(random, days),
-                                pick(random, days), pick(random, days), ""});
-}
-
-// A line as getline hands it over: its bytes, then a NUL.
-std::vector<char> asRead(const std::string& line) {
-    std::vector<char> bytes(line.begin(), line.end());
-    bytes.push_back('\0');
-    return bytes;
+    const auto day = [&] { return pick(random, {"", "0", "7", "20454", "99999"}); };
+    return mutatedLine(
+        random, {pick(random, {"admin", "u1", "a.b-c_d"}), pick(random, {"$6$salt$h.a/sh", "!!", "*", "", "!!$6$s$h"}),
+                 day(), day(), day(), day(), day(), day(), ""});
 }
 
 std::string text(const char* field) { return field == nullptr ? "(null)" : field; }
@@ -118,7 +102,8 @@ std::string shadowFields(const struct spwd& e) {
 // Holds the plain reader to the C library on `line`; returns whether the plain reader took it.
 template <class Entry, class Plain, class Read, class Fields>
 bool checkLine(const std::string& line, Plain plain, Read read, Fields fields) {
-    std::vector<char> bytes = asRead(line);
+    std::vector<char> bytes(line.begin(), line.end());  // as getline hands it over: then a NUL
+    bytes.push_back('\0');
     Entry ours{};
     if (!plain(bytes.data(), line.size(), ours)) {
         EXPECT_EQ(std::string(bytes.data(), line.size()), line) << "a line left to the C library was changed";
@@ -191,13 +176,13 @@ std::string libraryWrites(const Entry& entry, Write write) {
 }
 
 // A random field: a piece, sometimes two, sometimes none at all (null).
-const char* randomText(std::mt19937& random, std::vector<std::string>& keep) {
+char* randomText(std::mt19937& random, std::vector<std::string>& keep) {
     if (random() % 16 == 0) return nullptr;
     std::string field = kPieces[random() % kPieces.size()];
     if (random() % 4 == 0) field += random() % 2 ? ":" : "\n";
     if (random() % 4 == 0) field += kPieces[random() % kPieces.size()];
     keep.push_back(field);
-    return keep.back().c_str();
+    return keep.back().data();
 }
 
 TEST_F(PlainLines, WrittenAsTheCLibraryWritesThem) {
@@ -209,38 +194,34 @@ TEST_F(PlainLines, WrittenAsTheCLibraryWritesThem) {
     const std::vector<unsigned long> flags = {~0ul, 0, 123, ~0ul - 1, ~(~0ul >> 1)};
     std::mt19937 random(20260102);
     std::size_t plainPasswd = 0, plainShadow = 0;
+    // Whether the plain writer took `entry` (behind what was written before); it must then
+    // have written what the C library writes, else nothing.
+    const auto written = [](const auto& entry, auto append, auto write, const std::string& shown) {
+        std::string ours = "before\n";
+        const bool plain = append(ours, entry);
+        EXPECT_EQ(ours, "before\n" + (plain ? libraryWrites(entry, write) : std::string())) << shown;
+        return plain;
+    };
     for (int i = 0; i < 20000 && !HasFailure(); ++i) {
         std::vector<std::string> keep;
         keep.reserve(16);  // the entries point into it
         struct passwd pw {};
-        pw.pw_name = const_cast<char*>(randomText(random, keep));
-        pw.pw_passwd = const_cast<char*>(randomText(random, keep));
+        pw.pw_name = randomText(random, keep);
+        pw.pw_passwd = randomText(random, keep);
         pw.pw_uid = static_cast<uid_t>(ids[random() % ids.size()]);
         pw.pw_gid = static_cast<gid_t>(ids[random() % ids.size()]);
-        pw.pw_gecos = const_cast<char*>(randomText(random, keep));
-        pw.pw_dir = const_cast<char*>(randomText(random, keep));
-        pw.pw_shell = const_cast<char*>(randomText(random, keep));
-        std::string ours = "before\n";
-        if (detail::appendPlainPasswd(ours, pw)) {
-            ++plainPasswd;
-            EXPECT_EQ(ours, "before\n" + libraryWrites(pw, putpwent)) << passwdFields(pw);
-        } else {
-            EXPECT_EQ(ours, "before\n");
-        }
+        pw.pw_gecos = randomText(random, keep);
+        pw.pw_dir = randomText(random, keep);
+        pw.pw_shell = randomText(random, keep);
+        plainPasswd += written(pw, detail::appendPlainPasswd, putpwent, passwdFields(pw));
 
         struct spwd sp {};
-        sp.sp_namp = const_cast<char*>(randomText(random, keep));
-        sp.sp_pwdp = const_cast<char*>(randomText(random, keep));
+        sp.sp_namp = randomText(random, keep);
+        sp.sp_pwdp = randomText(random, keep);
         for (long* field : {&sp.sp_lstchg, &sp.sp_min, &sp.sp_max, &sp.sp_warn, &sp.sp_inact, &sp.sp_expire})
             *field = days[random() % days.size()];
         sp.sp_flag = flags[random() % flags.size()];
-        ours = "before\n";
-        if (detail::appendPlainShadow(ours, sp)) {
-            ++plainShadow;
-            EXPECT_EQ(ours, "before\n" + libraryWrites(sp, putspent)) << shadowFields(sp);
-        } else {
-            EXPECT_EQ(ours, "before\n");
-        }
+        plainShadow += written(sp, detail::appendPlainShadow, putspent, shadowFields(sp));
     }
     EXPECT_GT(plainPasswd, 1000u);
     EXPECT_GT(plainShadow, 1000u);
@@ -289,7 +270,8 @@ TEST_F(PlainLines, ACopyIsWhatTheCLibraryWouldWrite) {
     addLines("/etc/group", crowd + "\n");
     const std::string group = readFile("/etc/group");
     rewrite("/etc/group", "/etc/tmpgroup", [](FileSystemUpdate& t) {
-        detail::copyEntries<detail::GroupFile>(t, [](struct group&) { return detail::EntryAction::Write; }, "copy", "");
+        detail::copyEntries<detail::GroupFile>(
+            t, [](struct group&) { return detail::EntryAction::Write; }, "copy", "");
     });
     EXPECT_EQ(readFile("/etc/group"), group);
 }
