@@ -1,14 +1,9 @@
 // The access model on the sample device: lookups, groups, roles and profiles as values, and the
 // profile catalogue, each answer rendered as text and checked against a table.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include <systemutilities/LinuxUserSystem.h>
 #include <umlog/Ctx.h>
@@ -59,13 +54,14 @@ std::string made(const std::function<std::string()>& make) {
         return failure(e.getErrorId(), e.what(), e.getUser());
     }
 }
+// The failure of a group, role or profile whose group the group file lacks.
+std::string missing(const std::string& group, const std::string& user = "") {
+    return failure(UMError::RoleError, group + " (group): POSIX Group not found", user);
+}
 
 // ---- Lookups.  Outputs start as kKept: an answer of false must leave them.
 constexpr unsigned int kKept = 7;
-const std::string kFalse = "false";
-
-const std::string kFailed = "12";
-
+const std::string kFalse = "false", kFailed = "12";
 std::string falseAnswer(bool untouched) { return untouched ? kFalse : "false, with an output written"; }
 // The answer of `lookup`, or kFailed when the database could not answer.
 std::string answerOf(const std::function<std::string()>& lookup) try {
@@ -189,22 +185,20 @@ UmProfile operators() {
 // be made by a name the group file lacks; a gid without a group still fails, having no name.
 TEST_F(ValueTest, ConstructionResolvesTheGroupAndExceptionModeSparesOnlyNames) {
     umlog::Ctx::getCtx().setUsername("operator");
-    const auto missing = [](const char* what) {
-        return failure(UMError::RoleError, what + std::string(" (group): POSIX Group not found"), "operator");
-    };
+    const auto lost = [](const char* group) { return missing(group, "operator"); };
     const auto noName = [] { return UmGroup(4294967295u).m_name; };
     EXPECT_EQ((Names{key(UmRole("role-user-manager", -1)), key(UmRole("role-log-read", -2)),
                      made([] { return UmGroup("nosuch").m_name; }), made([] { return key(UmProfile("nosuch", 3)); }),
                      made(noName)}),
-              (Names{"role-user-manager/1/4101", "role-log-read/-2/4104", missing("nosuch"), missing("nosuch"),
-                     missing("4294967295")}));
+              (Names{"role-user-manager/1/4101", "role-log-read/-2/4104", lost("nosuch"), lost("nosuch"),
+                     lost("4294967295")}));
     UmProfile::enableException();
     const std::string unresolved = std::to_string(UmGroup::kUnresolvedGid);
     EXPECT_EQ((Names{std::to_string(UmGroup(static_cast<const char*>(nullptr)).m_gid), key(UmRole("nosuch", -1)),
                      key(UmProfile("nosuch", 9)), made(noName)}),
-              (Names{unresolved, "nosuch/-4101/" + unresolved, "nosuch/9/" + unresolved, missing("4294967295")}));
+              (Names{unresolved, "nosuch/-4101/" + unresolved, "nosuch/9/" + unresolved, lost("4294967295")}));
     UmProfile::disableException();
-    EXPECT_EQ(made([] { return UmRole("nosuch", 5).m_name; }), missing("nosuch"));
+    EXPECT_EQ(made([] { return UmRole("nosuch", 5).m_name; }), lost("nosuch"));
 }
 
 // Adding a role copies its grants only, and a role may add itself.  updateList rebuilds the map,
@@ -260,12 +254,10 @@ TEST_F(CatalogueTest, BuiltInCatalogueAddProfileAndNogroup) {
                      "role-log-read/4/4104", noRole}));
 
     removeEntry("/etc/group", "nogroup");
-    const std::string noNogroup = failure(UMError::RoleError, "nogroup (group): POSIX Group not found", "");
-    EXPECT_EQ(made([&] { return profile(1); }), noNogroup);
-    EXPECT_EQ(made([&] { return role(4); }), noNogroup);
+    EXPECT_EQ(made([&] { return profile(1); }), missing("nogroup"));
+    EXPECT_EQ(made([&] { return role(4); }), missing("nogroup"));
     removeEntry("/etc/group", "www-data");
-    EXPECT_EQ(made([] { return catalogue().buildProfiles(), ""; }),
-              failure(UMError::RoleError, "www-data (group): POSIX Group not found", ""));
+    EXPECT_EQ(made([] { return catalogue().buildProfiles(), ""; }), missing("www-data"));
     EXPECT_TRUE(ProfileDefinition::g_profiles.empty());
 }
 
@@ -311,8 +303,7 @@ TEST_F(CatalogueTest, SampleCatalogueGrantsWhatTheGroupFileHoldsAndIsRebuiltOnly
     EXPECT_EQ(sample.builds, 1);
 
     removeEntry("/etc/group", "net-admin");
-    EXPECT_EQ(made([] { return std::to_string(catalogue().getProfiles(true).size()); }),
-              failure(UMError::RoleError, "net-admin (group): POSIX Group not found", ""));
+    EXPECT_EQ(made([] { return std::to_string(catalogue().getProfiles(true).size()); }), missing("net-admin"));
     EXPECT_EQ(key(catalogue().getProfile("operators")), "operators/1/10001");
     EXPECT_EQ(sample.builds, 2);
 }

@@ -49,10 +49,6 @@ struct DriverDefinition : tvc::sample::SampleDefinition {
     unsigned int getDBDelayWrongCredential() override { return 0; }
 };
 
-std::string describe(const tarvicexception::TvcException& e) {
-    return "error " + std::to_string(e.getErrorId()) + " " + e.what();
-}
-
 int failingCall = 0;
 bool killAtCall = false;
 
@@ -82,24 +78,20 @@ std::string ids() {
     return text;
 }
 
-std::string migrate() {
-    try {
-        filesSystemMigration();
-    } catch (const tarvicexception::TvcException& e) {
-        return describe(e);
-    }
-    std::string text = "ok";
-    for (User& user : utilities::getUserList()) {
-        user.updateState();
-        text += "\n" + user.getUserName() + " " + user.getProfile().getName() + (user.isActive() ? " on" : " off");
-    }
-    return text;
-}
-
-// False for a request it does not know.
-bool operate(const std::vector<std::string>& args) {
+// "ok" (after a migration, each managed account's profile and state follow), or "bad request"
+// for a request it does not know.
+std::string operate(const std::vector<std::string>& args) {
     const bool skipCheck = true;
     const int operators = 1;
+    if (args.size() == 1 && args[0] == "migrate") {
+        filesSystemMigration();
+        std::string text = "ok";
+        for (User& user : utilities::getUserList()) {
+            user.updateState();
+            text += "\n" + user.getUserName() + " " + user.getProfile().getName() + (user.isActive() ? " on" : " off");
+        }
+        return text;
+    }
     if (args.size() == 2 && args[0] == "create")
         User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false, &skipCheck);
     else if (args.size() == 3 && args[0] == "update")
@@ -109,8 +101,8 @@ bool operate(const std::vector<std::string>& args) {
     else if (args.size() == 2 && args[0] == "remove")
         User(args[1]).removeUser();
     else
-        return false;
-    return true;
+        return "bad request";
+    return "ok";
 }
 
 }  // namespace
@@ -126,25 +118,28 @@ int main(int argc, char** argv) {
     definition.setUserDefinition(definition);
     catalogue.setProfileDefinition(catalogue);
     tvc::test::RecordingLogger events;
-    std::string result = "ok", before, after;
     const bool inject = args.size() > 3 && (args[0] == "--fail" || args[0] == "--kill");
     if (inject) failingCall = std::atoi(args[2].c_str()), killAtCall = args[0] == "--kill";
-    const bool migration = args.size() == (inject ? 4u : 1u) && args.back() == "migrate";
-    if (migration) {
-        result = inject && !enableFailure(args[1]) ? "bad request" : migrate();
-    } else {
-        SystemPermission manager;
-        manager.setUserPermission("admin");
-        before = ids();
+    const std::vector<std::string> request(args.begin() + (inject ? 3 : 0), args.end());
+    std::string result = "bad request";
+    // Failures count from here: the identity switch before it has none.
+    const auto attempt = [&] {
         try {
-            if ((inject && !enableFailure(args[1])) || !operate({args.begin() + (inject ? 3 : 0), args.end()}))
-                result = "bad request";
+            if (!inject || enableFailure(args[1])) result = operate(request);
         } catch (const tarvicexception::TvcException& e) {
-            result = describe(e);
+            result = "error " + std::to_string(e.getErrorId()) + " " + e.what();
         } catch (const std::exception& e) {
             result = std::string("error ") + e.what();
         }
-        after = ids();
+    };
+    if (request.size() == 1 && request[0] == "migrate") {
+        attempt();
+    } else {
+        SystemPermission manager;
+        manager.setUserPermission("admin");
+        const std::string before = ids();
+        attempt();
+        result += "\n" + before + "\n" + ids();
     }
     // The lock of the process, then the library's gate, which a state read passes.
     bool free = lckpwdf() == 0 && ulckpwdf() == 0;
@@ -153,7 +148,6 @@ int main(int argc, char** argv) {
     } catch (const tarvicexception::TvcException&) {
         free = false;
     }
-    if (!migration) result += "\n" + before + "\n" + after;
     std::printf("%s\nlock %s\n", result.c_str(), free ? "free" : "held");
     if (std::getenv("TVC_DRIVER_EVENTS") != nullptr)
         for (const auto& m : events.messages)
