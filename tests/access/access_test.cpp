@@ -59,50 +59,48 @@ std::string missing(const std::string& group, const std::string& user = "") {
     return failure(UMError::RoleError, group + " (group): POSIX Group not found", user);
 }
 
-// ---- Lookups.  Outputs start as kKept: an answer of false must leave them.
-constexpr unsigned int kKept = 7;
+// ---- Lookups.  Outputs start as 7 or "kept": an answer of false must leave them.
 const std::string kFalse = "false", kFailed = "12";
-std::string falseAnswer(bool untouched) { return untouched ? kFalse : "false, with an output written"; }
-// The answer of `lookup`, or kFailed when the database could not answer.
-std::string answerOf(const std::function<std::string()>& lookup) try {
-    return lookup();
+// The outputs when `lookup` found its entry; kFalse when not, the outputs still `kept`; the
+// code (kFailed) when the database could not answer.
+std::string answer(const std::function<bool()>& lookup, const std::function<std::string()>& outputs,
+                   const char* kept) try {
+    if (lookup()) return outputs();
+    return outputs() == kept ? kFalse : "false, with an output written";
 } catch (const UMSystemErrorException& e) {
     return std::to_string(e.getErrorId());
 }
 
 std::string ids(const char* account) {
-    unsigned int uid = kKept, gid = kKept;
-    return answerOf([&] {
-        const bool found = LinuxUserSystem::getUserIds(account, &uid, &gid);
-        return found ? std::to_string(uid) + "/" + std::to_string(gid) : falseAnswer(uid == kKept && gid == kKept);
-    });
+    unsigned int uid = 7, gid = 7;
+    return answer([&] { return LinuxUserSystem::getUserIds(account, &uid, &gid); },
+                  [&] { return std::to_string(uid) + "/" + std::to_string(gid); }, "7/7");
 }
 std::string userName(unsigned int uid) {
     std::string name = "kept";
-    unsigned int gid = kKept;
-    return answerOf([&] {
-        const bool found = LinuxUserSystem::getUserName(uid, name, gid);
-        return found ? name + "/" + std::to_string(gid) : falseAnswer(name == "kept" && gid == kKept);
-    });
+    unsigned int gid = 7;
+    return answer([&] { return LinuxUserSystem::getUserName(uid, name, gid); },
+                  [&] { return name + "/" + std::to_string(gid); }, "kept/7");
 }
 std::string groupGid(const char* group) {
-    unsigned int gid = kKept;
-    return answerOf(
-        [&] { return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : falseAnswer(gid == kKept); });
+    unsigned int gid = 7;
+    return answer([&] { return LinuxUserSystem::getGroupGid(group, gid); }, [&] { return std::to_string(gid); }, "7");
 }
 std::string groupName(unsigned int gid) {
     std::string name = "kept";
-    return answerOf([&] { return LinuxUserSystem::getGroupName(gid, name) ? name : falseAnswer(name == "kept"); });
+    return answer([&] { return LinuxUserSystem::getGroupName(gid, name); }, [&] { return name; }, "kept");
 }
 // The names of a list that held "root" before getGroups appended to it.
 template <class Account>
 std::string groups(Account account) {
     static const UmGroup root(0u);  // made once: no lookup answers beyond the cap
     std::vector<UmGroup> list{root};
-    if (!LinuxUserSystem::getGroups(account, list)) return falseAnswer(list.size() == 1);
-    std::string names;
-    for (const UmGroup& group : list) names += (names.empty() ? "" : " ") + group.m_name;
-    return names;
+    const auto names = [&] {
+        std::string text;
+        for (const UmGroup& group : list) text += (text.empty() ? "" : " ") + group.m_name;
+        return text;
+    };
+    return answer([&] { return LinuxUserSystem::getGroups(account, list); }, names, "root");
 }
 
 // An account's profile gid is its primary group when in 10000-19999, else the first profile group
