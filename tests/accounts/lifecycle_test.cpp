@@ -147,13 +147,10 @@ TEST_F(LifeCycleTest, SuccessorsRenamedAndMovedAccountsHoldWhatTheirProfileGrant
         return [=] {
             for (int i = 0; i < 3; ++i) EXPECT_NE(login(old, "Wrong#2026"), "ok");
             const std::string uid = fields(lineOf("/etc/passwd", old)).at(2);
-            for (const char* path : {"/etc/passwd", "/etc/shadow"}) {
-                std::string kept;
-                for (const std::string& line : lines(path))
-                    if (!byTool || fields(line)[0] != old) kept += line + "\n";
-                writeFile(path, kept);
-            }
-            if (!byTool) {
+            if (byTool) {
+                removeEntry("/etc/passwd", old);
+                removeEntry("/etc/shadow", old);
+            } else {
                 User(old).removeUser();
                 EXPECT_EQ(usermanagement::utilities::getLockCount(std::stoul(uid), "/var/log/tallylog"), 0);
                 EXPECT_EQ(listing("/etc/group", 3, old) + listing("/etc/gshadow", 3, old), "");

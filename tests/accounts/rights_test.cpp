@@ -10,16 +10,15 @@
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
+using namespace tvc::test;
 
 namespace {
 
-using tvc::test::actingAs, tvc::test::kCommandLog;
-constexpr auto outcome = tvc::test::outcomeCode;
-using RightsTest = tvc::test::AccountsTest;
+constexpr auto code = outcomeCode;
+using RightsTest = AccountsTest;
 
 std::string files() {
-    return tvc::test::readFile("/etc/passwd") + tvc::test::readFile("/etc/shadow") +
-           tvc::test::readFile("/etc/group") + tvc::test::readFile(kCommandLog);
+    return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group") + readFile(kCommandLog);
 }
 
 // The callers: name, holds the user-manager role, holds the role that changes its own password.
@@ -35,8 +34,7 @@ const struct Caller {
 // viewer; the renamed one is tech's with setUserName("plainuser") called on it; the demoted one
 // is tech's, kept while a manager moved tech to viewers.
 enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, Demoted, kTargets };
-const char* const kTargetNames[] = {"self",    "other", "admin", "root", "www-data",
-                                    "svc-web", "viewer", "tech", "tech"};
+const char* const kTargetNames[] = {"self", "other", "admin", "root", "www-data", "svc-web", "viewer", "tech", "tech"};
 
 enum Op {
     Create, Lookup, Rename, Profile, Disable, Enable, Password, ResetOnOwnObject, Reset, Unlock, Remove, ReadHash,
@@ -80,7 +78,7 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
             SCOPED_TRACE(std::string(c.name) + " on " + kTargetNames[target]);
             std::string got, want;
             for (int op = 0; op < kOps; ++op) {
-                tvc::test::restoreSampleDevice();
+                restoreSampleDevice();
                 unlink("/var/log/tallylog");
                 // The caller's object and its groups are read before any rename.
                 const bool root = std::string(c.name) == "root";
@@ -124,7 +122,7 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
                     },
                 };
                 std::string result;
-                actingAs(root ? nullptr : &own, [&] { result = outcome(calls[op]); });
+                actingAs(root ? nullptr : &own, [&] { result = code(calls[op]); });
                 got += std::string(" ") + kOpNames[op] + "=" + result;
                 if (result != "ok") {
                     EXPECT_TRUE(files() == before) << kOpNames[op] << " refused, but the files changed";
@@ -142,34 +140,34 @@ TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
 TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
     for (const bool byName : {false, true}) {
         SCOPED_TRACE(byName ? "by name" : "on the holder's object");
-        tvc::test::restoreSampleDevice();
+        restoreSampleDevice();
         unlink("/var/log/tallylog");
         takeEvents();
-        const std::string shadow = tvc::test::readFile("/etc/shadow");
+        const std::string shadow = readFile("/etc/shadow");
         const auto change = [&](std::string old, std::string fresh = "Fresh#Pass2026x") {
-            return outcome([&] { byName ? User::updateAnyUserPassword("admin", old, fresh, "")
-                                        : User("admin").updatePassword(old, fresh, ""); });
+            return code([&] { byName ? User::updateAnyUserPassword("admin", old, fresh, "")
+                                     : User("admin").updatePassword(old, fresh, ""); });
         };
         std::string answers;
-        tvc::test::as("viewer", [&] {
+        as("viewer", [&] {
             for (const char* old : {"Guess#1", "Guess#2", "Guess#3", "Guess#4", "Admin#2026"})
                 answers += change(old) + " ";
         });
         EXPECT_EQ(answers, "18 18 18 18 18 ");
         EXPECT_EQ(takeEvents(), "9 User account - locked <admin>\n");
-        EXPECT_EQ(tvc::test::readFile("/etc/shadow"), shadow);
+        EXPECT_EQ(readFile("/etc/shadow"), shadow);
         User admin("admin");
         for (const char* event : {"10 User account - unlocked <admin>\n", ""}) {
-            tvc::test::writeFile(kCommandLog, "");
-            tvc::test::as("admin", [&] { admin.unLock(); });
+            writeFile(kCommandLog, "");
+            as("admin", [&] { admin.unLock(); });
             EXPECT_EQ(takeEvents(), event);
-            EXPECT_EQ(tvc::test::readFile(kCommandLog), "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [admin]\n");
+            EXPECT_EQ(readFile(kCommandLog), "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [admin]\n");
         }
-        tvc::test::as("viewer", [&] { EXPECT_EQ(change("Admin#2026"), "ok"); });
-        EXPECT_NE(tvc::test::readFile("/etc/shadow"), shadow);
+        as("viewer", [&] { EXPECT_EQ(change("Admin#2026"), "ok"); });
+        EXPECT_NE(readFile("/etc/shadow"), shadow);
         // The right password reset the count, as a login does.
         const std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("admin", "", authnz::WebPam::WebLogin));
-        EXPECT_EQ(outcome([&] { pam->pamAuthentication("Fresh#Pass2026x"); }), "ok");
+        EXPECT_EQ(code([&] { pam->pamAuthentication("Fresh#Pass2026x"); }), "ok");
     }
 }
 
@@ -177,18 +175,17 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
 TEST_F(RightsTest, NoPathDisablesTheMainAccount) {
     const bool skip = true;
     const auto store = [&](const char* name, std::string h) {
-        return outcome(
-            [&] { User(name).updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &h, nullptr, &skip); });
+        return code([&] { User(name).updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &h, nullptr, &skip); });
     };
     std::string before = files();
     EXPECT_EQ(store("admin", "!!$6$tvc$x") + " " + store("admin", "!$6$tvc$x") + " " + store("admin", "*"), "4 4 4");
     EXPECT_TRUE(files() == before);
     EXPECT_EQ(store("guest", "!!$6$tvc$x"), "ok");
     // Without a main account, the next account created takes its uid: it is born enabled.
-    tvc::test::removeEntry("/etc/passwd", "admin");
-    tvc::test::removeEntry("/etc/shadow", "admin");
+    removeEntry("/etc/passwd", "admin");
+    removeEntry("/etc/shadow", "admin");
     before = files();
-    EXPECT_EQ(outcome([&] { User::createUser("chief", "Chief#Pass2026", 1, false, false, &skip); }), "4");
+    EXPECT_EQ(code([&] { User::createUser("chief", "Chief#Pass2026", 1, false, false, &skip); }), "4");
     EXPECT_TRUE(files() == before);
 }
 
