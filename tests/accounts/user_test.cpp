@@ -17,6 +17,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/Utilities.h>
 
+#include "files/FilesTestSupport.h"
 #include "foundation/Descriptor.h"
 #include "support/AccountSupport.h"
 
@@ -225,17 +226,12 @@ TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
         for (const auto& operation : operations) {
             SCOPED_TRACE(t.body);
             setCount(3);
-            const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
-            try {
-                operation();
-                ADD_FAILURE() << "no error";
-            } catch (tarvicexception::TvcException& e) {
-                EXPECT_EQ(e.getErrorId(), UMSystemError::TallyReset);
-                EXPECT_EQ(std::string(e.getErrorDescription()), t.reason);
-            }
+            const Snapshot before({"/etc/passwd", "/etc/shadow"}, {});
+            EXPECT_EQ(expectFailure(operation, typeid(UMSystemErrorException), UMSystemError::TallyReset,
+                                    "unLock error, the failed-login count was not reset"),
+                      t.reason);
             EXPECT_EQ(getLockCount(10004, "/var/log/tallylog"), 3);
-            EXPECT_EQ(readFile("/etc/passwd"), passwd);
-            EXPECT_EQ(readFile("/etc/shadow"), shadow);
+            before.expectUnchanged();
             EXPECT_EQ(takeEvents(), "");
         }
     }
