@@ -206,10 +206,9 @@ TEST_F(AccountFaults, AReloadThatCannotStartLeavesTheInstalledChangeAudited) {
     EXPECT_EQ(fields(lineOf("/etc/passwd", "watcher")).at(3), "10001");
 }
 
-// The migration meets a failing install of the group file (1st rename), the group shadow file
-// (2nd), the password file (3rd) or the shadow file (4th): each pair stays as it was together,
-// no temporary or kept file, the lock free; the group files, installed first, are the new
-// version's after them.
+// A failing install of group, gshadow, passwd or shadow (1st to 4th rename) in the migration:
+// each pair stays as it was together, no temporary or kept file, the lock free; the group
+// files, installed first, are the new version's after a failure of the others.
 TEST_F(AccountFaults, AFailingInstallLeavesEachPairOfTheMigrationAsItWas) {
     const char* const installs[] = {"/etc/tmpgroup to /etc/group", "/etc/tmpgshadow to /etc/gshadow",
                                     "/etc/tmppassd to /etc/passwd", "/etc/tmpshadow to /etc/shadow"};

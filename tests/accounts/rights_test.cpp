@@ -29,10 +29,9 @@ const struct Caller {
                 {"viewer", false, true},    {"tech", false, true},        {"guest", false, true},
                 {"www-data", false, false}, {"svc-backup", false, false}, {"plainuser", false, true}};
 
-// The targets, by the account their object is looked up as ("" for the caller itself).  The
-// stale object is viewer's, kept while a manager renamed viewer to viewer-old and tech to
-// viewer; the renamed one is tech's with setUserName("plainuser") called on it; the demoted one
-// is tech's, kept while a manager moved tech to viewers.
+// The targets, by the account their object is looked up as.  Stale: viewer's, kept while a
+// manager renamed viewer to viewer-old and tech to viewer; renamed: tech's after
+// setUserName("plainuser"); demoted: tech's, kept while a manager moved tech to viewers.
 enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, Demoted, kTargets };
 const char* const kTargetNames[] = {"self", "other", "admin", "root", "www-data", "svc-web", "viewer", "tech", "tech"};
 

@@ -1,10 +1,8 @@
-// The plain-line reader and writer of a rewrite (files/EntryLines.h) against the C library,
-// which stays the judge: every line the plain reader accepts must read into the same fields
-// through fgetpwent_r/fgetspent_r, and every entry the plain writer writes must come out byte for
-// byte as putpwent/putspent write it.  Lines and entries are built from pieces that readers and
-// writers treat specially (numbers at their limits, signs, blanks, separators, control
-// characters, NIS names), and a fixed-seed generator combines them.  A rewrite of a file mixing
-// plain lines and others must give what the C library's own reader and writer give.
+// The plain-line reader and writer of a rewrite (files/EntryLines.h) judged by the C library:
+// a line the plain reader takes reads into the same fields through fgetpwent_r/fgetspent_r, an
+// entry the plain writer writes is byte for byte what putpwent/putspent write, and so is a
+// rewrite of a file mixing plain lines and others.  A fixed-seed generator combines pieces that
+// readers and writers treat specially (limits, signs, blanks, separators, controls, NIS names).
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>

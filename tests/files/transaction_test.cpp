@@ -93,10 +93,10 @@ TEST_F(Transaction, TheLiveFileReadsAndSeeksAsARegularStream) {
     EXPECT_EQ(next(), text.substr(0, starts[1]));
 }
 
-// Two files installed as the account layer does: passwd first, put back when shadow fails, and
-// both put back when a step that needs them installed fails.  A
-// rename (as root) keeps the live file's owner and mode; the update command gets a temporary file
-// that is 0600 whatever the mask.  A temporary name that leads to a file to keep is refused.
+// Two files installed as the account layer does: passwd first, put back when shadow fails, both
+// put back when a step that needs them installed fails.  A rename (as root) keeps the live file's
+// owner and mode; the update command gets a 0600 temporary file whatever the mask.  A temporary
+// name that leads to a file to keep is refused.
 TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
     definition.count = 6;
     ASSERT_EQ(run("mkdir -p /etc/data && cp -p /etc/passwd /etc/data/ && ln -sfn /etc/data/passwd /etc/linked && "
@@ -185,8 +185,7 @@ TEST_F(Transaction, TwoFilesAreInstalledOrLeftAsTheyWere) {
             unlink("/etc/tmppassd.old.unrestored");
         }
         expected.expectUnchanged();
-        struct stat shadowAfter {};
-        struct stat link {};
+        struct stat shadowAfter {}, link{};
         EXPECT_TRUE(stat(kShadow, &shadowAfter) == 0 && shadowAfter.st_uid == shadowBefore.st_uid &&
                     shadowAfter.st_gid == shadowBefore.st_gid && shadowAfter.st_mode == shadowBefore.st_mode);
         EXPECT_TRUE(lstat("/etc/linked", &link) == 0 && S_ISLNK(link.st_mode)) << "the link was replaced";

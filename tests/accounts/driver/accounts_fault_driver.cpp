@@ -2,14 +2,13 @@
 // becomes root only inside the operation), to inject failures into.
 //     accounts_fault_driver [--fail POINT N] create NAME | update NAME NEW | reset NAME | remove NAME
 //     accounts_fault_driver [--fail|--kill POINT N] migrate
-// --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
-// POSIX preload library must be loaded); --kill: the process is killed (SIGKILL) at that call
-// instead.  Prints "ok" or "error <id> <message>", the thread's ids before and after the
-// operation, then "lock free" when the process, root again, can take the password-file lock
-// through lckpwdf and through the library.  The migration runs as the process's own root (no
-// ids printed) and an "ok" is followed by each managed account's profile and state.  With
-// TVC_DRIVER_EVENTS set, the account events the operation logged follow, one "event <text>"
-// line each.
+// --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (with
+// fiu's POSIX preload library loaded); --kill: the process is killed (SIGKILL) there instead.
+// Prints "ok" or "error <id> <message>", the thread's ids before and after the operation (not
+// for the migration, run as the process's own root; its "ok" is followed by each managed
+// account's profile and state), then "lock free" when the process, root again, can take the
+// password-file lock through lckpwdf and the library.  With TVC_DRIVER_EVENTS set, the logged
+// account events follow, one "event <text>" line each.
 #include <shadow.h>
 #include <unistd.h>
 
