@@ -13,6 +13,7 @@
 #include <authnz/WebPam.h>
 #include <usermanagement/Utilities.h>
 
+#include "files/FilesTestSupport.h"
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
@@ -290,8 +291,8 @@ const std::string kTwinUid = "twin:x:10002:10002::/:/bin/sh\n", kTwinName = "vie
 const std::string kTwinShadow = "viewer:$6$x:20454:0:99999:7:::\n";
 
 // Refused before anything is written, files, events and commands left as they were: an account
-// stored twice or half, what the rules and the files cannot take (with the entry functions' own
-// errors), and the operations' own checks in their order.
+// stored twice or half, an entry behind a line too long to read, what the rules and the files
+// cannot take (with the entry functions' own errors), and the operations' own checks in order.
 TEST_F(ChecksTest, RefusedRequestsLeaveTheFilesAlone) {
     const bool no = false, skip = true;
     const std::string name = "renamed", fresh = "Fresh#Pass2026", longHash = "$6$" + std::string(510, 'h');
@@ -310,12 +311,13 @@ TEST_F(ChecksTest, RefusedRequestsLeaveTheFilesAlone) {
     };
     const std::string twice = "43 viewer :The account (uid 10002) is stored more than once: ";
     const std::string half = "44 viewer :The account (uid 10002) is in ";
-    const std::string nulByte = "1 cryptPwd error, the password holds a NUL byte |";
+    const std::string nulByte = "1 cryptPwd error, the password holds a NUL byte |", huge(17u << 20, 'h');
     const struct {
         const char* file;  // where `line` goes, or the file whose viewer entry goes when `line` is empty
         std::string line;
         Change change;
         std::string expected;  // the start of the refusal
+        bool inFront = false;  // `line` goes in front of the file's lines
     } cases[] = {
         {"/etc/passwd", kTwinUid, rename, twice + "2 entries of its uid and 1 of its name"},
         {"/etc/passwd", kTwinUid, remove, twice},
@@ -333,6 +335,12 @@ TEST_F(ChecksTest, RefusedRequestsLeaveTheFilesAlone) {
         {"/etc/shadow", "\n",  // a blank line changes nothing
          [&](User& u) { u.updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &longHash, nullptr, nullptr); },
          "1 updateEntryInShadowFile error, the stored password is longer than 512 bytes"},
+        // Longer than the largest lookup buffer: the lookup failed (12), viewer is not "not found"
+        // (5), its password not empty.
+        {"/etc/passwd", "huge:x:3000:100:" + huge + ":/:/bin/sh\n", [](User&) { User("viewer"); }, "12 ", true},
+        {"/etc/shadow", "huge:" + huge + ":20454::::::\n", [](User&) { User("viewer").updateState(); }, "12 ", true},
+        {"/etc/shadow", "huge:" + huge + ":20454::::::\n", [](User&) { User("viewer").getEncryptedPassword(); }, "12 ",
+         true},
         // On the sample device as it is.  The names' reasons: the next test.
         {nullptr, "", create("a:b", "Good#Pass2026"), "7 addEntryInPasswordFile error, bad user name |"},
         {nullptr, "", create("fine", nul), nulByte},
@@ -352,13 +360,13 @@ TEST_F(ChecksTest, RefusedRequestsLeaveTheFilesAlone) {
         {nullptr, "", create("viewer", "Good#Pass2026"), "0 viewer :user already exists |"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
+        SCOPED_TRACE(c.expected + " / " + c.line.substr(0, 30));
         restoreSampleDevice();
         User viewer("viewer");
-        if (c.file != nullptr) c.line.empty() ? removeEntry(c.file, "viewer") : addLines(c.file, c.line);
-        const std::string files = readFile("/etc/passwd") + readFile("/etc/shadow");
+        if (c.file != nullptr) c.line.empty() ? removeEntry(c.file, "viewer") : addLines(c.file, c.line, c.inFront);
+        const Snapshot before;
         EXPECT_EQ(refusal([&] { c.change(viewer); }).substr(0, c.expected.size()), c.expected);
-        EXPECT_EQ(readFile("/etc/passwd") + readFile("/etc/shadow"), files);
+        before.expectUnchanged();
         EXPECT_EQ(takeEvents(), "");
         EXPECT_EQ(takeCommands(), "");
     }
@@ -396,16 +404,14 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
         SCOPED_TRACE(c.name);
         restoreSampleDevice();
         User viewer("viewer");
-        const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
+        const Snapshot before;
         const std::string tail = c.reason == nullptr ? "" : std::string(" error, bad user name | ") + c.reason;
         const std::string created = refusal(
             [&] { User::createUserWithEncryptedPassword(c.name, "$6$s$h", 2, true, false, &skip).removeUser(); });
         EXPECT_EQ(created, c.reason == nullptr ? "ok" : "7 addEntryInPasswordFile" + tail);
         EXPECT_EQ(refusal([&] { viewer.updateUser(&c.name, nullptr, nullptr, nullptr, nullptr, nullptr); }),
                   c.reason == nullptr ? "ok" : "7 updateEntryInPasswordFile" + tail);
-        if (c.reason != nullptr) {
-            EXPECT_EQ(readFile("/etc/passwd") + readFile("/etc/shadow"), passwd + shadow);
-        }
+        if (c.reason != nullptr) before.expectUnchanged();
     }
     // A name another tool stored does not reach the tally command.
     addLines("/etc/passwd", "a b:x:10008:10002::/:/bin/sh\n");
@@ -413,26 +419,6 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
     takeCommands();
     EXPECT_EQ(refusal([] { User("a b").unLock(); }), "7 unLock error, bad user name | holds whitespace");
     EXPECT_EQ(takeCommands(), "");
-}
-
-// A line longer than the largest lookup buffer before the entry: the lookup failed (12), the
-// account is not "not found" (5) and its password not empty.
-TEST_F(ChecksTest, ALineTooLongToReadFailsTheLookupsBehindIt) {
-    const std::string huge = std::string(17u << 20, 'h');
-    const struct {
-        const char* file;
-        std::string line;
-        std::function<void()> lookup;
-    } cases[] = {
-        {"/etc/passwd", "huge:x:3000:100:" + huge + ":/:/bin/sh\n", [] { User("viewer"); }},
-        {"/etc/shadow", "huge:" + huge + ":20454::::::\n", [] { User("viewer").updateState(); }},
-        {"/etc/shadow", "huge:" + huge + ":20454::::::\n", [] { User("viewer").getEncryptedPassword(); }},
-    };
-    for (const auto& c : cases) {
-        restoreSampleDevice();
-        addLines(c.file, c.line, true);
-        EXPECT_EQ(outcomeCode(c.lookup), "12") << c.file;
-    }
 }
 
 }  // namespace
