@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <tuple>
 
 #include <authnz/AuthNZException.h>
 #include <usermanagement/ErrorCodes.h>
@@ -51,6 +52,18 @@ std::string decision(UserDefinition::Action action, User* target) {
     }
 }
 
+// The record of `uid` in the tally file `path` as pam_tally2 lays it out: the failure count at
+// byte 54, the time of the last failure behind it, `fill` in the other bytes.
+void writeTally(const std::string& path, std::uint64_t uid, std::uint16_t count, std::uint64_t lastFailure = 0,
+                unsigned char fill = 0) {
+    const detail::Descriptor tally(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    unsigned char record[64];
+    std::memset(record, fill, sizeof record);
+    std::memcpy(record + 54, &count, sizeof count);
+    std::memcpy(record + 56, &lastFailure, sizeof lastFailure);
+    ASSERT_EQ(pwrite(tally.get(), record, sizeof record, static_cast<off_t>(uid * 64)), 64);
+}
+
 std::string flags(const User& user) {
     return std::string(user.isActive() ? "A" : "-") + (user.isPasswordExpired() ? "P" : "-") +
            (user.isLocked() ? "L" : "-") + (user.isAccountExpired() ? "E" : "-");
@@ -62,9 +75,7 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     const auto store = [](const std::string& shadowFields, int tallyCount) {
         removeEntry("/etc/shadow", "viewer");
         if (!shadowFields.empty()) addLines("/etc/shadow", "viewer:" + shadowFields + "\n");
-        std::string record(10002 * 64 + 64, '\0');  // viewer's record in the tally file
-        record[10002 * 64 + 54] = static_cast<char>(tallyCount);
-        writeFile("/etc/tvc-tallylog", record);
+        writeTally("/etc/tvc-tallylog", 10002, tallyCount);
     };
     const struct {
         std::string fields;  // the shadow entry of viewer after the name
@@ -154,24 +165,16 @@ TEST_F(AccountTest, ConcurrentRightsChecksJudgeEachThreadsOwnIdentity) {
 
 TEST_F(Tally, CountIsReadFromTheRecordOfTheUidInARegularFileOnly) {
     const std::string file = "/etc/tvc-tallylog", fifo = "/etc/tvc-tally.fifo";
-    const detail::Descriptor tally(open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    unlink(file.c_str());
     unlink(fifo.c_str());
-    ASSERT_TRUE(tally && mkfifo(fifo.c_str(), 0600) == 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     // Records at their place by uid, the rest a hole as pam_tally2 leaves it.  The neighbouring
     // fields are filled, so that a read at the wrong offset shows.
     for (const auto& [uid, count] :
-         {std::pair<std::uint64_t, std::uint16_t>{0, 7}, {10001, 3}, {10002, 65535}, {67108864u, 9}, {67108865u, 5}}) {
-        unsigned char record[64];
-        std::memset(record, 0xA5, sizeof record);
-        std::memcpy(record + 54, &count, sizeof count);
-        ASSERT_EQ(pwrite(tally.get(), record, sizeof record, static_cast<off_t>(uid * 64)), 64);
-    }
-    ASSERT_EQ(ftruncate(tally.get(), 67108865ll * 64 + 60), 0);  // the last count is there, its record is not whole
-    const struct {
-        std::string path;
-        unsigned int uid;
-        int count;
-    } cases[] = {
+         {std::pair<std::uint64_t, std::uint16_t>{0, 7}, {10001, 3}, {10002, 65535}, {67108864u, 9}, {67108865u, 5}})
+        writeTally(file, uid, count, 0xA5A5A5A5A5A5A5A5u, 0xA5);
+    ASSERT_EQ(truncate(file.c_str(), 67108865ll * 64 + 60), 0);  // the last count is there, its record is not whole
+    const std::tuple<std::string, unsigned int, int> cases[] = {
         // uid 67108864 is at byte 2^32: a 32-bit offset would wrap to uid 0's record.
         {file, 0, 7},
         {file, 10001, 3},
@@ -183,18 +186,9 @@ TEST_F(Tally, CountIsReadFromTheRecordOfTheUidInARegularFileOnly) {
         {"/nonexistent/tallylog", 0, 0},
         {"/dev/urandom", 0, 0},  // a device that does hand out 64 bytes
     };
-    for (const auto& c : cases) EXPECT_EQ(getLockCount(c.uid, c.path), c.count) << c.path << " " << c.uid;
+    for (const auto& [path, uid, count] : cases) EXPECT_EQ(getLockCount(uid, path), count) << path << " " << uid;
     // Without a writer, a blocking open would never return: in a fresh process, SIGALRM ends it.
     EXPECT_EXIT((alarm(3), _exit(getLockCount(0, fifo))), testing::ExitedWithCode(0), "");
-}
-
-// guest's record with `count` failed logins, as the sample's tally module writes it.
-void setCount(std::uint16_t count, std::uint64_t lastFailure = 0) {
-    const detail::Descriptor tally(open("/var/log/tallylog", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    unsigned char record[64] = {};
-    std::memcpy(record + 54, &count, sizeof count);
-    std::memcpy(record + 56, &lastFailure, sizeof lastFailure);
-    ASSERT_EQ(pwrite(tally.get(), record, sizeof record, 10004 * 64), 64);
 }
 
 // A tally tool that fails, or succeeds without resetting the count, fails the operation that
@@ -225,7 +219,7 @@ TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
         ASSERT_EQ(chmod(tool.c_str(), 0755), 0);
         for (const auto& operation : operations) {
             SCOPED_TRACE(t.body);
-            setCount(3);
+            writeTally("/var/log/tallylog", 10004, 3);
             const Snapshot before({"/etc/passwd", "/etc/shadow"}, {});
             EXPECT_EQ(expectFailure(operation, typeid(UMSystemErrorException), UMSystemError::TallyReset,
                                     "unLock error, the failed-login count was not reset"),
@@ -237,7 +231,7 @@ TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
     }
     // A failure counted after the reset started is a new one, not a reset that failed: a login
     // tried meanwhile must not make a manager's operation fail.
-    setCount(3, static_cast<std::uint64_t>(time(nullptr)) + 1);
+    writeTally("/var/log/tallylog", 10004, 3, static_cast<std::uint64_t>(time(nullptr)) + 1);
     EXPECT_EQ(outcome([&] { guest.unLock(); }), "ok");
 }
 
