@@ -375,10 +375,7 @@ TEST_F(ChecksTest, RefusedRequestsLeaveTheFilesAlone) {
 // Every rejected name, for create and rename, with the reason in the description; a few accepted ones.
 TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
     const bool skip = true;
-    const struct {
-        std::string name;
-        const char* reason;  // null: accepted
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {  // a name, the reason for its refusal or null
         {".", "is '.' or '..'"},
         {"..", "is '.' or '..'"},
         {"10001", "all digits, like a uid"},
@@ -400,18 +397,18 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
         {"a_b-1", nullptr},
         {"1a", nullptr},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, reason] : cases) {
+        SCOPED_TRACE(name);
         restoreSampleDevice();
         User viewer("viewer");
         const Snapshot before;
-        const std::string tail = c.reason == nullptr ? "" : std::string(" error, bad user name | ") + c.reason;
+        const std::string tail = reason == nullptr ? "" : std::string(" error, bad user name | ") + reason;
         const std::string created = refusal(
-            [&] { User::createUserWithEncryptedPassword(c.name, "$6$s$h", 2, true, false, &skip).removeUser(); });
-        EXPECT_EQ(created, c.reason == nullptr ? "ok" : "7 addEntryInPasswordFile" + tail);
-        EXPECT_EQ(refusal([&] { viewer.updateUser(&c.name, nullptr, nullptr, nullptr, nullptr, nullptr); }),
-                  c.reason == nullptr ? "ok" : "7 updateEntryInPasswordFile" + tail);
-        if (c.reason != nullptr) before.expectUnchanged();
+            [&] { User::createUserWithEncryptedPassword(name, "$6$s$h", 2, true, false, &skip).removeUser(); });
+        EXPECT_EQ(created, reason == nullptr ? "ok" : "7 addEntryInPasswordFile" + tail);
+        EXPECT_EQ(refusal([&] { viewer.updateUser(&name, nullptr, nullptr, nullptr, nullptr, nullptr); }),
+                  reason == nullptr ? "ok" : "7 updateEntryInPasswordFile" + tail);
+        if (reason != nullptr) before.expectUnchanged();
     }
     // A name another tool stored does not reach the tally command.
     addLines("/etc/passwd", "a b:x:10008:10002::/:/bin/sh\n");
