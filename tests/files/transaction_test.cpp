@@ -254,22 +254,19 @@ TEST_F(Reliability, InjectedSystemCallFailuresLeaveEverythingAsItWas) {
     writeFile("/etc/victim", "precious\n");
     const Snapshot snapshot({"/etc/passwd", "/etc/shadow", "/etc/group", "/etc/victim"});
     // A link to /etc/victim waits at the temporary path: where it stays, no file is created through it.
-    const struct {
-        const char* point;
-        const char* expected;  // start of the output
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {  // the failure point, the start of the output
         {"posix/io/sync/fsync", "error 13 fflush or fsync error of:/etc/tmppassd\n"},
         {"posix/io/dir/rename", "error 13 rename error of:/etc/tmppassd to /etc/passwd "},
         {"posix/io/dir/unlink", "error 13 fopen /etc/tmppassd prepareSystemFiles\n"},
         // The live file cannot be read (EIO): the entry function that reads it says so.
         {"posix/io/rw/read,failinfo=5", "error 10 addEntryInPasswordFile error in reading /etc/passwd\n"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.point);
+    for (const auto& [point, expected] : cases) {
+        SCOPED_TRACE(point);
         ASSERT_EQ(symlink("/etc/victim", "/etc/tmppassd"), 0);
-        const Result result = runWithFault(std::string("enable name=") + c.point, "add injected");
+        const Result result = runWithFault(std::string("enable name=") + point, "add injected");
         EXPECT_EQ(result.status, 1) << result.output;
-        EXPECT_EQ(result.output.rfind(c.expected, 0), 0u) << result.output;
+        EXPECT_EQ(result.output.rfind(expected, 0), 0u) << result.output;
         // The creation mask is never touched: other threads of a host create files meanwhile.
         EXPECT_NE(result.output.find("umask 022\n"), std::string::npos) << result.output;
         unlink("/etc/tmppassd");
