@@ -47,12 +47,10 @@ typedef AccessTest LookupTest, ValueTest, CatalogueTest;
 std::string failure(int code, const std::string& what, const std::string& user) {
     return std::to_string(code) + ": " + what + " (" + user + ")";
 }
-std::string made(const std::function<std::string()>& make) {
-    try {
-        return make();
-    } catch (const UMException& e) {
-        return failure(e.getErrorId(), e.what(), e.getUser());
-    }
+std::string made(const std::function<std::string()>& make) try {
+    return make();
+} catch (const UMException& e) {
+    return failure(e.getErrorId(), e.what(), e.getUser());
 }
 // The failure of a group, role or profile whose group the group file lacks.
 std::string missing(const std::string& group, const std::string& user = "") {

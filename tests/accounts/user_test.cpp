@@ -45,13 +45,11 @@ using TallyResetTest = AccountsTest;
 using utilities::getLockCount;
 
 // "allowed", or the refusal as "code user".
-std::string decision(UserDefinition::Action action, User* target) {
-    try {
-        UserDefinition::GetUserDefinition().checkRight(action, target);
-        return "allowed";
-    } catch (const authnz::AuthorizationException& e) {
-        return std::to_string(e.getErrorId()) + " " + e.getUser();
-    }
+std::string decision(UserDefinition::Action action, User* target) try {
+    UserDefinition::GetUserDefinition().checkRight(action, target);
+    return "allowed";
+} catch (const authnz::AuthorizationException& e) {
+    return std::to_string(e.getErrorId()) + " " + e.getUser();
 }
 
 // The record of `uid` in the tally file `path` as pam_tally2 lays it out: the failure count at

@@ -44,11 +44,7 @@ inline bool exists(const std::string& path) {
 }
 
 // True when this process can take the password-file lock at once (it releases it again).
-inline bool lockIsFree() {
-    if (lckpwdf() != 0) return false;
-    ulckpwdf();
-    return true;
-}
+inline bool lockIsFree() { return lckpwdf() == 0 && ulckpwdf() == 0; }
 
 // What a failed transaction must leave: live files byte for byte as before, no temporary, the lock free.
 struct Snapshot {
