@@ -21,9 +21,7 @@ using namespace tvc::test;
 
 namespace {
 
-using LifeCycleTest = AccountsTest;
-using MembersTest = AccountsTest;
-using ChecksTest = AccountsTest;
+typedef AccountsTest LifeCycleTest, MembersTest, ChecksTest;
 
 bool hashIs(const std::string& name, const std::string& password) {
     std::string hash = fields(lineOf("/etc/shadow", name)).at(1);

@@ -41,7 +41,7 @@ public:
 
 using AccountTest = DeviceTest<Definition>;
 using Tally = SandboxTest;  // the scratch files live in the sandbox's throw-away /etc
-using TallyResetTest = AccountsTest;
+typedef AccountsTest TallyResetTest, RightsTest;
 using utilities::getLockCount;
 
 // "allowed", or the refusal as "code user".
@@ -236,7 +236,6 @@ TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
 }
 
 constexpr auto code = outcomeCode;
-using RightsTest = AccountsTest;
 
 std::string files() {
     return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group") + readFile(kCommandLog);

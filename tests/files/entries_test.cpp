@@ -68,9 +68,7 @@ std::function<void()> updateShadow(std::string name, std::optional<std::string> 
     };
 }
 
-using PasswdEntries = FilesTest;
-using ShadowEntries = FilesTest;
-using Refusals = FilesTest;
+typedef FilesTest PasswdEntries, ShadowEntries, Refusals, PlainLines;
 
 TEST_F(PasswdEntries, GenerateUidTakesTheFirstFreeIdOfTheRange) {
     EXPECT_EQ(generateUID(2001, 5), 2004u);  // 2001-2003 are service accounts
@@ -390,8 +388,6 @@ bool checkPasswdLine(const std::string& line) {
 bool checkShadowLine(const std::string& line) {
     return checkLine<struct spwd>(line, detail::parsePlainShadow, fgetspent_r, shadowFields);
 }
-
-using PlainLines = FilesTest;
 
 TEST_F(PlainLines, ReadAsTheCLibraryReadsThem) {
     // The sample device's own lines are all plain.

@@ -25,8 +25,7 @@ constexpr const char* kShadow = "/etc/shadow";
 constexpr const char* kTmp = "/etc/tmpshadow";
 const std::type_info& kSystem = typeid(UMSystemErrorException);
 
-using Transaction = FilesTest;
-using Reliability = FilesTest;
+typedef FilesTest Transaction, Reliability;
 
 TEST_F(Transaction, LockIsTakenOnceAndOnlyItsHolderReleasesIt) {
     {
