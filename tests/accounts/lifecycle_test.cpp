@@ -395,7 +395,9 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
         {"a_b-1", nullptr},
         {"1a", nullptr},
     };
-    for (const auto& [name, reason] : cases) {
+    for (const auto& c : cases) {
+        const std::string& name = c.first;  // a structured binding cannot be captured in C++17
+        const char* const reason = c.second;
         SCOPED_TRACE(name);
         restoreSampleDevice();
         User viewer("viewer");
