@@ -1,14 +1,9 @@
 // The access model on the sample device: lookups, groups, roles and profiles as values, and the
 // profile catalogue, each answer rendered as text and checked against a table.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include <systemutilities/LinuxUserSystem.h>
 #include <umlog/Ctx.h>
@@ -52,61 +47,58 @@ typedef AccessTest LookupTest, ValueTest, CatalogueTest;
 std::string failure(int code, const std::string& what, const std::string& user) {
     return std::to_string(code) + ": " + what + " (" + user + ")";
 }
-std::string made(const std::function<std::string()>& make) {
-    try {
-        return make();
-    } catch (const UMException& e) {
-        return failure(e.getErrorId(), e.what(), e.getUser());
-    }
+std::string made(const std::function<std::string()>& make) try {
+    return make();
+} catch (const UMException& e) {
+    return failure(e.getErrorId(), e.what(), e.getUser());
+}
+// The failure of a group, role or profile whose group the group file lacks.
+std::string missing(const std::string& group, const std::string& user = "") {
+    return failure(UMError::RoleError, group + " (group): POSIX Group not found", user);
 }
 
-// ---- Lookups.  Outputs start as kKept: an answer of false must leave them.
-constexpr unsigned int kKept = 7;
-const std::string kFalse = "false";
-
-const std::string kFailed = "12";
-
-std::string falseAnswer(bool untouched) { return untouched ? kFalse : "false, with an output written"; }
-// The answer of `lookup`, or kFailed when the database could not answer.
-std::string answerOf(const std::function<std::string()>& lookup) try {
-    return lookup();
+// ---- Lookups.  Outputs start as 7 or "kept": an answer of false must leave them.
+const std::string kFalse = "false", kFailed = "12";
+// The outputs when `lookup` found its entry; kFalse when not, the outputs still `kept`; the
+// code (kFailed) when the database could not answer.
+std::string answer(const std::function<bool()>& lookup, const std::function<std::string()>& outputs,
+                   const char* kept) try {
+    if (lookup()) return outputs();
+    return outputs() == kept ? kFalse : "false, with an output written";
 } catch (const UMSystemErrorException& e) {
     return std::to_string(e.getErrorId());
 }
 
 std::string ids(const char* account) {
-    unsigned int uid = kKept, gid = kKept;
-    return answerOf([&] {
-        const bool found = LinuxUserSystem::getUserIds(account, &uid, &gid);
-        return found ? std::to_string(uid) + "/" + std::to_string(gid) : falseAnswer(uid == kKept && gid == kKept);
-    });
+    unsigned int uid = 7, gid = 7;
+    return answer([&] { return LinuxUserSystem::getUserIds(account, &uid, &gid); },
+                  [&] { return std::to_string(uid) + "/" + std::to_string(gid); }, "7/7");
 }
 std::string userName(unsigned int uid) {
     std::string name = "kept";
-    unsigned int gid = kKept;
-    return answerOf([&] {
-        const bool found = LinuxUserSystem::getUserName(uid, name, gid);
-        return found ? name + "/" + std::to_string(gid) : falseAnswer(name == "kept" && gid == kKept);
-    });
+    unsigned int gid = 7;
+    return answer([&] { return LinuxUserSystem::getUserName(uid, name, gid); },
+                  [&] { return name + "/" + std::to_string(gid); }, "kept/7");
 }
 std::string groupGid(const char* group) {
-    unsigned int gid = kKept;
-    return answerOf(
-        [&] { return LinuxUserSystem::getGroupGid(group, gid) ? std::to_string(gid) : falseAnswer(gid == kKept); });
+    unsigned int gid = 7;
+    return answer([&] { return LinuxUserSystem::getGroupGid(group, gid); }, [&] { return std::to_string(gid); }, "7");
 }
 std::string groupName(unsigned int gid) {
     std::string name = "kept";
-    return answerOf([&] { return LinuxUserSystem::getGroupName(gid, name) ? name : falseAnswer(name == "kept"); });
+    return answer([&] { return LinuxUserSystem::getGroupName(gid, name); }, [&] { return name; }, "kept");
 }
 // The names of a list that held "root" before getGroups appended to it.
 template <class Account>
 std::string groups(Account account) {
     static const UmGroup root(0u);  // made once: no lookup answers beyond the cap
     std::vector<UmGroup> list{root};
-    if (!LinuxUserSystem::getGroups(account, list)) return falseAnswer(list.size() == 1);
-    std::string names;
-    for (const UmGroup& group : list) names += (names.empty() ? "" : " ") + group.m_name;
-    return names;
+    const auto names = [&] {
+        std::string text;
+        for (const UmGroup& group : list) text += (text.empty() ? "" : " ") + group.m_name;
+        return text;
+    };
+    return answer([&] { return LinuxUserSystem::getGroups(account, list); }, names, "root");
 }
 
 // An account's profile gid is its primary group when in 10000-19999, else the first profile group
@@ -189,22 +181,20 @@ UmProfile operators() {
 // be made by a name the group file lacks; a gid without a group still fails, having no name.
 TEST_F(ValueTest, ConstructionResolvesTheGroupAndExceptionModeSparesOnlyNames) {
     umlog::Ctx::getCtx().setUsername("operator");
-    const auto missing = [](const char* what) {
-        return failure(UMError::RoleError, what + std::string(" (group): POSIX Group not found"), "operator");
-    };
+    const auto lost = [](const char* group) { return missing(group, "operator"); };
     const auto noName = [] { return UmGroup(4294967295u).m_name; };
     EXPECT_EQ((Names{key(UmRole("role-user-manager", -1)), key(UmRole("role-log-read", -2)),
                      made([] { return UmGroup("nosuch").m_name; }), made([] { return key(UmProfile("nosuch", 3)); }),
                      made(noName)}),
-              (Names{"role-user-manager/1/4101", "role-log-read/-2/4104", missing("nosuch"), missing("nosuch"),
-                     missing("4294967295")}));
+              (Names{"role-user-manager/1/4101", "role-log-read/-2/4104", lost("nosuch"), lost("nosuch"),
+                     lost("4294967295")}));
     UmProfile::enableException();
     const std::string unresolved = std::to_string(UmGroup::kUnresolvedGid);
     EXPECT_EQ((Names{std::to_string(UmGroup(static_cast<const char*>(nullptr)).m_gid), key(UmRole("nosuch", -1)),
                      key(UmProfile("nosuch", 9)), made(noName)}),
-              (Names{unresolved, "nosuch/-4101/" + unresolved, "nosuch/9/" + unresolved, missing("4294967295")}));
+              (Names{unresolved, "nosuch/-4101/" + unresolved, "nosuch/9/" + unresolved, lost("4294967295")}));
     UmProfile::disableException();
-    EXPECT_EQ(made([] { return UmRole("nosuch", 5).m_name; }), missing("nosuch"));
+    EXPECT_EQ(made([] { return UmRole("nosuch", 5).m_name; }), lost("nosuch"));
 }
 
 // Adding a role copies its grants only, and a role may add itself.  updateList rebuilds the map,
@@ -260,12 +250,10 @@ TEST_F(CatalogueTest, BuiltInCatalogueAddProfileAndNogroup) {
                      "role-log-read/4/4104", noRole}));
 
     removeEntry("/etc/group", "nogroup");
-    const std::string noNogroup = failure(UMError::RoleError, "nogroup (group): POSIX Group not found", "");
-    EXPECT_EQ(made([&] { return profile(1); }), noNogroup);
-    EXPECT_EQ(made([&] { return role(4); }), noNogroup);
+    EXPECT_EQ(made([&] { return profile(1); }), missing("nogroup"));
+    EXPECT_EQ(made([&] { return role(4); }), missing("nogroup"));
     removeEntry("/etc/group", "www-data");
-    EXPECT_EQ(made([] { return catalogue().buildProfiles(), ""; }),
-              failure(UMError::RoleError, "www-data (group): POSIX Group not found", ""));
+    EXPECT_EQ(made([] { return catalogue().buildProfiles(), ""; }), missing("www-data"));
     EXPECT_TRUE(ProfileDefinition::g_profiles.empty());
 }
 
@@ -311,8 +299,7 @@ TEST_F(CatalogueTest, SampleCatalogueGrantsWhatTheGroupFileHoldsAndIsRebuiltOnly
     EXPECT_EQ(sample.builds, 1);
 
     removeEntry("/etc/group", "net-admin");
-    EXPECT_EQ(made([] { return std::to_string(catalogue().getProfiles(true).size()); }),
-              failure(UMError::RoleError, "net-admin (group): POSIX Group not found", ""));
+    EXPECT_EQ(made([] { return std::to_string(catalogue().getProfiles(true).size()); }), missing("net-admin"));
     EXPECT_EQ(key(catalogue().getProfile("operators")), "operators/1/10001");
     EXPECT_EQ(sample.builds, 2);
 }

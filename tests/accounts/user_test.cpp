@@ -1,26 +1,31 @@
-// The account object and the rights check on the sample device: state flags
-// from crafted shadow entries and tally records, rights decided under real thread identities.
-#include <gtest/gtest.h>
-#include <unistd.h>
+// The account object and the rights check on the sample device: state flags from crafted
+// shadow entries and tally records, rights decided under real thread identities; the tally
+// record read, and operations whose count reset did not happen.
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
-#include <functional>
 #include <map>
-#include <string>
-#include <thread>
-#include <vector>
+#include <memory>
+#include <tuple>
 
 #include <authnz/AuthNZException.h>
-#include <umlog/Ctx.h>
+#include <authnz/WebPam.h>
+#include <usermanagement/ErrorCodes.h>
 #include <usermanagement/Rbac.h>
 #include <usermanagement/UMException.h>
-#include <usermanagement/User.h>
-#include <usermanagement/UserDefinition.h>
+#include <usermanagement/Utilities.h>
 
+#include "files/FilesTestSupport.h"
+#include "foundation/Descriptor.h"
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
+using namespace tvc::test;
 
 namespace {
 
@@ -34,18 +39,29 @@ public:
     std::string getTallyFilePath() override { return "/etc/tvc-tallylog"; }
 };
 
-using AccountTest = tvc::test::DeviceTest<Definition>;
-
-using tvc::test::as;
+using AccountTest = DeviceTest<Definition>;
+using Tally = SandboxTest;  // the scratch files live in the sandbox's throw-away /etc
+typedef AccountsTest TallyResetTest, RightsTest;
+using utilities::getLockCount;
 
 // "allowed", or the refusal as "code user".
-std::string decision(UserDefinition::Action action, User* target) {
-    try {
-        UserDefinition::GetUserDefinition().checkRight(action, target);
-        return "allowed";
-    } catch (const authnz::AuthorizationException& e) {
-        return std::to_string(e.getErrorId()) + " " + e.getUser();
-    }
+std::string decision(UserDefinition::Action action, User* target) try {
+    UserDefinition::GetUserDefinition().checkRight(action, target);
+    return "allowed";
+} catch (const authnz::AuthorizationException& e) {
+    return std::to_string(e.getErrorId()) + " " + e.getUser();
+}
+
+// The record of `uid` in the tally file `path` as pam_tally2 lays it out: the failure count at
+// byte 54, the time of the last failure behind it, `fill` in the other bytes.
+void writeTally(const std::string& path, std::uint64_t uid, std::uint16_t count, std::uint64_t lastFailure = 0,
+                unsigned char fill = 0) {
+    const detail::Descriptor tally(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    unsigned char record[64];
+    std::memset(record, fill, sizeof record);
+    std::memcpy(record + 54, &count, sizeof count);
+    std::memcpy(record + 56, &lastFailure, sizeof lastFailure);
+    ASSERT_EQ(pwrite(tally.get(), record, sizeof record, static_cast<off_t>(uid * 64)), 64);
 }
 
 std::string flags(const User& user) {
@@ -56,6 +72,11 @@ std::string flags(const User& user) {
 TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     const long today = static_cast<long>(std::time(nullptr)) / 86400;
     const auto day = [today](long offset) { return std::to_string(today + offset); };
+    const auto store = [](const std::string& shadowFields, int tallyCount) {
+        removeEntry("/etc/shadow", "viewer");
+        if (!shadowFields.empty()) addLines("/etc/shadow", "viewer:" + shadowFields + "\n");
+        writeTally("/etc/tvc-tallylog", 10002, tallyCount);
+    };
     const struct {
         std::string fields;  // the shadow entry of viewer after the name
         int tallyCount, limit;
@@ -77,11 +98,7 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fields);
-        tvc::test::removeEntry("/etc/shadow", "viewer");
-        tvc::test::addLines("/etc/shadow", "viewer:" + c.fields + "\n");
-        std::string record(10002 * 64 + 64, '\0');
-        record[10002 * 64 + 54] = static_cast<char>(c.tallyCount);
-        tvc::test::writeFile("/etc/tvc-tallylog", record);
+        store(c.fields, c.tallyCount);
         definition.lockLimit = c.limit;
         User viewer("viewer");
         EXPECT_EQ(flags(viewer), "-PLE");  // looked up, not yet read
@@ -89,20 +106,17 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
         EXPECT_EQ(flags(viewer), c.expected);
     }
     // The lock record: reached exactly, or beyond.
+    definition.lockLimit = 3;
     for (const auto& [count, expected] : {std::pair{3, "locked justLocked"}, {4, "locked"}}) {
-        std::string record(10002 * 64 + 64, '\0');
-        record[10002 * 64 + 54] = static_cast<char>(count);
-        tvc::test::writeFile("/etc/tvc-tallylog", record);
-        definition.lockLimit = 3;
+        store("$6$x$y:1:0:99999:7:::", count);
         LookLockUpdate look;
         User("viewer").retrieveLockState(look);
         EXPECT_EQ(std::string(look.locked ? "locked" : "") + (look.justLocked ? " justLocked" : ""), expected);
     }
-    tvc::test::removeEntry("/etc/shadow", "viewer");
-    tvc::test::addLines("/etc/shadow", "viewer:!!$6$x$y:1:0:99999:7:::\n");
+    store("!!$6$x$y:1:0:99999:7:::", 0);
     EXPECT_EQ(User("viewer").getEncryptedPassword(), "$6$x$y");
-    EXPECT_EQ(User("admin").getEncryptedPassword(), tvc::test::fields(tvc::test::lineOf("/etc/shadow", "admin"))[1]);
-    tvc::test::removeEntry("/etc/shadow", "viewer");
+    EXPECT_EQ(User("admin").getEncryptedPassword(), fields(lineOf("/etc/shadow", "admin"))[1]);
+    store("", 0);
     EXPECT_EQ(User("viewer").getEncryptedPassword(), "");
     EXPECT_THROW(User("viewer").updateState(), UMException);
 }
@@ -114,7 +128,7 @@ TEST_F(AccountTest, UnknownAccountsFailAfterThePause) {
         {[] { User(4242u); }, "User uid not found in the system (retrieveUserName from uid):4242"},
         {[] { Rbac::RetrieveUserId("nosuch"); }, "nosuch :User not found"},
     };
-    for (const auto& [call, message] : cases) EXPECT_EQ(tvc::test::outcome(call), "5 " + message);
+    for (const auto& [call, message] : cases) EXPECT_EQ(outcome(call), "5 " + message);
     definition.delay = 1;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_THROW(User("nosuch"), UMException);
@@ -123,7 +137,7 @@ TEST_F(AccountTest, UnknownAccountsFailAfterThePause) {
 
 // The rights check judges the calling thread's own identity: threads acting as different
 // accounts at once each get the answers their account gets alone.  Who may do what to whom is
-// rights_test's table; an action the policy does not know is refused even to root.
+// the table below; an action the policy does not know is refused even to root.
 TEST_F(AccountTest, ConcurrentRightsChecksJudgeEachThreadsOwnIdentity) {
     const char* const callers[] = {"admin", "root", "viewer", "www-data", "svc-backup"};
     User viewer("viewer");
@@ -147,6 +161,256 @@ TEST_F(AccountTest, ConcurrentRightsChecksJudgeEachThreadsOwnIdentity) {
             });
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(geteuid(), 0u);
+}
+
+TEST_F(Tally, CountIsReadFromTheRecordOfTheUidInARegularFileOnly) {
+    const std::string file = "/etc/tvc-tallylog", fifo = "/etc/tvc-tally.fifo";
+    unlink(file.c_str());
+    unlink(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    // Records at their place by uid, the rest a hole as pam_tally2 leaves it.  The neighbouring
+    // fields are filled, so that a read at the wrong offset shows.
+    for (const auto& [uid, count] :
+         {std::pair<std::uint64_t, std::uint16_t>{0, 7}, {10001, 3}, {10002, 65535}, {67108864u, 9}, {67108865u, 5}})
+        writeTally(file, uid, count, 0xA5A5A5A5A5A5A5A5u, 0xA5);
+    ASSERT_EQ(truncate(file.c_str(), 67108865ll * 64 + 60), 0);  // the last count is there, its record is not whole
+    const std::tuple<std::string, unsigned int, int> cases[] = {
+        // uid 67108864 is at byte 2^32: a 32-bit offset would wrap to uid 0's record.
+        {file, 0, 7},
+        {file, 10001, 3},
+        {file, 10002, 65535},
+        {file, 67108864u, 9},
+        {file, 10000, 0},        // a hole inside the file
+        {file, 67108865u, 0},    // cut short
+        {file, 4294967295u, 0},  // beyond the end
+        {"/nonexistent/tallylog", 0, 0},
+        {"/dev/urandom", 0, 0},  // a device that does hand out 64 bytes
+    };
+    for (const auto& [path, uid, count] : cases) EXPECT_EQ(getLockCount(uid, path), count) << path << " " << uid;
+    // Without a writer, a blocking open would never return: in a fresh process, SIGALRM ends it.
+    EXPECT_EXIT((alarm(3), _exit(getLockCount(0, fifo))), testing::ExitedWithCode(0), "");
+}
+
+// A tally tool that fails, or succeeds without resetting the count, fails the operation that
+// needed the reset: nothing is written and no "unlocked" event claims what did not happen.
+TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
+    const std::string tool = "/etc/tvc-pam/bin/pam_tally2", real = tool + ".real";
+    ASSERT_EQ(rename(tool.c_str(), real.c_str()), 0);
+    struct PutBack {
+        std::string tool, real;
+        ~PutBack() { rename(real.c_str(), tool.c_str()); }
+    } putBack{tool, real};
+    const struct {
+        const char* body;
+        const char* reason;
+    } tools[] = {
+        {"exit 1", "the command exited with 1 (uid 10004)"},
+        {"exit 0", "the count is not 0 after the command (uid 10004)"},
+    };
+    const bool yes = true;
+    User guest("guest");
+    const std::function<void()> operations[] = {
+        [&] { guest.unLock(); },
+        [&] { guest.updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); },
+        [&] { guest.updateAnyUserPassword("guest", "Reset#Guest2026", false, "", false); },
+    };
+    for (const auto& t : tools) {
+        writeFile(tool, std::string("#!/bin/sh\n") + t.body + "\n");
+        ASSERT_EQ(chmod(tool.c_str(), 0755), 0);
+        for (const auto& operation : operations) {
+            SCOPED_TRACE(t.body);
+            writeTally("/var/log/tallylog", 10004, 3);
+            const Snapshot before({"/etc/passwd", "/etc/shadow"}, {});
+            EXPECT_EQ(expectFailure(operation, typeid(UMSystemErrorException), UMSystemError::TallyReset,
+                                    "unLock error, the failed-login count was not reset"),
+                      t.reason);
+            EXPECT_EQ(getLockCount(10004, "/var/log/tallylog"), 3);
+            before.expectUnchanged();
+            EXPECT_EQ(takeEvents(), "");
+        }
+    }
+    // A failure counted after the reset started is a new one, not a reset that failed: a login
+    // tried meanwhile must not make a manager's operation fail.
+    writeTally("/var/log/tallylog", 10004, 3, static_cast<std::uint64_t>(time(nullptr)) + 1);
+    EXPECT_EQ(outcome([&] { guest.unLock(); }), "ok");
+}
+
+constexpr auto code = outcomeCode;
+
+std::string files() {
+    return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group") + readFile(kCommandLog);
+}
+
+// The callers: name, holds the user-manager role, holds the role that changes its own password.
+const struct Caller {
+    const char* name;
+    bool manager, self;
+} kCallers[] = {{"root", false, false},     {"admin", true, true},        {"operator", false, true},
+                {"viewer", false, true},    {"tech", false, true},        {"guest", false, true},
+                {"www-data", false, false}, {"svc-backup", false, false}, {"plainuser", false, true}};
+
+// The targets, by the account their object is looked up as.  Stale: viewer's, kept while a
+// manager renamed viewer to viewer-old and tech to viewer; renamed: tech's after
+// setUserName("plainuser"); demoted: tech's, kept while a manager moved tech to viewers.
+enum Target { Self, Other, Main, Root, WebServer, Service, Stale, Renamed, Demoted, kTargets };
+const char* const kTargetNames[] = {"self", "other", "admin", "root", "www-data", "svc-web", "viewer", "tech", "tech"};
+
+enum Op {
+    Create, Lookup, Rename, Profile, Disable, Enable, Password, ResetOnOwnObject, Reset, Unlock, Remove, ReadHash,
+    Holder, kOps
+};
+const char* const kOpNames[] = {"create", "lookup", "rename", "profile", "disable", "enable", "password",
+                                "reset-own", "reset", "unlock", "remove", "hash", "holder"};
+
+// What an operation must answer.  `object`: the target object's uid; `written`: the uid of the
+// account written (for a reset: the one its name names now); `stale`: the object no longer
+// names its account; `callerStale`: nor does the caller's own (a reset on it names it).
+std::string expected(const Caller& c, Op op, unsigned int callerUid, unsigned int object, unsigned int written,
+                     bool stale, bool callerStale) {
+    const bool root = callerUid == 0, all = root || c.manager;
+    const auto ownPassword = [&](unsigned int uid) { return all || (c.self && uid == callerUid); };
+    const bool lookup = all || c.self || std::string(c.name) == "www-data";
+    const bool allowed = op == Holder             ? true  // the current password is the right
+                         : op == Lookup           ? lookup
+                         : op == ReadHash || op == Create ? all
+                         : op == Password         ? ownPassword(object)
+                         : op == ResetOnOwnObject ? (c.self || all) && ownPassword(written)
+                         : op == Reset            ? ownPassword(object) && ownPassword(written)
+                                                  : all;
+    if (!allowed) return "302";
+    if (op == ReadHash || op == Lookup || op == Create) return "ok";
+    if ((written < 10000 || written >= 10010) && !root) return "305";
+    // A wrong current password; the failed login looks the account up with the caller's rights.
+    if (op == Holder) return lookup ? "18" : "302";
+    if (op == Remove && object == 10000) return "3";
+    if (op == Remove && object == callerUid) return "8";
+    if (op == Disable && object == 10000) return "4";
+    return (op == ResetOnOwnObject ? callerStale : stale) ? "41" : "ok";
+}
+
+// Rights that hold against every caller: each sample account, acting through the library's own
+// switch as a web request would, tries every operation that changes or reveals an account on
+// every kind of target: itself, another managed account, the main account, root, the web
+// server's and a service account, a stale object and one renamed with setUserName.  After every
+// refusal the account files are byte for byte as before, no event was logged, no command ran.
+TEST_F(RightsTest, EveryCallerEveryOperationEveryTarget) {
+    const std::string newName = "renamed", password = "Other#Pass2026", oldName = "viewer-old", viewer = "viewer";
+    const int viewers = 2;
+    const bool no = false, yes = true;
+    for (const Caller& c : kCallers)
+        for (int target = 0; target < kTargets; ++target) {
+            SCOPED_TRACE(std::string(c.name) + " on " + kTargetNames[target]);
+            std::string got, want;
+            for (int op = 0; op < kOps; ++op) {
+                restoreSampleDevice();
+                unlink("/var/log/tallylog");
+                // The caller's object and its groups are read before any rename.
+                const bool root = std::string(c.name) == "root";
+                User own(root ? "root" : c.name);
+                int count = 0;
+                ASSERT_NE(own.getUserGroupsIds(count), nullptr);
+                const std::string other = std::string(c.name) == "guest" ? "tech" : "guest";
+                User object(target == Self ? c.name : target == Other ? other : kTargetNames[target]);
+                if (target == Stale) {
+                    User("viewer").updateUser(&oldName, nullptr, nullptr, nullptr, nullptr, nullptr);
+                    User("tech").updateUser(&viewer, nullptr, nullptr, nullptr, nullptr, nullptr);
+                }
+                if (target == Renamed) object.setUserName("plainuser");
+                if (target == Demoted) User("tech").updateUser(nullptr, &viewers, nullptr, nullptr, nullptr, nullptr);
+                const std::string name = object.getUserName();
+                const bool byName = op == ResetOnOwnObject || op == Reset || op == Holder;
+                const unsigned int written = byName ? User(name).getUid() : object.getUid();
+                want += std::string(" ") + kOpNames[op] + "=" +
+                        expected(c, Op(op), own.getUid(), object.getUid(), written,
+                                 target == Stale || target == Renamed || target == Demoted,
+                                 own.getUid() == 10003 ? target == Stale || target == Demoted
+                                                       : target == Stale && own.getUid() == 10002);
+                takeEvents();
+                const std::string before = files();
+                const std::function<void()> calls[] = {
+                    [&] { User::createUser("extra", password, viewers, true, false, nullptr); },
+                    [&] { User lookedUp(name); },
+                    [&] { object.updateUser(&newName, nullptr, nullptr, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, &viewers, nullptr, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, nullptr, &no, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); },
+                    [&] { object.updateUser(nullptr, nullptr, nullptr, &password, nullptr, nullptr); },
+                    [&] { own.updateAnyUserPassword(name, password, false, "", false); },
+                    [&] { object.updateAnyUserPassword(name, password, false, "", false); },
+                    [&] { object.unLock(); },
+                    [&] { object.removeUser(); },
+                    [&] { (void)object.getEncryptedPassword(); },
+                    [&] {
+                        std::string wrong = "Wrong#Guess26", next = password;
+                        object.updatePassword(wrong, next, "");
+                    },
+                };
+                std::string result;
+                actingAs(root ? nullptr : &own, [&] { result = code(calls[op]); });
+                got += std::string(" ") + kOpNames[op] + "=" + result;
+                if (result != "ok") {
+                    EXPECT_TRUE(files() == before) << kOpNames[op] << " refused, but the files changed";
+                    EXPECT_EQ(takeEvents(), "") << kOpNames[op];
+                }
+            }
+            EXPECT_EQ(got, want);
+        }
+}
+
+// Guessing through the holder's password change is counted like guessing at the login: the
+// third wrong current password locks the account (one "locked" event), a locked account cannot
+// change its password even with the right one, and after a manager's unlock it can.  The unlock
+// logs its event only when the account was locked, and runs the tally reset either way.
+TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
+    for (const bool byName : {false, true}) {
+        SCOPED_TRACE(byName ? "by name" : "on the holder's object");
+        restoreSampleDevice();
+        unlink("/var/log/tallylog");
+        takeEvents();
+        const std::string shadow = readFile("/etc/shadow");
+        const auto change = [&](std::string old, std::string fresh = "Fresh#Pass2026x") {
+            return code([&] { byName ? User::updateAnyUserPassword("admin", old, fresh, "")
+                                     : User("admin").updatePassword(old, fresh, ""); });
+        };
+        std::string answers;
+        as("viewer", [&] {
+            for (const char* old : {"Guess#1", "Guess#2", "Guess#3", "Guess#4", "Admin#2026"})
+                answers += change(old) + " ";
+        });
+        EXPECT_EQ(answers, "18 18 18 18 18 ");
+        EXPECT_EQ(takeEvents(), "9 User account - locked <admin>\n");
+        EXPECT_EQ(readFile("/etc/shadow"), shadow);
+        User admin("admin");
+        for (const char* event : {"10 User account - unlocked <admin>\n", ""}) {
+            writeFile(kCommandLog, "");
+            as("admin", [&] { admin.unLock(); });
+            EXPECT_EQ(takeEvents(), event);
+            EXPECT_EQ(readFile(kCommandLog), "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [admin]\n");
+        }
+        as("viewer", [&] { EXPECT_EQ(change("Admin#2026"), "ok"); });
+        EXPECT_NE(readFile("/etc/shadow"), shadow);
+        // The right password reset the count, as a login does.
+        const std::shared_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM("admin", "", authnz::WebPam::WebLogin));
+        EXPECT_EQ(code([&] { pam->pamAuthentication("Fresh#Pass2026x"); }), "ok");
+    }
+}
+
+// The main account stays enabled whichever path writes its shadow field.
+TEST_F(RightsTest, NoPathDisablesTheMainAccount) {
+    const bool skip = true;
+    const auto store = [&](const char* name, std::string h) {
+        return code([&] { User(name).updateUserWithEncryptedPassword(nullptr, nullptr, nullptr, &h, nullptr, &skip); });
+    };
+    std::string before = files();
+    EXPECT_EQ(store("admin", "!!$6$tvc$x") + " " + store("admin", "!$6$tvc$x") + " " + store("admin", "*"), "4 4 4");
+    EXPECT_TRUE(files() == before);
+    EXPECT_EQ(store("guest", "!!$6$tvc$x"), "ok");
+    // Without a main account, the next account created takes its uid: it is born enabled.
+    removeEntry("/etc/passwd", "admin");
+    removeEntry("/etc/shadow", "admin");
+    before = files();
+    EXPECT_EQ(code([&] { User::createUser("chief", "Chief#Pass2026", 1, false, false, &skip); }), "4");
+    EXPECT_TRUE(files() == before);
 }
 
 }  // namespace

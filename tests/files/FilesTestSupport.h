@@ -1,12 +1,9 @@
 // Shared pieces of the account-file tests.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <shadow.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <string>
@@ -18,15 +15,13 @@
 #include <usermanagement/PasswdEntries.h>
 #include <usermanagement/ShadowEntries.h>
 #include <usermanagement/UMException.h>
-#include <usermanagement/UserDefinition.h>
 
-#include "support/Sandbox.h"
+#include "support/DeviceFixture.h"
 
 namespace tvc::test {
 
 // The sample device's settings with what the tests change, and a shell of its own for gid 10003.
-class FilesDefinition : public usermanagement::UserDefinition {
-public:
+struct FilesDefinition : usermanagement::UserDefinition {
     unsigned int count = 5;
     bool root = true;
     std::string script = "false ";
@@ -41,19 +36,7 @@ public:
     bool hasRootProfile() override { return root; }
     const char* getUpdateFileScript() override { return script.c_str(); }
 };
-
-// Sandbox fixture with a FilesDefinition installed for the test and the previous one back after.
-class FilesTest : public SandboxTest {
-protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        definition.setUserDefinition(definition);
-    }
-    void TearDown() override { usermanagement::UserDefinition::m_ptrDefaultUserDefinition = m_saved; }
-
-    usermanagement::UserDefinition* const m_saved = usermanagement::UserDefinition::m_ptrDefaultUserDefinition;
-    FilesDefinition definition;
-};
+using FilesTest = DeviceTest<FilesDefinition>;
 
 inline bool exists(const std::string& path) {
     struct stat st {};
@@ -61,11 +44,7 @@ inline bool exists(const std::string& path) {
 }
 
 // True when this process can take the password-file lock at once (it releases it again).
-inline bool lockIsFree() {
-    if (lckpwdf() != 0) return false;
-    ulckpwdf();
-    return true;
-}
+inline bool lockIsFree() { return lckpwdf() == 0 && ulckpwdf() == 0; }
 
 // What a failed transaction must leave: live files byte for byte as before, no temporary, the lock free.
 struct Snapshot {
@@ -98,11 +77,10 @@ inline void rewrite(const std::string& live, const std::string& tmp, const Body&
 inline void inPasswd(const Body& body) { rewrite("/etc/passwd", "/etc/tmppassd", body); }
 inline void inShadow(const Body& body) { rewrite("/etc/shadow", "/etc/tmpshadow", body); }
 
-// Expects `body` to throw exactly `type` with `code` and `message` (or a message that begins with
-// it); returns the description, the reason of a failed system call.
-enum class Match { Whole, Start };
+// Expects `body` to throw exactly `type` with `code` and `message` (or, with `prefix`, a message
+// that begins with it); returns the description, the reason of a failed system call.
 inline std::string expectFailure(const std::function<void()>& body, const std::type_info& type, int code,
-                                 const std::string& message, Match match = Match::Whole) {
+                                 const std::string& message, bool prefix = false) {
     try {
         body();
         ADD_FAILURE() << "no exception, expected " << code << " " << message;
@@ -110,7 +88,7 @@ inline std::string expectFailure(const std::function<void()>& body, const std::t
         EXPECT_TRUE(typeid(e) == type) << typeid(e).name() << " instead of " << type.name();
         EXPECT_EQ(e.getErrorId(), code) << e.what();
         const std::string what = e.what();
-        EXPECT_EQ(match == Match::Whole ? what : what.substr(0, message.size()), message) << what;
+        EXPECT_EQ(prefix ? what.substr(0, message.size()) : what, message) << what;
         return e.getErrorDescription();
     }
     return "";

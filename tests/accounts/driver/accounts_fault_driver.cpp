@@ -2,14 +2,13 @@
 // becomes root only inside the operation), to inject failures into.
 //     accounts_fault_driver [--fail POINT N] create NAME | update NAME NEW | reset NAME | remove NAME
 //     accounts_fault_driver [--fail|--kill POINT N] migrate
-// --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (fiu's
-// POSIX preload library must be loaded); --kill: the process is killed (SIGKILL) at that call
-// instead.  Prints "ok" or "error <id> <message>", the thread's ids before and after the
-// operation, then "lock free" when the process, root again, can take the password-file lock
-// through lckpwdf and through the library.  The migration runs as the process's own root (no
-// ids printed) and an "ok" is followed by each managed account's profile and state.  With
-// TVC_DRIVER_EVENTS set, the account events the operation logged follow, one "event <text>"
-// line each.
+// --fail: the Nth call of libfiu's failure point POINT within the operation fails with EIO (with
+// fiu's POSIX preload library loaded); --kill: the process is killed (SIGKILL) there instead.
+// Prints "ok" or "error <id> <message>", the thread's ids before and after the operation (not
+// for the migration, run as the process's own root; its "ok" is followed by each managed
+// account's profile and state), then "lock free" when the process, root again, can take the
+// password-file lock through lckpwdf and the library.  With TVC_DRIVER_EVENTS set, the logged
+// account events follow, one "event <text>" line each.
 #include <shadow.h>
 #include <unistd.h>
 
@@ -21,13 +20,13 @@
 #include <string>
 #include <vector>
 
-#include <usermanagement/Migration.h>
-#include <usermanagement/Utilities.h>
 #include <tarvicexception/TvcException.h>
+#include <usermanagement/Migration.h>
 #include <usermanagement/SystemPermission.h>
 #include <usermanagement/User.h>
+#include <usermanagement/Utilities.h>
 
-#include "AccountDriver.h"
+#include "sampledevice/SampleCatalogue.h"
 #include "support/RecordingLogger.h"
 
 #ifdef FIU_ENABLE  // built with libfiu
@@ -44,9 +43,10 @@ constexpr const char* kReadyHash =
     "$6$tvcready$hEi8dXaaRXf56PUuuXS8Gu29gbhXkd4isSjTFxukMfTFAUnQYWduwxGwcusqFQ6BIPvkikZX/9T5G.mpQ44Ii1";
 constexpr int kViewers = 2;
 
-inline std::string describe(const tarvicexception::TvcException& e) {
-    return "error " + std::to_string(e.getErrorId()) + " " + e.what();
-}
+// The sample device without the pause after an unknown name.
+struct DriverDefinition : tvc::sample::SampleDefinition {
+    unsigned int getDBDelayWrongCredential() override { return 0; }
+};
 
 int failingCall = 0;
 bool killAtCall = false;
@@ -77,27 +77,22 @@ std::string ids() {
     return text;
 }
 
-std::string migrate() {
-    try {
-        filesSystemMigration();
-    } catch (const tarvicexception::TvcException& e) {
-        return describe(e);
-    }
-    std::string text = "ok";
-    for (User& user : utilities::getUserList()) {
-        user.updateState();
-        text += "\n" + user.getUserName() + " " + user.getProfile().getName() + (user.isActive() ? " on" : " off");
-    }
-    return text;
-}
-
-// False for a request it does not know.
-bool operate(const std::vector<std::string>& args) {
+// "ok" (after a migration, each managed account's profile and state follow), or "bad request"
+// for a request it does not know.
+std::string operate(const std::vector<std::string>& args) {
     const bool skipCheck = true;
     const int operators = 1;
+    if (args.size() == 1 && args[0] == "migrate") {
+        filesSystemMigration();
+        std::string text = "ok";
+        for (User& user : utilities::getUserList()) {
+            user.updateState();
+            text += "\n" + user.getUserName() + " " + user.getProfile().getName() + (user.isActive() ? " on" : " off");
+        }
+        return text;
+    }
     if (args.size() == 2 && args[0] == "create")
-        User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false,
-                                              &skipCheck);
+        User::createUserWithEncryptedPassword(args[1], kReadyHash, kViewers, true, false, &skipCheck);
     else if (args.size() == 3 && args[0] == "update")
         User(args[1]).updateUser(&args[2], &operators, nullptr, nullptr, nullptr, &skipCheck);
     else if (args.size() == 2 && args[0] == "reset")
@@ -105,8 +100,8 @@ bool operate(const std::vector<std::string>& args) {
     else if (args.size() == 2 && args[0] == "remove")
         User(args[1]).removeUser();
     else
-        return false;
-    return true;
+        return "bad request";
+    return "ok";
 }
 
 }  // namespace
@@ -117,30 +112,33 @@ int main(int argc, char** argv) {
     // programs, whose loader would refuse the ARM library with a warning in the output.
     unsetenv("LD_PRELOAD");
     std::vector<std::string> args(argv + 1, argv + argc);
-    tvc::test::RoomyDefinition definition;
+    DriverDefinition definition;
     tvc::sample::SampleCatalogue catalogue;
     definition.setUserDefinition(definition);
     catalogue.setProfileDefinition(catalogue);
     tvc::test::RecordingLogger events;
-    std::string result = "ok", before, after;
     const bool inject = args.size() > 3 && (args[0] == "--fail" || args[0] == "--kill");
     if (inject) failingCall = std::atoi(args[2].c_str()), killAtCall = args[0] == "--kill";
-    const bool migration = args.size() == (inject ? 4u : 1u) && args.back() == "migrate";
-    if (migration) {
-        result = inject && !enableFailure(args[1]) ? "bad request" : migrate();
-    } else {
-        SystemPermission manager;
-        manager.setUserPermission("admin");
-        before = ids();
+    const std::vector<std::string> request(args.begin() + (inject ? 3 : 0), args.end());
+    std::string result = "bad request";
+    // Failures count from here: the identity switch before it has none.
+    const auto attempt = [&] {
         try {
-            if ((inject && !enableFailure(args[1])) || !operate({args.begin() + (inject ? 3 : 0), args.end()}))
-                result = "bad request";
+            if (!inject || enableFailure(args[1])) result = operate(request);
         } catch (const tarvicexception::TvcException& e) {
-            result = describe(e);
+            result = "error " + std::to_string(e.getErrorId()) + " " + e.what();
         } catch (const std::exception& e) {
             result = std::string("error ") + e.what();
         }
-        after = ids();
+    };
+    if (request.size() == 1 && request[0] == "migrate") {
+        attempt();
+    } else {
+        SystemPermission manager;
+        manager.setUserPermission("admin");
+        const std::string before = ids();
+        attempt();
+        result += "\n" + before + "\n" + ids();
     }
     // The lock of the process, then the library's gate, which a state read passes.
     bool free = lckpwdf() == 0 && ulckpwdf() == 0;
@@ -149,7 +147,6 @@ int main(int argc, char** argv) {
     } catch (const tarvicexception::TvcException&) {
         free = false;
     }
-    if (!migration) result += "\n" + before + "\n" + after;
     std::printf("%s\nlock %s\n", result.c_str(), free ? "free" : "held");
     if (std::getenv("TVC_DRIVER_EVENTS") != nullptr)
         for (const auto& m : events.messages)

@@ -74,7 +74,6 @@ int main(int argc, char** argv) {
         std::printf("error %d %s\n", e.getErrorId(), e.what());
         status = 1;
     }
-    const mode_t mask = umask(0);
-    std::printf("umask %03o\n", static_cast<unsigned int>(mask));
+    std::printf("umask %03o\n", static_cast<unsigned int>(umask(0)));
     return status;
 }
