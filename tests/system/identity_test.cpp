@@ -10,18 +10,14 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <functional>
+#include <map>
 #include <optional>
-#include <sstream>
-#include <stdexcept>
 #include <thread>
 
-#include <authnz/AuthNZException.h>
 #include <systemutilities/ScriptLauncher.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/SystemPermission.h>
-#include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
@@ -30,10 +26,10 @@
 #include "system/IdSyscalls.h"
 
 using systemutilities::ScriptLauncher;
+using tvc::test::outcome;
+using tvc::test::threadIds;
 using tvc::test::writeFile;
-using usermanagement::PMException;
 using usermanagement::SystemPermission;
-using usermanagement::UMException;
 using usermanagement::User;
 using usermanagement::UserDefinition;
 using usermanagement::detail::Descriptor;
@@ -43,29 +39,18 @@ namespace {
 
 constexpr uid_t kSame = ids::kUnchanged;
 
-// "Uid: R E S F Gid: R E S F Groups: ... " out of a /proc status text (groups sorted by the kernel).
-std::string idsIn(std::istream&& status) {
-    std::string ids;
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("Uid:", 0) == 0 || line.rfind("Gid:", 0) == 0 || line.rfind("Groups:", 0) == 0) {
-            std::istringstream words(line);
-            for (std::string word; words >> word;) ids += word + " ";
-        }
-    return ids;
-}
-
-// Of the calling thread, or with "self" of the main thread.
-std::string idsOf(const std::string& task = "thread-self") { return idsIn(std::ifstream("/proc/" + task + "/status")); }
-
-std::string allIds(unsigned int id, const std::string& groups) {
-    const std::string i = std::to_string(id) + " ";
-    return "Uid: " + i + i + i + i + "Gid: " + i + i + i + i + "Groups: " + groups + " ";
+// threadIds() of a root thread acting as `uid` and `gid` (real and saved ids root), or of one
+// that gave root up for them (all four ids).
+std::string idText(unsigned int uid, unsigned int gid, const std::string& groups, bool dropped = false) {
+    const std::string u = std::to_string(uid) + " ", g = std::to_string(gid) + " ";
+    const std::string ru = dropped ? u : "0 ", rg = dropped ? g : "0 ";
+    return "Uid: " + ru + u + ru + u + "Gid: " + rg + g + rg + g + "Groups: " + groups + " ";
 }
 
 // operator, account 10001, with two supplementary groups: as it switched, and dropped for good.
 const std::vector<gid_t> kOperatorGroups{4201, 10001};
-const std::string kOperator = "Uid: 0 10001 0 10001 Gid: 0 10001 0 10001 Groups: 4201 10001 ";
-const std::string kDropped = allIds(10001, "4201 10001");
+const std::string kOperator = idText(10001, 10001, "4201 10001");
+const std::string kDropped = idText(10001, 10001, "4201 10001", true);
 
 // For a thread holding a root id: real `r`, effective `e` and saved `s` user and group ids.
 void becomeThread(unsigned int r, unsigned int e, unsigned int s, const std::vector<gid_t>& groups,
@@ -91,49 +76,41 @@ private:
     usermanagement::UserDefinition* m_saved = m_ptrDefaultUserDefinition;
 };
 
-// The message of the PMException `call` throws, or "" when it throws none.
-std::string failure(const std::function<void()>& call) try {
-    call();
-    return "";
-} catch (const PMException& e) {
-    return e.what();
-}
-
 using IdentityTest = tvc::test::SandboxTest;
 
 TEST_F(IdentityTest, SwitchesOnlyTheCallingThreadAndRestoresTheSnapshotAlsoThroughCopiesAndMoves) {
-    const std::string mainBefore = idsOf("self");
+    const std::string mainBefore = threadIds("self");
     std::thread([&] {
         // Saved ids that are not root: after the restore they are, so the thread can switch again.
         becomeThread(0, 10001, 10002, kOperatorGroups);
-        const std::string before = idsOf();
+        const std::string before = threadIds();
         std::optional<SystemPermission> original(std::in_place);
         {
             ScopedRootProfile noRoot([] { return false; });  // nothing is switched, but the state changes
             original->setRealPermissions();
             original->setUserPermissionDefinitely();
-            EXPECT_EQ(idsOf(), before);
+            EXPECT_EQ(threadIds(), before);
         }
         original->restorePermission();
-        EXPECT_EQ(idsOf(), kOperator);
+        EXPECT_EQ(threadIds(), kOperator);
         original->setRealPermissions();  // a restored object switches again
-        EXPECT_EQ(idsOf(), "Uid: 0 0 0 0 Gid: 0 10001 0 10001 Groups: 4201 10001 ");
+        EXPECT_EQ(threadIds(), idText(0, 10001, "4201 10001"));
         {
             SystemPermission copy(*original);
             // Work done as root that changes the groups and the group id.
             ASSERT_EQ(ids::setGroups(1, std::vector<gid_t>{42}.data()), 0);
             ASSERT_EQ(ids::setResGid(kSame, 42, kSame), 0);
         }  // the copy was changed too and restores with its own array
-        EXPECT_EQ(idsOf(), kOperator);
-        EXPECT_EQ(idsOf("self"), mainBefore);  // process-wide calls would have taken it along
-        original->restorePermission();         // its array outlived the copy's
+        EXPECT_EQ(threadIds(), kOperator);
+        EXPECT_EQ(threadIds("self"), mainBefore);  // process-wide calls would have taken it along
+        original->restorePermission();             // its array outlived the copy's
         original->setRealPermissions();
         SystemPermission moved(std::move(*original));
         original.reset();  // a moved-from object does not undo the switch
-        EXPECT_EQ(idsOf().substr(0, 15), "Uid: 0 0 0 0 Gi");
+        EXPECT_EQ(threadIds().substr(0, 15), "Uid: 0 0 0 0 Gi");
         ASSERT_EQ(ids::setGroups(0, nullptr), 0);
         moved.restorePermission();
-        EXPECT_EQ(idsOf(), kOperator);  // the array was taken over
+        EXPECT_EQ(threadIds(), kOperator);  // the array was taken over
     }).join();
 }
 
@@ -145,7 +122,7 @@ void loseRoot(uid_t kept) {
     permission.setRealPermissions();
     ASSERT_EQ(ids::setResGid(kept, kept, kept), 0);
     ASSERT_EQ(ids::setResUid(kept, 10002, kept), 0);
-    EXPECT_EQ(failure([&] { permission.restorePermission(); }), "setUpPermission");
+    EXPECT_EQ(outcome([&] { permission.restorePermission(); }), "15 setUpPermission");
 }
 
 using IdentityDeathTest = IdentityTest;
@@ -153,7 +130,7 @@ using IdentityDeathTest = IdentityTest;
 TEST_F(IdentityDeathTest, DestructorWithoutRootRestoresWhatItCanOrAborts) {
     std::thread([] {
         loseRoot(10001);
-        EXPECT_EQ(idsOf(), kDropped);
+        EXPECT_EQ(threadIds(), kDropped);
     }).join();
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(loseRoot(10002), "cannot return to euid 10001 egid 10001");
@@ -169,9 +146,9 @@ TEST_F(IdentityTest, DropForGoodLeavesNoWayBackToRoot) {
             SystemPermission permission;
             ASSERT_EQ(ids::setResUid(kSame, 0, kSame), 0);
             ASSERT_EQ(ids::setResGid(kSame, 42, kSame), 0);
-            EXPECT_EQ(failure([&] { permission.setUserPermissionDefinitely(); }),
-                      securebits == 0 ? "" : "setUserPermission sys_setresuid");
-            EXPECT_EQ(idsOf(), kDropped);
+            EXPECT_EQ(outcome([&] { permission.setUserPermissionDefinitely(); }),
+                      securebits == 0 ? "ok" : "15 setUserPermission sys_setresuid");
+            EXPECT_EQ(threadIds(), kDropped);
             EXPECT_EQ(ids::setResUid(kSame, 0, kSame), securebits == 0 ? -1 : 0);
         }).join();
 }
@@ -232,10 +209,11 @@ TEST_F(IdentityTest, TraceWritesOnlyARegularFileOfItsOwnWithOneName) {
     umount2("/tmp", MNT_DETACH);
 }
 
-// operator in 100 more groups than the first guess of room for a group list holds; their ids.
-std::string growOperatorsGroups() {
+// operator in `count` more groups from gid `first` on; their ids.  100 more overflow the first
+// guess of room for a group list; more than a thread may have are refused by setgroups.
+std::string addOperatorGroups(long first, long count) {
     std::string lines, gids;
-    for (int gid = 5000; gid < 5100; ++gid) {
+    for (long gid = first; gid < first + count; ++gid) {
         lines += "g" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":operator\n";
         gids += std::to_string(gid) + " ";
     }
@@ -243,68 +221,51 @@ std::string growOperatorsGroups() {
     return gids;
 }
 
-// Acting as an account, from a root thread that carries groups of its own (shadow's among
-// them): by name and through an account object, back to the snapshot afterwards.
-TEST_F(IdentityTest, ActingAsAnAccountTakesExactlyItsIdentityUntilRestored) {
-    const std::string gids = growOperatorsGroups();
-    const auto acting = [](unsigned int uid, unsigned int gid, const std::string& groups) {
-        const std::string u = std::to_string(uid), g = std::to_string(gid);
-        return "Uid: 0 " + u + " 0 " + u + " Gid: 0 " + g + " 0 " + g + " Groups: " + groups + " ";
+// Every account of the device, acted as first alone from a root thread that carries groups of its
+// own (shadow's among them), by name and through an account object and back to the snapshot; then
+// by many threads at once, each of which sees exactly the identity its account took alone (read
+// back from the kernel), never another thread's, and a context naming its account.  While acting
+// a thread cannot change the account files itself; the library's own switch to root still can.
+TEST_F(IdentityTest, ActingAsAnAccountTakesExactlyItsIdentityAlsoWithManyThreadsAtOnce) {
+    const std::string gids = addOperatorGroups(5000, 100);
+    const std::map<std::string, std::string> known{
+        {"operator", idText(10001, 10001, "4102 4103 4104 4200 4201 " + gids + "10001")},
+        {"plainuser", idText(2002, 10002, "4101 10002")},  // the profile group, not "users", is its group id
+        {"root", idText(0, 0, "0")},
     };
-    const struct {
-        std::string name, ids;
-    } cases[] = {
-        {"operator", acting(10001, 10001, "4102 4103 4104 4200 4201 " + gids + "10001")},
-        {"plainuser", acting(2002, 10002, "4101 10002")},  // the profile group, not "users", is its group id
-        {"root", acting(0, 0, "0")},
-    };
-    for (const auto& c : cases)
-        std::thread([&c] {
-            SCOPED_TRACE(c.name);
-            becomeThread(0, 0, 0, {0, 42});
-            const std::string before = idsOf();
-            {
-                SystemPermission permission;
-                permission.setUserPermission(c.name);
-                EXPECT_EQ(idsOf(), c.ids);
-                User& account = umlog::Ctx::getCtx().getUser();
-                EXPECT_EQ(account.getUserName(), c.name);
-                permission.setUserPermission("admin");  // switched already: nothing happens
-                EXPECT_EQ(idsOf(), c.ids);
-                permission.restorePermission();
-                EXPECT_EQ(idsOf(), before);
-                account.updateState();  // active now, unlike a freshly looked-up account
-                const User user(c.name);
-                permission.setUserPermission(user);
-                EXPECT_EQ(idsOf(), c.ids);
-                EXPECT_TRUE(umlog::Ctx::getCtx().getUser().isActive());  // an equal account is kept
-            }
-            EXPECT_EQ(idsOf(), before);
-        }).join();
-}
-
-// Every account of the device at once, many threads each: a thread sees exactly the identity
-// it took alone (read back from the kernel), never another thread's, and its context names its
-// account.  While acting it cannot change the account files itself; the library's own
-// operations still can, through their own switch to root.
-TEST_F(IdentityTest, ManyThreadsActingAtOnceSeeOnlyTheirOwnIdentity) {
-    growOperatorsGroups();
     std::vector<std::string> names, alone;
     for (const std::string& line : tvc::test::lines("/etc/passwd")) names.push_back(tvc::test::fields(line)[0]);
     for (const std::string& name : names)
         std::thread([&] {
-            SystemPermission permission;
-            permission.setUserPermission(name);
-            alone.push_back(idsOf());
+            SCOPED_TRACE(name);
+            becomeThread(0, 0, 0, {0, 42});
+            const std::string before = threadIds();
+            {
+                SystemPermission permission;
+                permission.setUserPermission(name);
+                alone.push_back(threadIds());
+                EXPECT_EQ(alone.back(), known.count(name) != 0 ? known.at(name) : alone.back());
+                User& account = umlog::Ctx::getCtx().getUser();
+                EXPECT_EQ(account.getUserName(), name);
+                permission.setUserPermission("admin");  // switched already: nothing happens
+                EXPECT_EQ(threadIds(), alone.back());
+                permission.restorePermission();
+                EXPECT_EQ(threadIds(), before);
+                account.updateState();  // active now, unlike a freshly looked-up account
+                permission.setUserPermission(User(name));
+                EXPECT_EQ(threadIds(), alone.back());
+                EXPECT_TRUE(umlog::Ctx::getCtx().getUser().isActive());  // an equal account is kept
+            }
+            EXPECT_EQ(threadIds(), before);
         }).join();
     std::vector<std::thread> threads;
     for (std::size_t t = 0; t < 4 * names.size(); ++t)
         threads.emplace_back([&, i = t % names.size()] {
-            const std::string before = idsOf();
+            const std::string before = threadIds();
             for (int round = 0; round < 20; ++round) {
                 SystemPermission permission;
                 permission.setUserPermission(names[i]);
-                ASSERT_EQ(idsOf(), alone[i]) << names[i];
+                ASSERT_EQ(threadIds(), alone[i]) << names[i];
                 ASSERT_EQ(umlog::Ctx::getCtx().getUser().getUserName(), names[i]);
                 if (names[i] == "root" || round > 0) continue;
                 for (const char* file : {"/etc/shadow", "/etc/passwd", "/etc/.pwd.lock"})
@@ -314,9 +275,9 @@ TEST_F(IdentityTest, ManyThreadsActingAtOnceSeeOnlyTheirOwnIdentity) {
                     root.setRealPermissions();
                     EXPECT_NE(Descriptor(open("/etc/shadow", O_WRONLY | O_CLOEXEC)).get(), -1);
                 }
-                EXPECT_EQ(idsOf(), alone[i]);
+                EXPECT_EQ(threadIds(), alone[i]);
             }
-            EXPECT_EQ(idsOf(), before);
+            EXPECT_EQ(threadIds(), before);
         });
     for (std::thread& thread : threads) thread.join();
 }
@@ -325,7 +286,7 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
     // Asked in the child, this configuration would let the command keep its root ids.
     static const pid_t parent = getpid();
     ScopedRootProfile parentOnly([] { return getpid() == parent; });
-    const std::string gids = growOperatorsGroups();
+    const std::string gids = addOperatorGroups(5000, 100);
     const struct {
         unsigned int real, effective, saved;
         std::vector<gid_t> groups;
@@ -333,11 +294,11 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
         unsigned long securebits = 0;
     } cases[] = {
         // Whatever groups the thread carries, the command gets exactly its account's.
-        {0, 10001, 0, {4201, 10001}, allIds(10001, "4102 4103 4104 4200 4201 " + gids + "10001")},
-        {0, 10002, 0, {0, 4200}, allIds(10002, "4102 4104 4201 10002")},
-        {0, 3000, 0, {0, 4200}, allIds(3000, "3000")},      // no account: its group id alone
-        {0, 0, 0, {4200, 10001}, allIds(0, "4200 10001")},  // root keeps its groups
-        {10001, 10001, 10001, {4201}, ""},                  // no root id left to give up
+        {0, 10001, 0, {4201, 10001}, idText(10001, 10001, "4102 4103 4104 4200 4201 " + gids + "10001", true)},
+        {0, 10002, 0, {0, 4200}, idText(10002, 10002, "4102 4104 4201 10002", true)},
+        {0, 3000, 0, {0, 4200}, idText(3000, 3000, "3000", true)},   // no account: its group id alone
+        {0, 0, 0, {4200, 10001}, idText(0, 0, "4200 10001", true)},  // root keeps its groups
+        {10001, 10001, 10001, {4201}, ""},                           // no root id left to give up
         // Capabilities that survive the id change would let the command climb back to root.
         {0, 10001, 0, {4201}, "", SECBIT_NO_SETUID_FIXUP},
     };
@@ -345,9 +306,10 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
         std::thread([&c] {
             SCOPED_TRACE(c.effective);
             becomeThread(c.real, c.effective, c.saved, c.groups, c.securebits);
-            const std::string before = idsOf();
+            const std::string before = threadIds();
             if (!c.ids.empty()) {
-                EXPECT_EQ(idsIn(std::istringstream(ScriptLauncher::exec("cat /proc/self/status", true))), c.ids);
+                EXPECT_EQ(tvc::test::idsIn(std::istringstream(ScriptLauncher::exec("cat /proc/self/status", true))),
+                          c.ids);
             } else {
                 errno = 0;
                 EXPECT_EQ(ScriptLauncher::Popen("echo must-not-run", "r"), nullptr);
@@ -363,42 +325,17 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
                 }
                 EXPECT_EQ(ScriptLauncher::exec("echo ran", false), "ran");  // no identity step, no refusal
             }
-            EXPECT_EQ(idsOf(), before);  // the calling thread keeps its ids, and its way back to root
+            EXPECT_EQ(threadIds(), before);  // the calling thread keeps its ids, and its way back to root
         }).join();
 }
 
-class ActingFailureTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
-protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        // Earlier tests of this binary built the library's own catalogue: the sample device's
-        // replaces it, so that viewer has its profile's rights.
-        catalogue.getProfiles(true);
-    }
-};
+using ActingFailureTest = tvc::test::DeviceTest<tvc::test::QuickDefinition>;
 
 constexpr const char* kRefused = "302 Not authorized";
 
 // The rights check's answer to the thread for changing accounts: "ok" or the refusal.
 std::string updateUserRight() {
-    return tvc::test::outcome(
-        [] { UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr); });
-}
-
-// operator in more groups than the kernel lets a thread have: its list is refused by setgroups.
-void moreGroupsThanAThreadMayHave() {
-    std::string lines;
-    for (long gid = 100000, end = gid + sysconf(_SC_NGROUPS_MAX); gid < end; ++gid)
-        lines += "x" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":operator\n";
-    tvc::test::addLines("/etc/group", lines);
-}
-
-// An account database that only viewers may read: viewer finds operator, but operator cannot
-// find itself once the thread has become operator.
-void accountsForViewersOnly() {
-    ASSERT_EQ(chown("/etc/passwd", 0, 10002), 0);
-    ASSERT_EQ(chmod("/etc/passwd", 0640), 0);
+    return outcome([] { UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr); });
 }
 
 // A thread acting as viewer asks a second object to act as an account, and the request fails:
@@ -406,16 +343,18 @@ void accountsForViewersOnly() {
 // as viewer, with the context's account object it had (read state included), and a right
 // viewer lacks stays refused.
 TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
+    catalogue.getProfiles(true);  // replaces the library's own an earlier test built: viewer's rights
     const struct {
         const char* what;
         void (*prepare)();  // as root, before the thread acts as viewer
         std::function<void(SystemPermission&)> act;
-        std::string failure;  // "<code> <message> | <description>"
+        std::string failure;  // described()
     } cases[] = {
         {"no such account", [] {}, [](SystemPermission& p) { p.setUserPermission("nosuch"); },
          "16 setUserPermission no user | no account of that name in the account database (wanted uid 4294967295 "
          "gid 4294967295; thread has uid 0/10002/0 gid 0/10002/0)"},
-        {"a group list setgroups refuses, through an account object", moreGroupsThanAThreadMayHave,
+        {"a group list setgroups refuses, through an account object",
+         [] { addOperatorGroups(100000, sysconf(_SC_NGROUPS_MAX)); },
          [](SystemPermission& p) { p.setUserPermission(User("operator")); },
          "15 setUserPermission sys_setgroups | Invalid argument (wanted uid 10001 gid 10001; thread has uid "
          "0/10001/0 gid 0/10001/0)"},
@@ -424,9 +363,10 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
          [](SystemPermission& p) { p.setUserPermission(User("newcomer", 2, true)); },
          "15 setUserPermission sys_setresuid | the ids did not read back (wanted uid 4294967295 gid 10002; thread "
          "has uid 0/0/0 gid 0/10002/0)"},
-        // The switch succeeds; the context's account, built as operator, does not: operator
-        // cannot read passwd, which is a failed lookup, not a missing account.
-        {"an account the context cannot build", accountsForViewersOnly,
+        // The switch succeeds, but passwd only viewers may read: the context's account, built as
+        // operator, is a failed lookup, not a missing account.
+        {"an account the context cannot build",
+         [] { ASSERT_TRUE(chown("/etc/passwd", 0, 10002) == 0 && chmod("/etc/passwd", 0640) == 0); },
          [](SystemPermission& p) { p.setUserPermission("operator"); },
          "12 getpwuid_r :The account database could not be read | Permission denied"},
     };
@@ -438,25 +378,19 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
             viewer.setUserPermission("viewer");
             User& account = umlog::Ctx::getCtx().getUser();
             account.updateState();  // a fresh object of the account would not be active
-            const std::string before = idsOf();
-            ASSERT_EQ(before, "Uid: 0 10002 0 10002 Gid: 0 10002 0 10002 Groups: 4102 4104 4201 10002 ");
+            const std::string before = threadIds();
+            ASSERT_EQ(before, idText(10002, 10002, "4102 4104 4201 10002"));
             ASSERT_TRUE(account.isActive());
             ASSERT_EQ(updateUserRight(), kRefused);
             const auto unchanged = [&] {
-                EXPECT_EQ(idsOf(), before);
+                EXPECT_EQ(threadIds(), before);
                 EXPECT_EQ(&umlog::Ctx::getCtx().getUser(), &account) << "the context holds another account object";
                 EXPECT_TRUE(account.isActive() && account.getUserName() == "viewer");
                 EXPECT_EQ(updateUserRight(), kRefused);
             };
             {
                 SystemPermission other;
-                try {
-                    c.act(other);
-                    ADD_FAILURE() << "no failure";
-                } catch (tarvicexception::TvcException& e) {
-                    EXPECT_EQ(std::to_string(e.getErrorId()) + " " + e.what() + " | " + e.getErrorDescription(),
-                              c.failure);
-                }
+                EXPECT_EQ(tvc::test::described([&] { c.act(other); }), c.failure);
                 unchanged();
             }  // and the object has nothing to restore
             unchanged();
