@@ -4,11 +4,12 @@
 #include <crypt.h>
 #include <gtest/gtest.h>
 #include <shadow.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -246,29 +247,18 @@ TEST_F(PamTest, AGoodChangeStoresTheNewPasswordAndOverlongOnesNeverReachPam) {
 // by the library itself (the change above succeeds with the lock free).
 TEST_F(PamTest, APasswordChangeFailsClearlyWhileAnotherProcessKeepsTheLock) {
     tvc::test::writeFile("/etc/pam.d/testpwd", "password required pam_unix.so sha512\n");
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t holder = fork();
-    if (holder == 0) {
-        const char answer = lckpwdf() == 0 ? 'y' : 'n';
-        (void)!write(ready[1], &answer, 1);
-        alarm(60);  // a change that waits for the lock fails the test instead of hanging it
-        pause();
-        _exit(0);
-    }
-    char answer = 0;
-    ASSERT_EQ(read(ready[0], &answer, 1), 1);
-    ASSERT_EQ(answer, 'y');
+    // A file transaction held between its installs; timeout ends it should the change wait for it.
+    std::FILE* holder = popen("timeout 60 " TVC_FILES_DRIVER " --hold remove guest", "re");
+    int pid = 0;
+    ASSERT_TRUE(holder != nullptr && std::fscanf(holder, "held %d", &pid) == 1);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(outcome([] {
                   session("viewer", WebPam::PasswordCheck)->pamChauthtok("Viewer#2026", "Xk3#vQ9!mTz2");
               }).substr(0, 45),
               "11 pamChauthtok:password files locked by proc");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
+    kill(pid, SIGKILL);
+    tvc::test::finish(holder);
 }
 
 // pam_unix takes the password-file lock to store the hash; a thread of the host reading account

@@ -14,20 +14,17 @@
 
 namespace tvc::test {
 
-bool sandboxActive();
-// Why there is no sandbox (TVC_SANDBOX_ERROR), or "" inside one.
-std::string sandboxError();
-// Directory with the untouched sample passwd, group, shadow and gshadow.
+// Directory with the untouched sample passwd, group, shadow and gshadow; the sandbox script.
 std::string pristineDir();
 const char* sandboxScript();
 
-// The file helpers throw std::system_error when a file cannot be read or written.
+// The file helpers throw std::system_error when a file cannot be read or written.  writeFile
+// keeps the owner and mode of an existing file, a new one gets 0644; addLines adds whole lines
+// behind the file's lines or in front of them; removeEntry drops the line of entry `name`, a
+// test failure when there is none.
 std::string readFile(const std::string& path);
-// Keeps the owner and mode of an existing file; a new one gets 0644.
 void writeFile(const std::string& path, const std::string& text);
-// Adds whole lines behind the file's lines or in front of them.
 void addLines(const std::string& path, const std::string& text, bool inFront = false);
-// Drops the line of entry `name`; a test failure when there is none.
 void removeEntry(const std::string& path, const std::string& name);
 // The lines of a file without their newlines; the line whose first field is `name`, or "";
 // the colon-separated fields of a line, empty ones kept.
