@@ -12,7 +12,6 @@
 #include <functional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "sampledevice/SampleDevice.h"
 #include "support/Sandbox.h"
@@ -24,8 +23,17 @@ namespace {
 
 using SampleDevice = tvc::test::SandboxTest;
 
-// The four account files as the description gives them.
-std::vector<std::pair<std::string, std::string>> describedFiles() {
+// "uid:gid mode" of a file, the mode in octal.
+std::string ownerAndMode(const std::string& path) {
+    struct stat st {};
+    char text[64] = "missing";
+    if (stat(path.c_str(), &st) == 0)
+        std::snprintf(text, sizeof text, "%u:%u %o", st.st_uid, st.st_gid, st.st_mode & 07777);
+    return text;
+}
+
+// The four account files in `dir` are as the description gives them, owned and protected as on a device.
+void expectDescribedFilesIn(const std::string& dir) {
     std::string passwd, shadow, group, gshadow;
     for (const auto& a : sampleDevice().accounts) {
         passwd += a.name + ":x:" + std::to_string(a.uid) + ":" + std::to_string(sampleDevice().group(a.group).gid) +
@@ -38,22 +46,11 @@ std::vector<std::pair<std::string, std::string>> describedFiles() {
         group += g.name + ":x:" + std::to_string(g.gid) + ":" + members + "\n";
         gshadow += g.name + ":!::" + members + "\n";
     }
-    return {{"passwd", passwd}, {"shadow", shadow}, {"group", group}, {"gshadow", gshadow}};
-}
-
-// "uid:gid mode" of a file, the mode in octal.
-std::string ownerAndMode(const std::string& path) {
-    struct stat st {};
-    char text[64] = "missing";
-    if (stat(path.c_str(), &st) == 0)
-        std::snprintf(text, sizeof text, "%u:%u %o", st.st_uid, st.st_gid, st.st_mode & 07777);
-    return text;
-}
-
-void expectDescribedFilesIn(const std::string& dir) {
-    for (const auto& [name, text] : describedFiles()) {
+    for (const auto& [name, text] :
+         {std::pair{"passwd", passwd}, {"shadow", shadow}, {"group", group}, {"gshadow", gshadow}}) {
         EXPECT_EQ(readFile(dir + "/" + name), text) << dir << "/" << name;
-        EXPECT_EQ(ownerAndMode(dir + "/" + name), name.find("shadow") != std::string::npos ? "0:42 640" : "0:0 644");
+        EXPECT_EQ(ownerAndMode(dir + "/" + name),
+                  std::string(name).find("shadow") != std::string::npos ? "0:42 640" : "0:0 644");
     }
 }
 
@@ -75,15 +72,15 @@ TEST_F(SampleDevice, SandboxWritesTheDescribedDeviceAndTheFixturePutsItBack) {
     expectDescribedFilesIn("/etc");
 }
 
-// Runs the sandbox script with `args` (shell words), as nobody when asked; `meanwhile` may read
-// the first of its output.  Its exit status and what it printed.
-std::pair<int, std::string> runSandbox(const std::string& args, bool asNobody = false,
-                                       const std::function<void(std::FILE*)>& meanwhile = nullptr) {
+// "<exit status> <output>" of the sandbox script run with `args` (shell words), as nobody when
+// asked; `meanwhile` may read the first of its output.
+std::string runSandbox(const std::string& args, bool asNobody = false,
+                       const std::function<void(std::FILE*)>& meanwhile = nullptr) {
     const std::string as = asNobody ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
     std::FILE* out = popen((as + tvc::test::sandboxScript() + " " + args + " 2>&1").c_str(), "r");
     if (meanwhile) meanwhile(out);
     const tvc::test::Result result = tvc::test::finish(out);
-    return {result.status, result.output};
+    return std::to_string(result.status) + " " + result.output;
 }
 
 // Sandboxes inside this one: whatever a command does to /etc, /home and /var/log stays inside,
@@ -91,7 +88,7 @@ std::pair<int, std::string> runSandbox(const std::string& args, bool asNobody = 
 // without the sandbox's scratch file system and pristine copies underneath it.
 TEST_F(SampleDevice, NestedSandboxesKeepChangesInsideEndTheirCommandAndKeepTheirInterface) {
     pid_t command = 0, sandbox = 0;
-    const auto stopped = runSandbox("-- sh -c 'echo $$ $PPID; exec sleep 30'", false, [&](std::FILE* said) {
+    const std::string stopped = runSandbox("-- sh -c 'echo $$ $PPID; exec sleep 30'", false, [&](std::FILE* said) {
         // The command, the sandbox's child, names both.
         if (std::fscanf(said, "%d %d", &command, &sandbox) == 2 && sandbox > 0) kill(sandbox, SIGTERM);
     });
@@ -99,18 +96,15 @@ TEST_F(SampleDevice, NestedSandboxesKeepChangesInsideEndTheirCommandAndKeepTheir
     if (commandLeft) kill(command, SIGKILL);
     EXPECT_GT(command, 0) << "the nested sandbox never started its command";
     EXPECT_FALSE(commandLeft) << "the command outlived its sandbox";
-    EXPECT_EQ(stopped.first, 128 + SIGTERM);
+    EXPECT_EQ(stopped.substr(0, stopped.find(' ')), std::to_string(128 + SIGTERM));
 
-    const std::string refused = "tvc-sandbox: cannot create the device sandbox: needs root (running as uid 65534)\n";
-    const std::pair<std::pair<int, std::string>, std::pair<int, std::string>> cases[] = {
-        {runSandbox("-- sh -c 'echo intruder:x:0:0::/:/bin/sh >>/etc/passwd; : >/etc/shadow; rm /etc/group;"
-                    " mkdir /home/intruder; echo x >/var/log/tvc-intruder; test \"$TVC_SANDBOX\" = 1 && exit 3'"),
-         {3, ""}},
-        {runSandbox("-- true", true), {125, refused}},
-        {runSandbox("--fallback sh -c 'echo \"${TVC_SANDBOX-unset} $TVC_SANDBOX_ERROR\"'", true),
-         {0, "unset needs root (running as uid 65534)\n"}},
-    };
-    for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
+    EXPECT_EQ(runSandbox("-- sh -c 'echo intruder:x:0:0::/:/bin/sh >>/etc/passwd; : >/etc/shadow; rm /etc/group;"
+                         " mkdir /home/intruder; echo x >/var/log/tvc-intruder; test \"$TVC_SANDBOX\" = 1 && exit 3'"),
+              "3 ");
+    EXPECT_EQ(runSandbox("-- true", true),
+              "125 tvc-sandbox: cannot create the device sandbox: needs root (running as uid 65534)\n");
+    EXPECT_EQ(runSandbox("--fallback sh -c 'echo \"${TVC_SANDBOX-unset} $TVC_SANDBOX_ERROR\"'", true),
+              "0 unset needs root (running as uid 65534)\n");
     expectDescribedFilesIn("/etc");
     EXPECT_EQ(ownerAndMode("/home/intruder") + " " + ownerAndMode("/var/log/tvc-intruder"), "missing missing");
 }
