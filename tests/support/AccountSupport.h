@@ -30,19 +30,15 @@ struct QuickDefinition : tvc::sample::SampleDefinition {
 
 // "ok", or "<code> <message>" of the library exception `call` throws; described() adds
 // " | <description>".
-inline std::string outcome(const std::function<void()>& call) try {
+inline std::string outcomeText(const std::function<void()>& call, bool details) try {
     call();
     return "ok";
 } catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId()) + " " + e.what();
+    return std::to_string(e.getErrorId()) + " " + e.what() +
+           (details ? std::string(" | ") + e.getErrorDescription() : "");
 }
-
-inline std::string described(const std::function<void()>& call) try {
-    call();
-    return "ok";
-} catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId()) + " " + e.what() + " | " + e.getErrorDescription();
-}
+inline std::string outcome(const std::function<void()>& call) { return outcomeText(call, false); }
+inline std::string described(const std::function<void()>& call) { return outcomeText(call, true); }
 
 // "ok", or only the code.
 inline std::string outcomeCode(const std::function<void()>& call) {
