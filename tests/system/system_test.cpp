@@ -73,15 +73,12 @@ void becomeThread(unsigned int r, unsigned int e, unsigned int s, const std::vec
 bool noChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 // A configuration whose hasRootProfile() gives answer(), installed for the object's lifetime.
-class ScopedRootProfile : public usermanagement::UserDefinition {
-public:
-    explicit ScopedRootProfile(bool (*answer)()) : m_answer(answer) { setUserDefinition(*this); }
-    ~ScopedRootProfile() override { m_ptrDefaultUserDefinition = m_saved; }
-    bool hasRootProfile() override { return m_answer(); }
-
-private:
-    bool (*m_answer)();
-    usermanagement::UserDefinition* m_saved = m_ptrDefaultUserDefinition;
+struct ScopedRootProfile : UserDefinition {
+    explicit ScopedRootProfile(bool (*answer)()) : answer(answer) { setUserDefinition(*this); }
+    ~ScopedRootProfile() override { m_ptrDefaultUserDefinition = saved; }
+    bool hasRootProfile() override { return answer(); }
+    bool (*const answer)();
+    UserDefinition* const saved = m_ptrDefaultUserDefinition;
 };
 
 using IdentityTest = tvc::test::SandboxTest;
@@ -340,7 +337,6 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
 using ActingFailureTest = tvc::test::DeviceTest<tvc::test::QuickDefinition>;
 
 constexpr const char* kRefused = "302 Not authorized";
-
 // The rights check's answer to the thread for changing accounts: "ok" or the refusal.
 std::string updateUserRight() {
     return outcome([] { UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr); });
@@ -407,8 +403,6 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
     }
 }
 
-// The launcher apart from its identity step.
-
 TEST(ScriptLauncher, ExecReturnsTheOutputWithoutItsLastNewlineAndQuotedNamesAsOneUnchangedWord) {
     std::vector<std::pair<std::string, std::string>> cases = {
         {"printf 'a\\nb\\n'", "a\nb"},
@@ -448,8 +442,7 @@ TEST(ScriptLauncher, StreamsReportTheirOwnStatusAndNoOtherChildHoldsThem) {
     EXPECT_TRUE(noChildren());
 }
 
-// The checks below run in fresh processes; the exit code names the check that failed.
-
+// The two checks below run in fresh processes; the exit code names the check that failed.
 // Launches with the descriptor table sized under a lowered limit, with standard input and output
 // closed (the pipe's child end then already has its number in the child), and with the table full.
 int launchAtTheEdgesOfTheTable() {
