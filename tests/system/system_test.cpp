@@ -1,7 +1,6 @@
-// The system layer: identities of single threads (SystemPermission's, and the one the launcher's
-// child takes), the launcher itself, shell quoting and base64.  Ids are read from /proc and set
-// with the library's own per-thread calls, in worker threads so that the main thread stays root.
-// The sample device's group file gives the accounts their groups.
+// The system layer: identities of single threads (SystemPermission's, the launcher's child's), read
+// from /proc and set with the library's own per-thread calls in worker threads (the main thread stays
+// root); the launcher, shell quoting and base64.  The sample device's groups are the accounts'.
 #include <fcntl.h>
 #include <linux/securebits.h>
 #include <sys/mount.h>
@@ -47,8 +46,7 @@ namespace {
 
 constexpr uid_t kSame = ids::kUnchanged;
 
-// threadIds() of a root thread acting as `uid` and `gid` (real and saved ids root), or of one
-// that gave root up for them (all four ids).
+// threadIds() of a root thread acting as `uid`/`gid`, or of one that gave root up for them.
 std::string idText(unsigned int uid, unsigned int gid, const std::string& groups, bool dropped = false) {
     const std::string u = std::to_string(uid) + " ", g = std::to_string(gid) + " ";
     const std::string ru = dropped ? u : "0 ", rg = dropped ? g : "0 ";
@@ -162,8 +160,7 @@ constexpr const char* kDir = "/tmp/download";
 constexpr const char* kTrace = "/tmp/download/sessionP.txt";
 constexpr const char* kOther = "/tmp/download/other";
 
-// print() as root with something planted at the trace path.  /tmp is a tmpfs of the test's own,
-// in the sandbox's private mount namespace.
+// print() as root with something planted at the trace path, on a /tmp of the test's own.
 TEST_F(IdentityTest, TraceWritesOnlyARegularFileOfItsOwnWithOneName) {
     ASSERT_EQ(mount("tvc-trace", "/tmp", "tmpfs", 0, "mode=1777"), 0);
     ASSERT_EQ(mkdir(kDir, 0755), 0);
@@ -226,11 +223,10 @@ std::string addOperatorGroups(long first, long count) {
     return gids;
 }
 
-// Every account of the device, acted as first alone from a root thread that carries groups of its
-// own (shadow's among them), by name and through an account object and back to the snapshot; then
-// by many threads at once, each of which sees exactly the identity its account took alone (read
-// back from the kernel), never another thread's, and a context naming its account.  While acting
-// a thread cannot change the account files itself; the library's own switch to root still can.
+// Every account of the device, acted as alone from a root thread with groups of its own (shadow's
+// among them) by name and by object and back, then by many threads at once: each sees exactly its
+// account's identity and context, never another thread's, and cannot change the account files but
+// through the library's own switch to root.
 TEST_F(IdentityTest, ActingAsAnAccountTakesExactlyItsIdentityAlsoWithManyThreadsAtOnce) {
     const std::string gids = addOperatorGroups(5000, 100);
     const std::map<std::string, std::string> known{
@@ -342,10 +338,9 @@ std::string updateUserRight() {
     return outcome([] { UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr); });
 }
 
-// A thread acting as viewer asks a second object to act as an account, and the request fails:
-// before anything was switched, or after the switch had begun.  Either way the thread goes on
-// as viewer, with the context's account object it had (read state included), and a right
-// viewer lacks stays refused.
+// A thread acting as viewer asks a second object to act as an account, which fails before or after
+// the switch began: the thread goes on as viewer, with its context's account object (read state
+// included), and a right viewer lacks stays refused.
 TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
     catalogue.getProfiles(true);  // replaces the library's own an earlier test built: viewer's rights
     const struct {
@@ -442,9 +437,9 @@ TEST(ScriptLauncher, StreamsReportTheirOwnStatusAndNoOtherChildHoldsThem) {
     EXPECT_TRUE(noChildren());
 }
 
-// The two checks below run in fresh processes; the exit code names the check that failed.
-// Launches with the descriptor table sized under a lowered limit, with standard input and output
-// closed (the pipe's child end then already has its number in the child), and with the table full.
+// In a fresh process (the exit code names the failed check): launches with the descriptor table
+// sized under a lowered limit, with standard input and output closed (the pipe's child end then
+// already has its number in the child), and with the table full.
 int launchAtTheEdgesOfTheTable() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 128) return 2;
