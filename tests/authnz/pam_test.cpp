@@ -2,23 +2,15 @@
 // a thread acting as the web server's account (www-data), as a device's web server calls them:
 // every call must leave that thread with exactly the identity it had.
 #include <crypt.h>
-#include <gtest/gtest.h>
 #include <shadow.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <functional>
 #include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
-#include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
 
 #include "sampledevice/SampleDevice.h"

@@ -2,7 +2,6 @@
 // hosts catch them; umctl_test checks the JSON answers), what the library's throws carry, and the
 // providers.  And the test environment itself: the sandbox builds the device sample-device.txt
 // describes, keeps every change inside and keeps its interface.
-#include <gtest/gtest.h>
 
 #include <crypt.h>
 #include <pwd.h>
@@ -11,14 +10,11 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <locale>
 #include <memory>
-#include <string>
 #include <thread>
-#include <utility>
 
 #include <authnz/AuthNZException.h>
 #include <umlog/Ctx.h>
