@@ -17,7 +17,6 @@
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
-using authnz::Options;
 using authnz::WebPam;
 
 namespace {
@@ -138,7 +137,7 @@ TEST_F(PamTest, ConversationsFollowTheirRules) {
             "/etc/pam.d/tvc-script",
             std::string(c.phase) + " required /etc/tvc-pam/pam_tvc_script.so report=" + report + " " + c.script + "\n");
         unlink(report.c_str());
-        Options options{1, 1};
+        authnz::Options options{1, 1};
         WebPam pam("tvc-script", "viewer", "192.0.2.7", options);
         const std::string phase = c.phase;
         const std::string result = outcome([&] {
@@ -221,30 +220,27 @@ TEST_F(PamTest, OverlongPasswordsNeverReachPam) {
     });
 }
 
-// pam_unix takes the password-file lock to store the hash and would wait as long as another
-// process holds it: the change fails instead, and the lock is never held around the PAM call
-// by the library itself (the good change succeeds with the lock free).
-TEST_F(PamTest, APasswordChangeFailsClearlyWhileAnotherProcessKeepsTheLock) {
+// pam_unix takes the password-file lock to store the hash and would wait as long as another process
+// holds it: the change fails instead.  A thread of the host reading account state meanwhile
+// (updateState holds the lock for its read) must wait for the change at the library's gate, since
+// lckpwdf fails at once while another thread of the process holds it; the library itself never
+// holds the lock around the PAM call (the changes succeed with the lock free).
+TEST_F(PamTest, AChangeFailsClearlyWhileAnotherProcessHoldsTheLockAndWaitsForAThreadOfItsOwn) {
     tvc::test::writeFile("/etc/pam.d/testpwd", "password required pam_unix.so sha512\n");
+    const auto change = [](const char* current, const char* next) {
+        return outcome([&] { session("viewer", WebPam::PasswordCheck)->pamChauthtok(current, next); });
+    };
     // A file transaction held between its installs; timeout ends it should the change wait for it.
     std::FILE* holder = popen("timeout 60 " TVC_FILES_DRIVER " --hold remove guest", "re");
     int pid = 0;
     ASSERT_TRUE(holder != nullptr && std::fscanf(holder, "held %d", &pid) == 1);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(outcome([] {
-                  session("viewer", WebPam::PasswordCheck)->pamChauthtok("Viewer#2026", "Xk3#vQ9!mTz2");
-              }).substr(0, 45),
-              "11 pamChauthtok:password files locked by proc");
+    EXPECT_EQ(change("Viewer#2026", "Xk3#vQ9!mTz2").substr(0, 45), "11 pamChauthtok:password files locked by proc");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
     kill(pid, SIGKILL);
     tvc::test::finish(holder);
-}
+    tvc::test::restoreSampleDevice();  // guest, which the held transaction had removed from passwd
 
-// pam_unix takes the password-file lock to store the hash; a thread of the host reading account
-// state meanwhile (updateState holds the lock for its read) must wait for the change at the
-// library's gate, since lckpwdf fails at once while another thread of the process holds it.
-TEST_F(PamTest, APasswordChangeAndAThreadReadingAccountStateFailNeitherOneAnother) {
-    tvc::test::writeFile("/etc/pam.d/testpwd", "password required pam_unix.so sha512\n");
     std::atomic<bool> done{false};
     std::string read = "ok", changes;
     catalogue.getProfiles(false);  // built before threads read it, as a host does at start-up
@@ -253,10 +249,7 @@ TEST_F(PamTest, APasswordChangeAndAThreadReadingAccountStateFailNeitherOneAnothe
     });
     asWebServer([&](const std::function<void()>&) {
         const char* passwords[] = {"Viewer#2026", "Xk3#vQ9!mTz2"};
-        for (int i = 0; i < 10; ++i)
-            changes += outcome([&] {
-                session("viewer", WebPam::PasswordCheck)->pamChauthtok(passwords[i % 2], passwords[(i + 1) % 2]);
-            }) + " ";
+        for (int i = 0; i < 10; ++i) changes += change(passwords[i % 2], passwords[(i + 1) % 2]) + " ";
     });
     done = true;
     reader.join();

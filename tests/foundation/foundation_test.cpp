@@ -34,10 +34,8 @@ using tvc::test::readFile;
 
 namespace {
 
-using Ptr = std::shared_ptr<TvcException>;
-
 template <class E, class... Args>
-Ptr make(Args... args) {
+std::shared_ptr<TvcException> make(Args... args) {
     return std::make_shared<E>(args...);
 }
 
@@ -52,7 +50,7 @@ std::string thrown(const std::function<void()>& use) try {
 // A logged line as "category message-id severity keyword|text", the keyword being getError()'s;
 // categories are 1 general, 8 user account, 9 session, severities 4 warning, 5 notice, 7 debug.
 TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
-    const std::pair<Ptr, std::string> cases[] = {
+    const std::pair<std::shared_ptr<TvcException>, std::string> cases[] = {
         {make<TvcException>(UMError::MainAccountUnremovable, std::string("m"), "alice", true),
          "1 17 7 |Unknow error,(3)m,"},
         // A listed code, then one of another class's table: the class's defaults.

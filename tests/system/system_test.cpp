@@ -325,12 +325,6 @@ TEST_F(IdentityTest, CommandRunsWithTheThreadsEffectiveIdsAndTheAccountsGroupsOn
 
 using ActingFailureTest = tvc::test::DeviceTest<tvc::test::QuickDefinition>;
 
-constexpr const char* kRefused = "302 Not authorized";
-// The rights check's answer to the thread for changing accounts: "ok" or the refusal.
-std::string updateUserRight() {
-    return outcome([] { UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr); });
-}
-
 // A thread acting as viewer asks a second object to act as an account, which fails before or after
 // the switch began: the thread goes on as viewer, with its context's account object (read state
 // included), and a right viewer lacks stays refused.
@@ -374,7 +368,10 @@ TEST_F(ActingFailureTest, AFailedActAsLeavesTheThreadAndItsContextAsTheyWere) {
                 EXPECT_EQ(threadIds(), idText(10002, 10002, "4102 4104 4201 10002"));
                 EXPECT_EQ(&umlog::Ctx::getCtx().getUser(), &account) << "the context holds another account object";
                 EXPECT_TRUE(account.isActive() && account.getUserName() == "viewer");
-                EXPECT_EQ(updateUserRight(), kRefused);
+                EXPECT_EQ(outcome([] {
+                              UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, nullptr);
+                          }),
+                          "302 Not authorized");
             };
             unchanged();  // as it was before the request
             {
