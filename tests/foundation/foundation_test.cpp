@@ -124,10 +124,8 @@ TEST(Raise, ContextUserClassicNumbersAndTheReason) {
 
 // With no provider installed, every use is refused.
 TEST(Providers, RefusedWithNothingInstalled) {
-    UserDefinition* const savedDefinition = UserDefinition::m_ptrDefaultUserDefinition;
-    Logger* const savedLogger = Logger::m_ptrDefaultSLogger;
-    UserDefinition::m_ptrDefaultUserDefinition = nullptr;
-    Logger::m_ptrDefaultSLogger = nullptr;
+    UserDefinition* const savedDefinition = std::exchange(UserDefinition::m_ptrDefaultUserDefinition, nullptr);
+    Logger* const savedLogger = std::exchange(Logger::m_ptrDefaultSLogger, nullptr);
     EXPECT_EQ(thrown([] { UserDefinition::GetUserDefinition(); }), "40: No User Database (No User Database) ");
     EXPECT_EQ(thrown([] { Logger::GetLogger(); }), "40: No umlog Database (No umlog Database) ");
     UserDefinition::m_ptrDefaultUserDefinition = savedDefinition;
@@ -162,8 +160,7 @@ void expectDescribedFilesIn(const std::string& dir) {
     for (const auto& [name, text] :
          {std::pair{"passwd", passwd}, {"shadow", shadow}, {"group", group}, {"gshadow", gshadow}}) {
         EXPECT_EQ(readFile(dir + "/" + name), text) << dir << "/" << name;
-        EXPECT_EQ(ownerAndMode(dir + "/" + name),
-                  std::string(name).find("shadow") != std::string::npos ? "0:42 640" : "0:0 644");
+        EXPECT_EQ(ownerAndMode(dir + "/" + name), std::strstr(name, "shadow") ? "0:42 640" : "0:0 644");
     }
 }
 

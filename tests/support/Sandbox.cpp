@@ -22,10 +22,7 @@
 
 namespace tvc::test {
 
-static std::string env(const char* name) {
-    const char* value = std::getenv(name);
-    return value ? value : "";
-}
+static std::string env(const char* name) { return std::getenv(name) ? std::getenv(name) : ""; }
 
 [[noreturn]] static void fail(const std::string& what, const std::string& path) {
     throw std::system_error(errno, std::generic_category(), what + " " + path);

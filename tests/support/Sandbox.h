@@ -1,9 +1,7 @@
 // Fixture and file helpers for tests of the device's account files.  Test binaries run inside
-// tools/sandbox/tvc-sandbox (main() in Sandbox.cpp), where /etc is a throw-away overlay holding the
-// sample device; SandboxTest puts its account files back before every test.  Outside a sandbox
-// those tests are skipped, or fail when CI=true: a CI machine must be able to build one.  A
-// derived fixture's SetUp calls SandboxTest::SetUp() first and returns on IsSkipped() or
-// HasFatalFailure().
+// tools/sandbox/tvc-sandbox (main() in Sandbox.cpp), whose throw-away /etc holds the sample device;
+// SandboxTest puts its account files back before every test, and outside a sandbox skips the test
+// (fails it when CI=true).  A derived SetUp returns after it on IsSkipped() or HasFatalFailure().
 #pragma once
 
 #include <gtest/gtest.h>

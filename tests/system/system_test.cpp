@@ -155,13 +155,12 @@ constexpr const char* kOther = "/tmp/download/other";
 
 // print() as root with something planted at the trace path, on a /tmp of the test's own.
 TEST_F(IdentityTest, TraceWritesOnlyARegularFileOfItsOwnWithOneName) {
-    ASSERT_EQ(mount("tvc-trace", "/tmp", "tmpfs", 0, "mode=1777"), 0);
-    ASSERT_EQ(mkdir(kDir, 0755), 0);
+    ASSERT_TRUE(mount("tvc-trace", "/tmp", "tmpfs", 0, "mode=1777") == 0 && mkdir(kDir, 0755) == 0);
     const SystemPermission snapshot;
     testing::internal::CaptureStdout();
     snapshot.print();
-    const std::string block = testing::internal::GetCapturedStdout();
-    const std::string trace = block.substr(0, block.size() - 1);  // the file gets no blank line
+    std::string trace = testing::internal::GetCapturedStdout();
+    trace.pop_back();  // the file gets no blank line
     Descriptor reader;
     const struct {
         const char* what;
@@ -430,8 +429,7 @@ TEST(ScriptLauncher, StreamsReportTheirOwnStatusAndNoOtherChildHoldsThem) {
 int launchAtTheEdgesOfTheTable() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 128) return 2;
-    rlimit lowered = limit;
-    lowered.rlim_cur = 64;
+    const rlimit lowered{64, limit.rlim_max};
     if (setrlimit(RLIMIT_NOFILE, &lowered) != 0) return 3;
     ScriptLauncher::exec("true", false);  // sizes the table: 64 entries
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 4;
@@ -454,10 +452,9 @@ int launchUnderSignals() {
     if (setpgid(0, 0) != 0 || pipe2(g_strayRuns, O_NONBLOCK) != 0) return 2;  // signals stay in this group
     g_hostPid = getpid();
     struct sigaction host {};
-    host.sa_handler = [](int) {
+    host.sa_handler = [](int) {  // no SA_RESTART: the launcher's waits see EINTR and must retry
         if (getpid() != g_hostPid) (void)!write(g_strayRuns[1], "x", 1);
     };
-    host.sa_flags = 0;  // no SA_RESTART: the launcher's waits see EINTR and must retry
     sigaction(SIGWINCH, &host, nullptr);
     sigset_t mask;
     sigemptyset(&mask);
