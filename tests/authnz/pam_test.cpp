@@ -21,7 +21,6 @@ using authnz::WebPam;
 
 namespace {
 
-using tvc::test::described;
 using tvc::test::outcome;
 using tvc::test::threadIds;
 using PamTest = tvc::test::AccountsTest;
@@ -66,8 +65,8 @@ TEST_F(PamTest, LoginsPassFailExpireAndLockAtTheLimitWithOneLockEvent) {
         for (const auto& c : cases) {
             SCOPED_TRACE(std::string(c.user) + " " + c.password);
             const auto pam = session(c.user, WebPam::WebLogin);
-            std::string result = described([&] { pam->pamAuthentication(c.password); });
-            if (result == "ok") result += " " + described([&] { pam->pamAccount(); });
+            std::string result = tvc::test::described([&] { pam->pamAuthentication(c.password); });
+            if (result == "ok") result += " " + tvc::test::described([&] { pam->pamAccount(); });
             EXPECT_EQ(result.substr(0, c.expected.size()), c.expected);
             sameIdentity();
         }
@@ -80,9 +79,7 @@ TEST_F(PamTest, LoginsPassFailExpireAndLockAtTheLimitWithOneLockEvent) {
 // Many logins at once, each thread acting as the web server: every one gets its own answer.
 TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
     const struct {
-        const char* user;
-        const char* password;
-        const char* expected;
+        const char *user, *password, *expected;
     } cases[] = {
         {"viewer", "Viewer#2026", "ok"}, {"tech", "Tech#2026", "ok"},       {"admin", "Admin#2026", "ok"},
         {"guest", "Wrong#2026", "200"},  {"operator", "Wrong#2026", "200"},

@@ -1,7 +1,6 @@
-// What hosts see of the foundation: exception log lines byte for byte (through the root class, as
-// hosts catch them; umctl_test checks the JSON answers), what the library's throws carry, and the
-// providers.  And the test environment itself: the sandbox builds the device sample-device.txt
-// describes, keeps every change inside and keeps its interface.
+// What hosts see of the foundation: exception log lines byte for byte (through the root class, as hosts
+// catch them; umctl_test checks the JSON answers), what the library's throws carry, the providers; and
+// the test environment: the sandbox builds the device sample-device.txt describes and keeps it inside.
 
 #include <crypt.h>
 #include <pwd.h>
@@ -97,9 +96,8 @@ TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
     EXPECT_TRUE(sink.messages.empty()) << "made with logging off";
 }
 
-// The library's throws carry the calling thread's context user (every thread has a context of
-// its own), a message whose numbers never take a host locale's grouping, and a failed system
-// call's reason as the description.
+// The library's throws carry the calling thread's own context user, a message whose numbers never
+// take a host locale's grouping, and a failed system call's reason as the description.
 TEST(Raise, ContextUserClassicNumbersAndTheReason) {
     struct Grouping : std::numpunct<char> {
         char do_thousands_sep() const override { return '.'; }

@@ -1,6 +1,6 @@
-// What the suites on the sample device share: its configuration without the pause after an
-// unknown name, the outcome of a call as text (for tables of expected answers), threads acting
-// as an account, and a fixture that records the account events and the commands run.
+// What the suites on the sample device share: its configuration without the pause after an unknown
+// name, a call's outcome as text, threads acting as an account, and a fixture recording the account
+// events and the commands run.
 #pragma once
 
 #include <unistd.h>

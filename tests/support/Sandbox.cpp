@@ -1,6 +1,5 @@
-// The sandbox helpers, and main() of every test binary.  Started outside a device sandbox, a
-// binary re-executes itself through tools/sandbox/tvc-sandbox, which sets TVC_SANDBOX (inside) or
-// TVC_SANDBOX_ERROR, and installs the sample device's PAM stack from TVC_PAM_DIR.
+// The sandbox helpers, and main() of every test binary: started outside a device sandbox, it re-executes
+// itself through tools/sandbox/tvc-sandbox, which sets TVC_SANDBOX (inside) or TVC_SANDBOX_ERROR.
 #include "support/Sandbox.h"
 
 #include <fcntl.h>
