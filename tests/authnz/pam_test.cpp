@@ -2,47 +2,28 @@
 // a thread acting as the web server's account (www-data), as a device's web server calls them:
 // every call must leave that thread with exactly the identity it had.
 #include <crypt.h>
-#include <gtest/gtest.h>
 #include <shadow.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <functional>
+#include <csignal>
 #include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
-#include <usermanagement/ProfileDefinition.h>
-#include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
-#include <usermanagement/UserDefinition.h>
 
 #include "sampledevice/SampleDevice.h"
 #include "support/AccountSupport.h"
 
 using namespace usermanagement;
-using authnz::Options;
 using authnz::WebPam;
 
 namespace {
 
 using tvc::test::outcome;
-
-class PamTest : public tvc::test::DeviceTest<tvc::test::QuickDefinition> {
-protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        unlink("/var/log/tallylog");  // no failed logins left by an earlier test
-    }
-};
-
 using tvc::test::threadIds;
+using PamTest = tvc::test::AccountsTest;
 
 // Runs `body` in a thread acting as www-data; the thread must end every call as it started it.
 void asWebServer(const std::function<void(const std::function<void()>& sameIdentity)>& body) {
@@ -58,41 +39,13 @@ std::shared_ptr<WebPam> session(const std::string& user, WebPam::PamType type) {
     return std::shared_ptr<WebPam>(WebPam::GetPAM(user, "192.0.2.7", type));
 }
 
-// The test's own work on /etc, done as root from a thread acting as www-data.
-template <class Work>
-auto asRoot(Work work) {
-    SystemPermission root;
-    root.setRealPermissions();
-    return work();
-}
-
-void writeService(const std::string& name, const std::string& text) {
-    asRoot([&] { return bool(std::ofstream("/etc/pam.d/" + name) << text); });
-}
-
-std::string storedHash(const std::string& user) {
-    return asRoot([&] {
-        const spwd* entry = getspnam(user.c_str());
-        return std::string(entry != nullptr && entry->sp_pwdp != nullptr ? entry->sp_pwdp : "");
-    });
-}
-
-// "<code> <message> / <description>" of what `call` throws, or "ok".
-std::string described(const std::function<void()>& call) try {
-    call();
-    return "ok";
-} catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId()) + " " + e.what() + " / " + e.getErrorDescription();
-}
-
 // Logins through the sample device's "login" service, whose tally module counts every failure
 // and refuses an account at the limit, the one the library is configured with.
 TEST_F(PamTest, LoginsPassFailExpireAndLockAtTheLimitWithOneLockEvent) {
     tvc::test::removeEntry("/etc/shadow", "operator");
     tvc::test::addLines("/etc/shadow", "operator:" + tvc::sample::sampleDevice().account("operator").shadow +
                                            ":0:0:99999:7:::\n");  // changed on day 0: expired
-    tvc::test::RecordingLogger sink;
-    const std::string invalid = "200 Invalid Credentials / Authentication failure";
+    const std::string invalid = "200 Invalid Credentials | Authentication failure";
     const struct {
         const char* user;
         const char* password;
@@ -104,33 +57,29 @@ TEST_F(PamTest, LoginsPassFailExpireAndLockAtTheLimitWithOneLockEvent) {
         {"viewer", "Wrong#3", invalid},      // reaches the limit: the lock event
         {"viewer", "Wrong#4", invalid},      // beyond it: no event
         {"viewer", "Viewer#2026", invalid},  // locked: the right password is refused too
-        {"operator", "Operator#2026", "ok 301 ExpiredCredentials / PAM: pamAccount 12 "},
-        {"root", "Root#2026", "0  / "},  // refused before PAM is asked
-        {"nosuch", "Nosuch#2026", "200 PAM:User not found / "},
+        {"operator", "Operator#2026", "ok 301 ExpiredCredentials | PAM: pamAccount 12 "},
+        {"root", "Root#2026", "0  | "},  // refused before PAM is asked
+        {"nosuch", "Nosuch#2026", "200 PAM:User not found | "},
     };
     asWebServer([&](const std::function<void()>& sameIdentity) {
         for (const auto& c : cases) {
             SCOPED_TRACE(std::string(c.user) + " " + c.password);
             const auto pam = session(c.user, WebPam::WebLogin);
-            std::string result = described([&] { pam->pamAuthentication(c.password); });
-            if (result == "ok") result += " " + described([&] { pam->pamAccount(); });
+            std::string result = tvc::test::described([&] { pam->pamAuthentication(c.password); });
+            if (result == "ok") result += " " + tvc::test::described([&] { pam->pamAccount(); });
             EXPECT_EQ(result.substr(0, c.expected.size()), c.expected);
             sameIdentity();
         }
     });
     ASSERT_EQ(sink.messages.size(), 1u);
-    EXPECT_EQ(sink.messages[0].text, "User account - locked <viewer>");
-    EXPECT_EQ(std::to_string(sink.messages[0].messageId) + " " + sink.messages[0].ip, "9 192.0.2.7");
-    EXPECT_TRUE(sink.messages[0].category == LogCategory::UserAccount &&
-                sink.messages[0].severity == LogSeverity::Warning);
+    EXPECT_EQ(sink.messages[0].ip, "192.0.2.7");
+    EXPECT_EQ(takeEvents(), "9 User account - locked <viewer>\n");  // a warning
 }
 
 // Many logins at once, each thread acting as the web server: every one gets its own answer.
 TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
     const struct {
-        const char* user;
-        const char* password;
-        const char* expected;
+        const char *user, *password, *expected;
     } cases[] = {
         {"viewer", "Viewer#2026", "ok"}, {"tech", "Tech#2026", "ok"},       {"admin", "Admin#2026", "ok"},
         {"guest", "Wrong#2026", "200"},  {"operator", "Wrong#2026", "200"},
@@ -150,17 +99,12 @@ TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
     for (std::thread& thread : threads) thread.join();
 }
 
-// `n` times `item`, `separator` between them.
-std::string repeated(const std::string& item, const std::string& separator, int n) {
-    std::string text = item;
-    for (int i = 1; i < n; ++i) text += separator + item;
-    return text;
-}
-
 // The conversation rules, through real libpam and a module that says what its arguments script
 // ("call" starts the next conversation call; the module reports the answers of each call).
 TEST_F(PamTest, ConversationsFollowTheirRules) {
     const std::string report = "/var/log/tvc-script.report";
+    std::string xs = "x", dashes = "-";  // 32 of each, "," and "|" between them
+    for (int i = 1; i < 32; ++i) xs += ",x", dashes += "|-";
     const struct {
         const char* phase;   // auth, account (before any login: the storing conversation), password
         const char* script;  // pam_tvc_script.so arguments
@@ -171,8 +115,8 @@ TEST_F(PamTest, ConversationsFollowTheirRules) {
         {"auth", "info=a error=b info=", "ok", "a,b", "rc=0 n=3 answers=||"},
         {"auth", "on=Login:", "200", "", "rc=20 n=1 answers=-"},
         // PAM_MAX_NUM_MSG messages in one call are answered, one more is refused.
-        {"auth", "info=x times=32", "ok", repeated("x", ",", 32), "rc=0 n=32 answers=" + repeated("", "|", 32)},
-        {"auth", "info=x times=33", "200", "", "rc=19 n=33 answers=" + repeated("-", "|", 33)},
+        {"auth", "info=x times=32", "ok", xs, "rc=0 n=32 answers=" + std::string(31, '|')},
+        {"auth", "info=x times=33", "200", "", "rc=19 n=33 answers=" + dashes + "|-"},
         {"account", "info=a error=b", "ok", "b", "rc=0 n=2 answers=-|-"},
         {"account", "off=Password:", "3", "", "rc=19 n=1 answers=-"},
         {"password", "[info=Changing password] [off=CURRENT password:] [off=New password:] [off=Retype new password:]",
@@ -190,7 +134,7 @@ TEST_F(PamTest, ConversationsFollowTheirRules) {
             "/etc/pam.d/tvc-script",
             std::string(c.phase) + " required /etc/tvc-pam/pam_tvc_script.so report=" + report + " " + c.script + "\n");
         unlink(report.c_str());
-        Options options{1, 1};
+        authnz::Options options{1, 1};
         WebPam pam("tvc-script", "viewer", "192.0.2.7", options);
         const std::string phase = c.phase;
         const std::string result = outcome([&] {
@@ -200,22 +144,21 @@ TEST_F(PamTest, ConversationsFollowTheirRules) {
         });
         EXPECT_EQ(result.substr(0, c.expected.size()), c.expected) << result;
         EXPECT_EQ(pam.getPamMessages(), c.messages);
-        std::string answers = access(report.c_str(), F_OK) == 0 ? tvc::test::readFile(report) : "";
-        if (!answers.empty()) answers.pop_back();
-        EXPECT_EQ(answers, c.answers);
+        EXPECT_EQ(access(report.c_str(), F_OK) == 0 ? tvc::test::readFile(report) : "",
+                  c.answers.empty() ? "" : c.answers + "\n");
     }
 }
 
 // Every password-quality rule the classification knows, fired by the real pam_pwquality: as a
-// strength test (no current password; the stack stores nothing) or, for the rules that compare
-// with the old password, as the account's own change through pam_unix.
-TEST_F(PamTest, EachQualityRuleOfTheRealModuleGivesItsCode) {
+// strength test (the stack stores nothing) or, for the rules that compare with the old password,
+// as the account's own change through pam_unix, whose good change (last) stores the new hash.
+TEST_F(PamTest, EachQualityRuleOfTheRealModuleGivesItsCodeAndAGoodChangeIsStored) {
     const struct {
         const char* options;  // of pam_pwquality, besides retry=1 enforce_for_root
         const char* user;
         const char* current;  // null: a strength test
         const char* password;
-        int code;
+        int code;  // 0: accepted
     } cases[] = {
         {"minlen=12 dictcheck=0", "viewer", nullptr, "Ab1#xyz", 33},
         {"dcredit=-2 dictcheck=0", "viewer", nullptr, "Abcdef#x1q", 29},
@@ -236,39 +179,33 @@ TEST_F(PamTest, EachQualityRuleOfTheRealModuleGivesItsCode) {
         {"dictcheck=0 difok=5", "viewer", "Viewer#2026", "Viewer#2027x", 25},
         {"dictcheck=0 usercheck=0", "viewer", "Viewer#2026", "2026Viewer#", 34},
         {"dictcheck=0", "viewer", "Wrong#2026", "Xk3#vQ9!mTz2", 18},  // wrong current password
+        {"dictcheck=0", "viewer", "Viewer#2026", "Xk3#vQ9!mTz2", 0},
     };
-    asWebServer([&](const std::function<void()>& sameIdentity) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.password);
-            writeService("testpwd", std::string("password requisite pam_pwquality.so retry=1 enforce_for_root ") +
-                                        c.options + "\npassword required " +
-                                        (c.current ? "pam_unix.so use_authtok sha512\n" : "pam_permit.so\n"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.password);
+        tvc::test::writeFile("/etc/pam.d/testpwd",
+                             std::string("password requisite pam_pwquality.so retry=1 enforce_for_root ") + c.options +
+                                 "\npassword required " +
+                                 (c.current ? "pam_unix.so use_authtok sha512\n" : "pam_permit.so\n"));
+        asWebServer([&](const std::function<void()>& sameIdentity) {
             try {
                 session(c.user, WebPam::PasswordCheck)->pamChauthtok(c.current ? c.current : "", c.password);
-                ADD_FAILURE() << "accepted";
+                EXPECT_EQ(c.code, 0) << "accepted";
             } catch (const UpdatePasswordException& e) {
                 EXPECT_EQ(e.getErrorId(), c.code) << e.what();
             }
             sameIdentity();
-        }
-    });
+        });
+    }
+    const spwd* entry = getspnam("viewer");
+    ASSERT_TRUE(entry != nullptr && std::string(entry->sp_pwdp).substr(0, 3) == "$6$");
+    EXPECT_STREQ(crypt("Xk3#vQ9!mTz2", entry->sp_pwdp), entry->sp_pwdp);
 }
 
-// A good change stores a hash of the new password; the limit is checked before PAM is asked.
-TEST_F(PamTest, AGoodChangeStoresTheNewPasswordAndOverlongOnesNeverReachPam) {
-    writeService("testpwd",
-                 "password requisite pam_pwquality.so retry=1 enforce_for_root dictcheck=0\n"
-                 "password required pam_unix.so use_authtok sha512\n");
+// The length limit is checked before PAM is asked: the service of type 7 does not exist.
+TEST_F(PamTest, OverlongPasswordsNeverReachPam) {
     const std::string longest(255, 'x'), tooLong(256, 'x');
     asWebServer([&](const std::function<void()>& sameIdentity) {
-        EXPECT_EQ(
-            outcome([] { session("viewer", WebPam::PasswordCheck)->pamChauthtok("Viewer#2026", "Xk3#vQ9!mTz2"); }),
-            "ok");
-        sameIdentity();
-        const std::string hash = storedHash("viewer");
-        EXPECT_EQ(hash.substr(0, 3), "$6$");
-        EXPECT_EQ(crypt("Xk3#vQ9!mTz2", hash.c_str()), hash);
-        // No module would be asked: a service that does not exist would fail otherwise.
         for (const auto& [current, next] : {std::pair{tooLong, longest}, {longest, tooLong}}) {
             const auto pam = session("viewer", static_cast<WebPam::PamType>(7));
             EXPECT_EQ(outcome([&] { pam->pamChauthtok(current.c_str(), next.c_str()); }), "19 ");
@@ -280,41 +217,27 @@ TEST_F(PamTest, AGoodChangeStoresTheNewPasswordAndOverlongOnesNeverReachPam) {
     });
 }
 
-// pam_unix takes the password-file lock to store the hash and would wait as long as another
-// process holds it: the change fails instead, and the lock is never held around the PAM call
-// by the library itself (the change above succeeds with the lock free).
-TEST_F(PamTest, APasswordChangeFailsClearlyWhileAnotherProcessKeepsTheLock) {
-    writeService("testpwd", "password required pam_unix.so sha512\n");
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t holder = fork();
-    if (holder == 0) {
-        const char answer = lckpwdf() == 0 ? 'y' : 'n';
-        (void)!write(ready[1], &answer, 1);
-        alarm(60);  // a change that waits for the lock fails the test instead of hanging it
-        pause();
-        _exit(0);
-    }
-    char answer = 0;
-    ASSERT_EQ(read(ready[0], &answer, 1), 1);
-    ASSERT_EQ(answer, 'y');
+// pam_unix takes the password-file lock to store the hash and would wait as long as another process
+// holds it: the change fails instead.  A thread of the host reading account state meanwhile
+// (updateState holds the lock for its read) must wait for the change at the library's gate, since
+// lckpwdf fails at once while another thread of the process holds it; the library itself never
+// holds the lock around the PAM call (the changes succeed with the lock free).
+TEST_F(PamTest, AChangeFailsClearlyWhileAnotherProcessHoldsTheLockAndWaitsForAThreadOfItsOwn) {
+    tvc::test::writeFile("/etc/pam.d/testpwd", "password required pam_unix.so sha512\n");
+    const auto change = [](const char* current, const char* next) {
+        return outcome([&] { session("viewer", WebPam::PasswordCheck)->pamChauthtok(current, next); });
+    };
+    // A file transaction held between its installs; timeout ends it should the change wait for it.
+    std::FILE* holder = popen("timeout 60 " TVC_FILES_DRIVER " --hold remove guest", "re");
+    int pid = 0;
+    ASSERT_TRUE(holder != nullptr && std::fscanf(holder, "held %d", &pid) == 1);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(outcome([] {
-                  session("viewer", WebPam::PasswordCheck)->pamChauthtok("Viewer#2026", "Xk3#vQ9!mTz2");
-              }).substr(0, 45),
-              "11 pamChauthtok:password files locked by proc");
+    EXPECT_EQ(change("Viewer#2026", "Xk3#vQ9!mTz2").substr(0, 45), "11 pamChauthtok:password files locked by proc");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
-}
+    kill(pid, SIGKILL);
+    tvc::test::finish(holder);
+    tvc::test::restoreSampleDevice();  // guest, which the held transaction had removed from passwd
 
-// pam_unix takes the password-file lock to store the hash; a thread of the host reading account
-// state meanwhile (updateState holds the lock for its read) must wait for the change at the
-// library's gate, since lckpwdf fails at once while another thread of the process holds it.
-TEST_F(PamTest, APasswordChangeAndAThreadReadingAccountStateFailNeitherOneAnother) {
-    writeService("testpwd", "password required pam_unix.so sha512\n");
     std::atomic<bool> done{false};
     std::string read = "ok", changes;
     catalogue.getProfiles(false);  // built before threads read it, as a host does at start-up
@@ -323,10 +246,7 @@ TEST_F(PamTest, APasswordChangeAndAThreadReadingAccountStateFailNeitherOneAnothe
     });
     asWebServer([&](const std::function<void()>&) {
         const char* passwords[] = {"Viewer#2026", "Xk3#vQ9!mTz2"};
-        for (int i = 0; i < 10; ++i)
-            changes += outcome([&] {
-                session("viewer", WebPam::PasswordCheck)->pamChauthtok(passwords[i % 2], passwords[(i + 1) % 2]);
-            }) + " ";
+        for (int i = 0; i < 10; ++i) changes += change(passwords[i % 2], passwords[(i + 1) % 2]) + " ";
     });
     done = true;
     reader.join();

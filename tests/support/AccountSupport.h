@@ -1,14 +1,15 @@
-// What the suites on the sample device share: its configuration without the pause after an
-// unknown name, the outcome of a call as text (for tables of expected answers), threads acting
-// as an account, and a fixture that records the account events and the commands run.
+// What the suites on the sample device share: its configuration without the pause after an unknown
+// name, a call's outcome as text, threads acting as an account, and a fixture recording the account
+// events and the commands run.
 #pragma once
 
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <tarvicexception/TvcException.h>
@@ -27,13 +28,17 @@ struct QuickDefinition : tvc::sample::SampleDefinition {
     unsigned int getDBDelayWrongCredential() override { return 0; }
 };
 
-// "ok", or "<code> <message>" of the library exception `call` throws.
-inline std::string outcome(const std::function<void()>& call) try {
+// "ok", or "<code> <message>" of the library exception `call` throws; described() adds
+// " | <description>".
+inline std::string outcomeText(const std::function<void()>& call, bool details) try {
     call();
     return "ok";
 } catch (tarvicexception::TvcException& e) {
-    return std::to_string(e.getErrorId()) + " " + e.what();
+    return std::to_string(e.getErrorId()) + " " + e.what() +
+           (details ? std::string(" | ") + e.getErrorDescription() : "");
 }
+inline std::string outcome(const std::function<void()>& call) { return outcomeText(call, false); }
+inline std::string described(const std::function<void()>& call) { return outcomeText(call, true); }
 
 // "ok", or only the code.
 inline std::string outcomeCode(const std::function<void()>& call) {
@@ -41,18 +46,20 @@ inline std::string outcomeCode(const std::function<void()>& call) {
     return text.substr(0, text.find(' '));
 }
 
-// The calling thread's real, effective and saved user and group ids, and its groups.
-inline std::string threadIds() {
-    uid_t u[3];
-    gid_t g[3];
-    getresuid(&u[0], &u[1], &u[2]);
-    getresgid(&g[0], &g[1], &g[2]);
-    std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
-    groups.resize(static_cast<std::size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
-    std::string text = std::to_string(u[0]) + " " + std::to_string(u[1]) + " " + std::to_string(u[2]) + " / " +
-                       std::to_string(g[0]) + " " + std::to_string(g[1]) + " " + std::to_string(g[2]) + " /";
-    for (gid_t group : groups) text += " " + std::to_string(group);
-    return text;
+// "Uid: R E S F Gid: R E S F Groups: ... " out of a /proc status text (groups sorted by the kernel).
+inline std::string idsIn(std::istream&& status) {
+    std::string ids;
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Uid:", 0) == 0 || line.rfind("Gid:", 0) == 0 || line.rfind("Groups:", 0) == 0) {
+            std::istringstream words(line);
+            for (std::string word; words >> word;) ids += word + " ";
+        }
+    return ids;
+}
+
+// The calling thread's ids and groups, or with "self" the main thread's.
+inline std::string threadIds(const std::string& task = "thread-self") {
+    return idsIn(std::ifstream("/proc/" + task + "/status"));
 }
 
 // Runs `body` on a thread acting as `account` through the library's switch (null: as the

@@ -1,8 +1,6 @@
-// A fixture for tests of the account layer on the sample device: for each test it installs a
-// configuration of type `Definition` and the sample device's profile catalogue, and afterwards
-// puts back the providers that were installed and drops the catalogue's built tables, so that
-// the next test starts from an unbuilt catalogue.  The test binary compiles
-// tools/sampledevice/SampleCatalogue.cpp.
+// A fixture installing a configuration of type `Definition` and the sample device's profile
+// catalogue (the binary compiles tools/sampledevice/SampleCatalogue.cpp) for each test; afterwards
+// the previous providers come back and the next test starts from an unbuilt catalogue.
 #pragma once
 
 #include <mutex>

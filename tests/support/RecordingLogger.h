@@ -13,8 +13,7 @@ namespace tvc::test {
 
 struct LoggedMessage {
     usermanagement::LogCategory category{};
-    int messageId = 0;
-    int third = 0;  // the first unnamed integer
+    int messageId = 0, third = 0;  // third: the first unnamed integer
     usermanagement::LogSeverity severity{};
     std::string ip;
     int sixth = 0;  // the second unnamed integer

@@ -1,3 +1,5 @@
+// The sandbox helpers, and main() of every test binary: started outside a device sandbox, it re-executes
+// itself through tools/sandbox/tvc-sandbox, which sets TVC_SANDBOX (inside) or TVC_SANDBOX_ERROR.
 #include "support/Sandbox.h"
 
 #include <fcntl.h>
@@ -6,27 +8,25 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <vector>
 
 namespace tvc::test {
 
-static std::string env(const char* name) {
-    const char* value = std::getenv(name);
-    return value ? value : "";
-}
+static std::string env(const char* name) { return std::getenv(name) ? std::getenv(name) : ""; }
 
 [[noreturn]] static void fail(const std::string& what, const std::string& path) {
     throw std::system_error(errno, std::generic_category(), what + " " + path);
 }
 
-bool sandboxActive() { return env("TVC_SANDBOX") == "1"; }
-std::string sandboxError() { return sandboxActive() ? "" : env("TVC_SANDBOX_ERROR"); }
 std::string pristineDir() { return env("TVC_SANDBOX_PRISTINE"); }
 const char* sandboxScript() { return TVC_SANDBOX_SCRIPT; }
 
@@ -102,8 +102,8 @@ void restoreSampleDevice() {
 }
 
 void SandboxTest::SetUp() {
-    if (!sandboxActive()) {
-        const std::string reason = "no device sandbox: " + sandboxError();
+    if (env("TVC_SANDBOX") != "1") {
+        const std::string reason = "no device sandbox: " + env("TVC_SANDBOX_ERROR");
         if (env("CI") == "true") FAIL() << reason;
         GTEST_SKIP() << reason;
     }
@@ -111,3 +111,25 @@ void SandboxTest::SetUp() {
 }
 
 }  // namespace tvc::test
+
+int main(int argc, char** argv) {
+    char self[PATH_MAX];
+    if (std::getenv("TVC_SANDBOX") == nullptr && std::getenv("TVC_SANDBOX_ERROR") == nullptr) {
+        // The device gets the PAM modules built with the tests, unless the caller names others.
+        setenv("TVC_PAM_DIR", TVC_PAM_DIR, 0);
+        if (realpath("/proc/self/exe", self) != nullptr) {
+            std::vector<char*> args{const_cast<char*>(TVC_SANDBOX_SCRIPT), const_cast<char*>("--fallback"),
+                                    const_cast<char*>("--"), self};
+            args.insert(args.end(), argv + 1, argv + argc);
+            args.push_back(nullptr);
+            execv(TVC_SANDBOX_SCRIPT, args.data());
+        }
+        // Still here: the tests run on the host, and the fixtures skip what needs the device.
+        setenv("TVC_SANDBOX_ERROR",
+               ("cannot start " TVC_SANDBOX_SCRIPT ": " + std::string(std::strerror(errno))).c_str(), 1);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    const int status = RUN_ALL_TESTS();
+    // 77 is ctest's "skipped": a missing sandbox must not pass silently; a failure wins over a skip.
+    return status == 0 && testing::UnitTest::GetInstance()->skipped_test_count() > 0 ? 77 : status;
+}

@@ -1,9 +1,7 @@
 // Fixture and file helpers for tests of the device's account files.  Test binaries run inside
-// tools/sandbox/tvc-sandbox (SandboxMain.cpp), where /etc is a throw-away overlay holding the
-// sample device; SandboxTest puts its account files back before every test.  Outside a sandbox
-// those tests are skipped, or fail when CI=true: a CI machine must be able to build one.  A
-// derived fixture's SetUp calls SandboxTest::SetUp() first and returns on IsSkipped() or
-// HasFatalFailure().
+// tools/sandbox/tvc-sandbox (main() in Sandbox.cpp), whose throw-away /etc holds the sample device;
+// SandboxTest puts its account files back before every test, and outside a sandbox skips the test
+// (fails it when CI=true).  A derived SetUp returns after it on IsSkipped() or HasFatalFailure().
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,20 +12,17 @@
 
 namespace tvc::test {
 
-bool sandboxActive();
-// Why there is no sandbox (TVC_SANDBOX_ERROR), or "" inside one.
-std::string sandboxError();
-// Directory with the untouched sample passwd, group, shadow and gshadow.
+// Directory with the untouched sample passwd, group, shadow and gshadow; the sandbox script.
 std::string pristineDir();
 const char* sandboxScript();
 
-// The file helpers throw std::system_error when a file cannot be read or written.
+// The file helpers throw std::system_error when a file cannot be read or written.  writeFile
+// keeps the owner and mode of an existing file, a new one gets 0644; addLines adds whole lines
+// behind the file's lines or in front of them; removeEntry drops the line of entry `name`, a
+// test failure when there is none.
 std::string readFile(const std::string& path);
-// Keeps the owner and mode of an existing file; a new one gets 0644.
 void writeFile(const std::string& path, const std::string& text);
-// Adds whole lines behind the file's lines or in front of them.
 void addLines(const std::string& path, const std::string& text, bool inFront = false);
-// Drops the line of entry `name`; a test failure when there is none.
 void removeEntry(const std::string& path, const std::string& name);
 // The lines of a file without their newlines; the line whose first field is `name`, or "";
 // the colon-separated fields of a line, empty ones kept.
