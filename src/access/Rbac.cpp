@@ -3,8 +3,8 @@
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/UMException.h>
-#include <usermanagement/User.h>
 
+#include "access/ProfileRoles.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement {
@@ -19,17 +19,8 @@ template <class Key>
     raise<UMException>(UMError::RoleError, key, " :Role not found");
 }
 
-// The gids or the ids of a profile's roles, in the profile's role order.
-std::vector<unsigned int> roleGids(const UmProfile& profile) {
-    std::vector<unsigned int> gids;
-    for (const UmRole& role : profile.getRoles()) gids.push_back(role.getGid());
-    return gids;
-}
-std::vector<int> roleIds(const UmProfile& profile) {
-    std::vector<int> ids;
-    for (const UmRole& role : profile.getRoles()) ids.push_back(role.getId());
-    return ids;
-}
+using detail::roleGids;
+using detail::roleIds;
 
 ProfileDefinition& catalogue() { return ProfileDefinition::GetProfileDefinition(); }
 
@@ -69,12 +60,8 @@ std::string Rbac::RetrieveRoleName(unsigned int gid) {
     return name;
 }
 
-int Rbac::RetrieveProfileIdFromUser(const std::string& name) { return User(name).getProfile().getId(); }
-int Rbac::RetrieveProfileIdFromUser(unsigned int uid) { return User(uid).getProfile().getId(); }
-std::vector<unsigned int> Rbac::RetrieveRolesGidFromUser(std::string name) { return roleGids(User(name).getProfile()); }
-std::vector<unsigned int> Rbac::RetrieveRolesGidFromUser(unsigned int uid) { return roleGids(User(uid).getProfile()); }
-std::vector<int> Rbac::RetrieveRolesIdFromUser(const std::string& name) { return roleIds(User(name).getProfile()); }
-std::vector<int> Rbac::RetrieveRolesIdFromUser(unsigned int uid) { return roleIds(User(uid).getProfile()); }
+// The queries through an account object are with the account type, in
+// src/accounts/RbacAccounts.cpp.
 
 int Rbac::RetrieveProfileId(const std::string& name) { return catalogue().getProfile(name).getId(); }
 std::vector<unsigned int> Rbac::RetrieveRolesGidFromProfile(const std::string& name) {

@@ -1,7 +1,5 @@
 #include "accounts/AccountGuards.h"
 
-#include <unistd.h>
-
 #include <authnz/AuthNZException.h>
 #include <systemutilities/LinuxUserSystem.h>
 #include <umlog/Ctx.h>
@@ -9,6 +7,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/Caller.h"
 #include "access/DatabaseLookup.h"
 #include "accounts/StoredEntries.h"
 #include "foundation/Raise.h"
@@ -16,8 +15,10 @@
 namespace usermanagement::detail {
 
 bool callerIsProcessRoot() {
-    uid_t real = 0, effective = 0, saved = 0;
-    return getresuid(&real, &effective, &saved) == 0 && effective == 0;
+    // The operation's caller, not the thread's identity now: inside the library's own root
+    // scope that would always be root.
+    const CallerScope operation;
+    return operation.uid() == 0;
 }
 
 void requireReachable(unsigned int uid, const std::string& name) {

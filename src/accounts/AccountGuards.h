@@ -20,8 +20,8 @@
 
 namespace usermanagement::detail {
 
-// Whether the calling thread is the process's own root (effective uid 0), not a thread acting
-// as an account.
+// Whether the operation's caller (access/Caller.h) is the process's own root (effective uid 0),
+// not a thread acting as an account.
 bool callerIsProcessRoot();
 
 // authnz::AuthorizationException 305 (SystemAccount) when `uid` lies outside

@@ -24,6 +24,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/Caller.h"
 #include "accounts/AccountFiles.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
@@ -86,6 +87,7 @@ User User::createUser(const std::string& name, const std::string& password, bool
                       bool mustChange, const bool* skipPasswordCheck) {
     int maxAge = -1, minAge = -1, thirdAge = -1;
     bool exemptBaseUser = true;
+    const detail::CallerScope operation;
     UserDefinition& config = definition();
     config.checkRight(UserDefinition::CreateUser, nullptr);
     if (profileId < 1) raise<UMException>(UMError::RoleError, profileId, " (profileId): Role not found");
@@ -141,6 +143,7 @@ User User::createUserWithEncryptedPassword(const std::string& name, const std::s
 
 void User::updateUser(const std::string* newName, const int* profileId, const bool* active, const std::string* password,
                       bool encrypted, const bool* mustChange, const bool* skipPasswordCheck) {
+    const detail::CallerScope operation;
     UserDefinition& config = definition();
     // Changing at most the password and the must-change day is a password operation, which
     // the holder of the account may do; anything else, or asking to skip the password rules,
@@ -215,13 +218,14 @@ void User::updateUserWithEncryptedPassword(const std::string* newName, const int
 }
 
 void User::removeUser() {
+    const detail::CallerScope operation;
     UserDefinition& config = definition();
     config.checkRight(UserDefinition::RemoveUser, this);
     detail::requireReachable(m_uid, m_userName);
     if (m_uid == config.getBaseUid())
         raise<UMException>(UMError::MainAccountUnremovable, m_userName, " :Forbidden deletion of the main user");
     retrieveUserName();
-    if (isHimSelf())
+    if (m_uid == operation.uid())
         raise<UMException>(UMError::RemoveUserForbidden, m_userName, " :Forbidden to remove the current user");
 
     detail::AccountFiles files(detail::AccountFiles::WithGroups);

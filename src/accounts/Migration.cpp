@@ -24,17 +24,18 @@
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/Rbac.h>
-#include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/Caller.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
 #include "files/GroupMembers.h"
 #include "files/ManagedRange.h"
+#include "system/AsRoot.h"
 
 namespace usermanagement {
 
@@ -205,6 +206,8 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
 }
 
 void updateProfiles(std::map<std::string, unsigned int> userGids) {
+    // One operation: every account is looked up and updated for the same caller.
+    const detail::CallerScope operation;
     ProfileDefinition& catalogue = ProfileDefinition::GetProfileDefinition();
     // The catalogue is built from the group database, which the migration has just replaced.
     (void)catalogue.getProfiles(true);
@@ -238,6 +241,7 @@ void updateProfiles(std::map<std::string, unsigned int> userGids) {
 }
 
 void filesSystemMigration() {
+    const detail::CallerScope operation;
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     // The profile step updates every carried-over account under the caller's rights.  A caller
     // without them would get the files rewritten as root and then fail half way: refused here,
@@ -251,8 +255,7 @@ void filesSystemMigration() {
     std::map<std::string, unsigned int> userGids;
     {
         // Declared first, destroyed last: root until the transactions have gone.
-        SystemPermission permission;
-        permission.setRealPermissions();
+        const detail::AsRoot root;
         // The group transaction, built first and destroyed last, takes the password-file lock
         // for the whole file step: the group file is an account file like the others, and
         // rewritten without the lock it would race an account operation of another thread or

@@ -25,6 +25,7 @@
 #include <usermanagement/UserDefinition.h>
 #include <usermanagement/Utilities.h>
 
+#include "access/Caller.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
 #include "accounts/Tally.h"
@@ -164,6 +165,7 @@ void verifyCurrentPassword(const std::string& name, const std::string& password,
 }  // namespace
 
 void User::updatePassword(std::string& oldPassword, std::string& newPassword, const std::string& ip) {
+    const detail::CallerScope operation;
     checkNewPassword(getUserName(), newPassword);
     verifyCurrentPassword(m_userName, oldPassword, ip);
     const Session pam = session(getUserName(), ip, WebPam::WebLogin);
@@ -174,6 +176,7 @@ void User::updatePassword(std::string& oldPassword, std::string& newPassword, co
 
 void User::updateAnyUserPassword(const std::string& name, const std::string& oldPassword,
                                  const std::string& newPassword, const std::string& ip) {
+    const detail::CallerScope operation;
     checkNewPassword(name, newPassword);
     const Session pam = session(name, ip, WebPam::WebLogin);
     const User account(name);
@@ -185,6 +188,7 @@ void User::updateAnyUserPassword(const std::string& name, const std::string& old
 
 void User::updateAnyUserPassword(const std::string& name, const std::string& newPassword, bool mustChange,
                                  const std::string& /*ip*/, bool checkPassword) {
+    const detail::CallerScope operation;
     UserDefinition& config = UserDefinition::GetUserDefinition();
     config.checkRight(UserDefinition::UpdatePassword, this);
     User target(name);
@@ -237,6 +241,7 @@ bool User::checkCurrentUserPasswd(const std::string& password) {
 }
 
 void User::unLock() {
+    const detail::CallerScope operation;
     UserDefinition::GetUserDefinition().checkRight(UserDefinition::UpdateUser, this);
     detail::requireReachable(m_uid, m_userName);
     LookLockUpdate look;

@@ -22,9 +22,11 @@
 #include <usermanagement/UserDefinition.h>
 #include <usermanagement/Utilities.h>
 
+#include "access/Caller.h"
 #include "access/DatabaseLookup.h"
 #include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
+#include "system/AsRoot.h"
 
 namespace usermanagement {
 
@@ -71,12 +73,14 @@ User::User() : User(SystemPermission().getEuid(), "nobody") {
 }
 
 User::User(const std::string& name) : User(kUnknownId, name) {
+    const detail::CallerScope operation;
     retrieveUID();
     retrieveProfile();
     checkReadRight();
 }
 
 User::User(unsigned int uid) : User(uid, "nobody") {
+    const detail::CallerScope operation;
     retrieveUserName();
     retrieveProfile();
     checkReadRight();
@@ -224,9 +228,9 @@ void User::retrieveLockState(LookLockUpdate& look) {
 }
 
 void User::updateState() {
+    const detail::CallerScope operation;
     checkReadRight();
-    SystemPermission permission;
-    permission.setRealPermissions();
+    const detail::AsRoot root;
     m_isLocked = false;
     LookLockUpdate ignored;
     retrieveLockState(ignored);
@@ -256,9 +260,9 @@ std::string User::getEncryptedPassword() const {
     // A stored hash is what an offline guesser needs: reading one takes the right to manage
     // accounts (root or the user manager), not only the right to look accounts up, which
     // every account holder has.
+    const detail::CallerScope operation;
     UserDefinition::GetUserDefinition().checkRight(UserDefinition::ManageUsers, nullptr);
-    SystemPermission permission;
-    permission.setRealPermissions();
+    const detail::AsRoot root;
     const detail::PasswordFileLock lock("updateState:password files locked");
     const auto shadow = detail::shadowByName(m_userName.c_str());
     if (!detail::foundOrRaise(shadow, m_userName.c_str()) || shadow.entry.sp_pwdp == nullptr) return std::string();

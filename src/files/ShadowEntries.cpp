@@ -14,7 +14,6 @@
 
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/FileSystemUpdate.h>
-#include <usermanagement/SystemPermission.h>
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
@@ -24,6 +23,7 @@
 #include "files/EntryCopy.h"
 #include "files/ManagedRange.h"
 #include "foundation/Raise.h"
+#include "system/AsRoot.h"
 
 namespace usermanagement {
 
@@ -252,6 +252,7 @@ void updateExpirationDate() {
     // Read only when a configuration set the day values, and expected to be set with them.
     bool exemptBaseUser = false;
     LookUpdateShadow record;
+    const detail::CallerScope operation;
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     // It rewrites the ageing of every managed account as root (and can erase a manager's "must
     // change at the next login"): only a caller who may manage accounts may ask for it.
@@ -260,8 +261,7 @@ void updateExpirationDate() {
 
     // Declared first, destroyed last: the identity comes back after the transaction has
     // released the lock and removed its temporary file.
-    SystemPermission permission;
-    permission.setRealPermissions();
+    const detail::AsRoot root;
     FileSystemUpdate transaction(definition.getShadowFilePath(), definition.getShadowTmpFilePath(), true);
     transaction.prepareSystemFiles();
     updateAllUserEntryInShadowFile(transaction, exemptBaseUser, maxAge, minAge, inactivityDays, record);

@@ -1,17 +1,13 @@
 #include <umlog/Ctx.h>
 
-#include <memory>
-#include <utility>
-
-#include <usermanagement/User.h>
-
 namespace umlog {
 
 thread_local Ctx ctx;
 
 Ctx::Ctx() : m_account(nullptr), m_protocol(Unknown) {}
 
-Ctx::~Ctx() { delete m_account; }
+// The destructor and the account object's members are with the account type, in
+// src/accounts/ContextAccount.cpp.
 
 Ctx& Ctx::getCtx() { return ctx; }
 
@@ -33,31 +29,5 @@ std::string Ctx::getAttribut(const std::string& key) {
 }
 
 void Ctx::addAttribut(const std::string& key, const std::string& value) { m_attributes[key] = value; }
-
-namespace {
-
-// Puts `fresh` in the place of the account object `held`.  The new object is built by the
-// caller before anything is dropped: a build that fails leaves the context with the account
-// it had, which an identity switch that failed relies on to leave the thread's context as it
-// was.
-void replaceAccount(usermanagement::User*& held, std::unique_ptr<usermanagement::User> fresh) noexcept {
-    delete std::exchange(held, fresh.release());
-}
-
-}  // namespace
-
-// The field is a raw owning pointer because its place in the object is fixed; the objects are
-// built and deleted here only.
-void Ctx::setUser() { replaceAccount(m_account, std::make_unique<usermanagement::User>()); }
-
-void Ctx::setUser(const usermanagement::User& user) {
-    if (m_account != nullptr && !(*m_account != user)) return;
-    replaceAccount(m_account, std::make_unique<usermanagement::User>(user));
-}
-
-usermanagement::User& Ctx::getUser() {
-    if (m_account == nullptr) setUser();
-    return *m_account;
-}
 
 }  // namespace umlog

@@ -24,12 +24,12 @@
 #include <systemutilities/LinuxUserSystem.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/UMException.h>
-#include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
 #include "access/DatabaseLookup.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
+#include "system/ActAs.h"
 #include "system/IdSyscalls.h"
 
 namespace usermanagement {
@@ -125,13 +125,7 @@ void restoreOrAbort(uid_t euid, gid_t egid, const unsigned int* groups, int coun
     std::abort();
 }
 
-// The identity an object recorded at construction.
-struct Snapshot {
-    uid_t ruid, euid, suid;
-    gid_t rgid, egid, sgid;
-    const unsigned int* groups;  // null when they could not be recorded
-    int count;
-};
+using detail::Snapshot;
 
 // The calling thread has every id of `snapshot`, and its groups when they were recorded.
 bool hasSnapshot(const Snapshot& snapshot) {
@@ -155,21 +149,6 @@ void rollBack(const Snapshot& snapshot) noexcept {
     ids::setResGid(ids::kUnchanged, snapshot.egid, snapshot.sgid);
     ids::setResUid(ids::kUnchanged, snapshot.euid, snapshot.suid);
     if (!hasSnapshot(snapshot)) restoreOrAbort(snapshot.euid, snapshot.egid, snapshot.groups, snapshot.count);
-}
-
-// Runs `act`, which switches the thread and records the account in its log context.  Safety:
-// a failure half-way must not leave the thread with an identity it did not have, least of all
-// root (its next rights check would pass) or the half-taken account.  So whatever `act` did
-// is undone before its exception goes on to the caller, and the caller's object stays
-// unchanged.
-template <class Act>
-void actAsOrRollBack(const Snapshot& snapshot, Act&& act) {
-    try {
-        act();
-    } catch (...) {
-        rollBack(snapshot);
-        throw;
-    }
 }
 
 // Puts the calling thread (effective root) into an account's identity: groups, then effective
@@ -208,7 +187,29 @@ detail::Descriptor openTrace() {
     return trace;
 }
 
+// Effective and saved user id 0: see setUpPermission.
+void regainRoot() {
+    if (!rootProfile()) return;
+    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1)
+        switchFailed(PMError::UpdatePrivilegeFailed, "setUpPermission", errno, 0, getegid());
+}
+
 }  // namespace
+
+// Safety: a failure half-way must not leave the thread with an identity it did not have, least
+// of all root or the half-taken account.  So whatever was done is undone before the exception
+// goes on to the caller, and the caller's object stays unchanged.
+void detail::actAsOrRollBack(const Snapshot& recorded, uid_t uid, gid_t gid, const gid_t* groups, int count,
+                             const std::function<void()>& record) {
+    try {
+        regainRoot();
+        actAs(uid, gid, groups, count);
+        record();
+    } catch (...) {
+        rollBack(recorded);
+        throw;
+    }
+}
 
 SystemPermission::SystemPermission()
     : m_euid(kUnknownId),
@@ -268,11 +269,7 @@ unsigned int SystemPermission::getEgid() const { return m_egid; }
 unsigned int SystemPermission::getRgid() const { return m_rgid; }
 unsigned int SystemPermission::getSgid() const { return m_savegid; }
 
-void SystemPermission::setUpPermission() {
-    if (!rootProfile()) return;
-    if (ids::setResUid(ids::kUnchanged, 0, 0) == -1)
-        switchFailed(PMError::UpdatePrivilegeFailed, "setUpPermission", errno, 0, getegid());
-}
+void SystemPermission::setUpPermission() { regainRoot(); }
 
 void SystemPermission::setRealPermissions() {
     if (m_permissionChanged) return;
@@ -312,28 +309,13 @@ void SystemPermission::setUserPermission(const std::string& userName) {
     } catch (const std::bad_alloc&) {
         raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory realloc failed");
     }
-    const Snapshot recorded{m_ruid, m_euid, m_saveuid, m_rgid, m_egid, m_savegid, m_groups, m_nbreGroup};
-    actAsOrRollBack(recorded, [&] {
-        setUpPermission();
-        actAs(uid, gid, groups.data(), static_cast<int>(groups.size()));
-        umlog::Ctx::getCtx().setUser();
-    });
+    detail::actAsOrRollBack(Snapshot{m_ruid, m_euid, m_saveuid, m_rgid, m_egid, m_savegid, m_groups, m_nbreGroup},
+                            uid, gid, groups.data(), static_cast<int>(groups.size()),
+                            [] { umlog::Ctx::getCtx().setUser(); });
     m_permissionChanged = true;
 }
 
-void SystemPermission::setUserPermission(const User& user) {
-    if (m_permissionChanged) return;
-    int count = 0;
-    const gid_t* groups = user.getUserGroupsIds(count);
-    if (groups == nullptr) raise<PMException>(PMError::UpdatePrivilegeFailed, "Memory malloc failed");
-    const Snapshot recorded{m_ruid, m_euid, m_saveuid, m_rgid, m_egid, m_savegid, m_groups, m_nbreGroup};
-    actAsOrRollBack(recorded, [&] {
-        setUpPermission();
-        actAs(user.getUid(), user.getGid(), groups, count);
-        umlog::Ctx::getCtx().setUser(user);
-    });
-    m_permissionChanged = true;
-}
+// setUserPermission(const User&) is with the account type, in src/accounts/ActAsAccount.cpp.
 
 void SystemPermission::setUserPermissionDefinitely() {
     setUpPermission();
