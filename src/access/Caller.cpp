@@ -21,9 +21,9 @@ thread_local CallerScope* t_operation = nullptr;
 
 }  // namespace
 
-// One account lookup, no group lookup and no catalogue lookup that builds a placeholder: the
-// catalogue's table is searched for the profile group's id.  This runs once per operation, and
-// a rights check outside an operation is an operation of its own, so it is what a check costs.
+// One account lookup, and the catalogue's table searched for the profile group's id.  This runs
+// once per operation, and a rights check outside an operation is an operation of its own, so
+// it is what a check costs.
 Caller Caller::of(unsigned int uid) {
     Caller caller;
     caller.m_uid = uid;
@@ -33,7 +33,12 @@ Caller Caller::of(unsigned int uid) {
             std::chrono::seconds(UserDefinition::GetUserDefinition().getDBDelayWrongCredential()));
         raise<UMException>(UMError::UserNotFound, "User uid not found in the system (retrieveUserName from uid):", uid);
     }
-    for (const auto& [id, profile] : ProfileDefinition::GetProfileDefinition().getProfiles(false)) {
+    // The catalogue's content is its shared table (ProfileDefinition.h): built by the installed
+    // catalogue on first use as for every lookup, then read in place.  The lookups would copy
+    // the whole table, and build a placeholder profile (a group lookup) before searching it.
+    ProfileDefinition& catalogue = ProfileDefinition::GetProfileDefinition();
+    if (!ProfileDefinition::m_init) (void)catalogue.getProfiles(false);
+    for (const auto& [id, profile] : ProfileDefinition::g_profiles) {
         if (profile.getGid() != caller.m_gid) continue;
         caller.m_profileId = profile.getId();
         for (const UmRole& role : profile.getRoles()) caller.m_roles.push_back(role.getName());

@@ -28,9 +28,9 @@ namespace usermanagement::detail {
 class Caller {
 public:
     // The account of user id `uid`: name and profile group from the account database (one
-    // lookup), the profile the catalogue lists for that group (the first in ascending id order,
-    // as ProfileDefinition::getProfile(unsigned int) answers), or none (id -4, no roles) when
-    // the catalogue lists none.  An id without an account fails as looking it up through User
+    // lookup), the profile the catalogue's table lists for that group (the first in ascending
+    // id order, as ProfileDefinition::getProfile(unsigned int) answers), or none (id -4, no
+    // roles) when it lists none.  An id without an account fails as looking it up through User
     // does: UMException 5 after the configured pause.
     static Caller of(unsigned int uid);
 

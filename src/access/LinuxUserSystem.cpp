@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <memory>
+#include <new>
+#include <vector>
 
 #include <usermanagement/UMException.h>
 #include <usermanagement/UmGroup.h>
@@ -24,18 +26,20 @@ using usermanagement::detail::raise;
 namespace db = usermanagement::detail;
 
 // The profile gid of an account whose primary group is `primary`: see the header.
+// The list starts small and grows to what the account has (groupListOf): sized for the
+// system's largest list (65 536 ids here), every lookup of an account such as root allocated
+// and released 256 KB.
 unsigned int profileGidOf(const char* name, unsigned int primary) {
     if (LinuxUserSystem::isProfileGid(primary)) return primary;
-    long max = sysconf(_SC_NGROUPS_MAX);
-    if (max <= 0) return primary;
-    std::shared_ptr<gid_t> list(static_cast<gid_t*>(std::malloc(sizeof(gid_t) * static_cast<size_t>(max))),
-                                free_delete());
-    // Without a list there is nothing to search; the primary group stands.
-    if (!list) return primary;
-    int count = static_cast<int>(max);
-    if (getgrouplist(name, primary, list.get(), &count) == -1) return primary;
-    for (int i = 0; i < count; ++i)
-        if (LinuxUserSystem::isProfileGid(list.get()[i])) return list.get()[i];
+    std::vector<gid_t> groups;
+    try {
+        // Without a list there is nothing to search; the primary group stands.
+        if (!db::groupListOf(name, primary, groups)) return primary;
+    } catch (const std::bad_alloc&) {
+        return primary;
+    }
+    for (const gid_t gid : groups)
+        if (LinuxUserSystem::isProfileGid(gid)) return gid;
     return primary;
 }
 
