@@ -395,6 +395,53 @@ TEST_F(RightsTest, WrongCurrentPasswordsInAPasswordChangeLockTheAccount) {
     }
 }
 
+// A sink that makes one call of its own from inside the first account event it is handed: a
+// host reacting to an event while the operation that logs it still runs (as root, for a reset).
+struct ReactingSink : RecordingLogger {
+    std::function<void()> react;
+    void logMessage(LogCategory category, int messageId, int third, const LogSeverity& severity, std::string ip,
+                    int sixth, std::string text) override {
+        RecordingLogger::logMessage(category, messageId, third, severity, ip, sixth, text);
+        if (category == LogCategory::UserAccount && react) std::exchange(react, nullptr)();
+    }
+};
+
+// Rights are decided on the caller the operation started with, never on the identity the
+// thread has when a question comes: inside the library's own root scope that is root.  A host's
+// sink answers the "password reset" event of an account's own reset, which is logged while the
+// reset runs as root, with a public call: it is judged on the account the thread acts as,
+// refused without the right, 305 for root's account even to a manager.  The self-account role
+// still may reset its own password, and no other account's.  An allowed call gets as far as the
+// password-file lock, which the reset around it holds (11).
+TEST_F(RightsTest, CallsFromInsideTheLibrarysRootScopeAreJudgedOnTheCaller) {
+    const std::string password = "Other#Pass2026";
+    const auto reset = [&](const char* name) {
+        return [&, name](User& own) { own.updateAnyUserPassword(name, password, false, "", false); };
+    };
+    const struct {
+        const char *caller, *call;
+        std::function<void(User& own)> body;
+        const char* want;
+    } rows[] = {
+        {"viewer", "unlock guest", [](User&) { User("guest").unLock(); }, "302"},
+        {"viewer", "reset guest", reset("guest"), "302"},
+        {"viewer", "reset own", reset("viewer"), "11"},
+        {"admin", "unlock guest", [](User&) { User("guest").unLock(); }, "11"},
+        {"admin", "reset root", reset("root"), "305"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.caller) + " " + row.call);
+        restoreSampleDevice();
+        unlink("/var/log/tallylog");
+        User own(row.caller);
+        std::string result = "not called";
+        ReactingSink reacting;
+        reacting.react = [&] { result = code([&] { row.body(own); }); };
+        as(row.caller, [&] { EXPECT_EQ(code([&] { reset(row.caller)(own); }), "ok"); });
+        EXPECT_EQ(result, row.want);
+    }
+}
+
 // The main account stays enabled whichever path writes its shadow field.
 TEST_F(RightsTest, NoPathDisablesTheMainAccount) {
     const bool skip = true;
