@@ -30,11 +30,12 @@
 // above, which puts every file installed back when a later one cannot be installed; a single
 // file is installed with its own finalyzeSystemFiles().
 //
-// The lock (lckpwdf) is process-wide and can be held once: among the transactions of one
-// operation exactly the first is built with `lock` true.  A lock-taking transaction waits for
-// one held by another thread of the process as lckpwdf waits for another process (up to 15
-// seconds); a second one on the thread that holds the lock fails at once.  Both fail with
-// UMSystemErrorException 11.  Every other failure is UMSystemErrorException 13.  An object is
+// The lock is the one lckpwdf takes (a write lock on /etc/.pwd.lock, so shadow-utils and PAM
+// modules are excluded), taken without lckpwdf's alarm signal; it is process-wide and can be
+// held once: among the transactions of one operation exactly the first is built with `lock`
+// true.  A lock-taking transaction waits, on its own thread, up to 15 seconds for a lock held by
+// another thread or process; a second one on the thread that holds the lock fails at once.
+// Both fail with UMSystemErrorException 11.  Every other failure is UMSystemErrorException 13.  An object is
 // created, used and destroyed by one thread.
 //
 // The data members and their order are part of the binary interface; the entry functions use
@@ -58,7 +59,7 @@ public:
     FileSystemUpdate(std::string filePath, std::string tmpFilePath, bool lock);
     // As above, with a read-only reference copy that prepareSystemFiles() opens as well.
     FileSystemUpdate(std::string filePath, std::string tmpFilePath, std::string origFilePath, bool lock);
-    // Ends the process's group, passwd and shadow enumerations, closes what is open, removes
+    // Closes what is open (never the process's getpwent/getgrent/getspent streams), removes
     // the temporary file (also a stale one when nothing was prepared) and releases the lock
     // the object took.  Never throws.
     ~FileSystemUpdate();

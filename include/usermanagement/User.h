@@ -16,6 +16,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <usermanagement/Export.h>
 #include <usermanagement/PasswdEntries.h>
@@ -23,6 +24,11 @@
 #include <usermanagement/UmGroup.h>
 
 namespace usermanagement {
+
+class User;
+namespace utilities {
+TVC_UM_EXPORT std::vector<User> getUserList();  // Utilities.h
+}
 
 // What a lock-state check or an unlock found; the caller creates it with all three false and
 // nothing here ever resets a field.
@@ -181,6 +187,9 @@ public:
     void logUserLockEvent(LookLockUpdate& look);
 
 private:
+    // The listing builds each object from the entry it read, without a second lookup.
+    friend std::vector<User> utilities::getUserList();
+
     // The failed-login count reset with the tally tool (as root), the outcome in `look`; for the
     // operations that have checked the caller and confirmed this account under the
     // password-file lock already.

@@ -17,10 +17,12 @@ namespace usermanagement::utilities {
 TVC_UM_EXPORT int getLockCount(const unsigned int& uid, const std::string& tallyFilePath);
 
 // The managed accounts (user ids in [getBaseUid(), getBaseUid() + getMaxUser())) in the order of
-// the password file, each built by name (so each runs the ReadUser rights check) with the
-// lookup's state flags: call updateState() for the real ones.  Passes every exception of the
-// User constructor on.  Enumerates the account database: not concurrently with another
-// enumeration in the process.
+// the password file (getPasswordFilePath()), each built from its entry with its profile, the
+// ReadUser rights check for each, and the lookup's state flags: call updateState() for the real
+// ones.  The file is read in one pass on a stream of the call's own, so the list is one state of
+// the file even while other threads change accounts, and the process's getpwent stream is left
+// alone.  UMSystemErrorException 12 when the file cannot be read; passes the rights check's
+// exceptions on.
 TVC_UM_EXPORT std::vector<User> getUserList();
 
 }  // namespace usermanagement::utilities

@@ -92,13 +92,14 @@ void writeEntry(FILE* target, const typename File::Entry& entry, const std::stri
 
 }  // namespace
 
+// Every step reads its files on the transactions' own streams (EntryReader): the process's
+// getpwent, getgrent and getspent streams belong to the host, which may be enumerating on another
+// thread, and are never set, read or ended here.
 void updateGroupFile(FileSystemUpdate& groupTransaction) {
-    setgrent();
     detail::copyEntriesFrom<GroupFile>(
         groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
         [](const struct group&) { return EntryAction::Keep; }, "updateGroupFile",
         "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
-    endgrent();
 }
 
 namespace {
@@ -165,11 +166,9 @@ void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromRefe
             if (std::strcmp(entry->sp_namp, name) != 0) continue;
             writeEntry<ShadowFile>(shadows.m_tmpFile, *entry,
                                    "updateEntryInShadowFile error in writing to " + shadows.m_tmpFilePath);
-            endspent();
             return;
         }
     }
-    endspent();
 }
 
 std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords, FileSystemUpdate& shadows) {
@@ -187,7 +186,6 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
             updateShadowFile(shadows, entry->pw_name, true);
         }
     }
-    endpwent();
 
     // The managed accounts are the device's, with the shell their profile has now.
     {
@@ -201,7 +199,6 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
             userGids.emplace(entry->pw_name, entry->pw_gid);
         }
     }
-    endpwent();
     return userGids;
 }
 

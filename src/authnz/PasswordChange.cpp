@@ -62,8 +62,9 @@ int classify(const std::string& messages) {
     return UpdatePasswordError::PasswordSecurityRules;
 }
 
-// The system's password-file lock (lckpwdf) and how long a holder may keep it before a
-// password change gives up.  The library's own file transactions hold it for milliseconds.
+// The system's password-file lock (the file lckpwdf locks; the library's transactions lock it too,
+// PasswordFileLock.h) and how long a holder may keep it before a password change gives up.  The
+// library's own file transactions hold it for milliseconds.
 constexpr const char* kPasswordLock = "/etc/.pwd.lock";
 constexpr std::chrono::seconds kLockPatience{5};
 
@@ -82,10 +83,12 @@ void waitForFreePasswordLock() {
         probe.l_type = F_WRLCK;
         probe.l_whence = SEEK_SET;
         if (fcntl(lock.get(), F_GETLK, &probe) != 0 || probe.l_type == F_UNLCK) return;
+        // The holder's process is known for a record lock (lckpwdf); an open file description's
+        // lock (another process of the library) reports none.
         if (std::chrono::steady_clock::now() >= deadline)
             usermanagement::detail::raise<usermanagement::UMSystemErrorException>(
-                usermanagement::UMSystemError::FilesLocked, "pamChauthtok:password files locked by process ",
-                probe.l_pid);
+                usermanagement::UMSystemError::FilesLocked, "pamChauthtok:password files locked by ",
+                probe.l_pid > 0 ? "process " + std::to_string(probe.l_pid) : std::string("another process"));
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
@@ -108,8 +111,8 @@ void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
         throw AuthNZException(AuthNZError::InitError, "InternalError", pam_strerror(m_pamHandle, m_lastStatus),
                               m_pamUser, true);
     {
-        // The modules take the system lock themselves; the gate keeps our other threads from
-        // holding it meanwhile, since that would make their lckpwdf fail.
+        // The modules take the system lock themselves (lckpwdf); the gate keeps our other
+        // threads from holding it meanwhile, which would make that lckpwdf wait for them.
         const usermanagement::detail::PasswordFileLock gate("pamChauthtok:password files locked", false);
         const detail::AsRoot root;
         waitForFreePasswordLock();

@@ -9,9 +9,6 @@
 #include <usermanagement/FileSystemUpdate.h>
 
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
-#include <shadow.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -268,7 +265,7 @@ FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath
     // Refused before the lock is taken: the destructor, which removes the temporary file, does
     // not run for an object whose construction failed.
     checkTemporaryPath(*this);
-    // lckpwdf waits for a holder in another process, the gate for one of our other threads.
+    // The lock waits for a holder in another process or one of our other threads (PasswordFileLock.h).
     // When this throws, no object exists and its destructor (which would unlink the temporary
     // path of whoever holds the lock) does not run.
     int error = 0;
@@ -277,10 +274,12 @@ FileSystemUpdate::FileSystemUpdate(std::string filePath, std::string tmpFilePath
                                                    "FileSystemUpdate:password files locked (", m_filePath, ")");
 }
 
+// The process's getpwent, getgrent and getspent streams are the host's: ending them here would
+// make a host thread's enumeration start over in the middle (its next get*ent reads the file
+// from the top again).  The library reads the files on streams of its own, and every lookup
+// (getpwnam_r and its siblings) opens the file afresh, so nothing needs them ended to see the
+// installed files.
 FileSystemUpdate::~FileSystemUpdate() {
-    endgrent();
-    endpwent();
-    endspent();
     closeStream(m_tmpFile);
     closeStream(m_file);
     closeStream(m_origFile);

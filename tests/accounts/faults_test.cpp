@@ -154,9 +154,10 @@ TEST_F(AccountFaults, AFailingFileStepLeavesFilesLockAndCallerAsTheyWere) {
     } cases[] = {
         // the transaction's steps once; the entry functions' reads each
         {"create update remove reset", "", 0, ""},
-        {"create", "io/oc/open", 1, "13 fopen /etc/tmppassd prepareSystemFiles"},
-        {"create", "io/oc/open", 2, "13 fopen /etc/passwd prepareSystemFiles"},
-        {"create", "io/oc/open", 3, "13 fopen /etc/tmpshadow prepareSystemFiles"},
+        {"create", "io/oc/open", 1, "11 FileSystemUpdate:password files locked (/etc/passwd)"},  // the lock file
+        {"create", "io/oc/open", 2, "13 fopen /etc/tmppassd prepareSystemFiles"},
+        {"create", "io/oc/open", 3, "13 fopen /etc/passwd prepareSystemFiles"},
+        {"create", "io/oc/open", 4, "13 fopen /etc/tmpshadow prepareSystemFiles"},
         {"create", "io/rw/read", 1, "10 addEntryInPasswordFile error in reading /etc/passwd"},
         {"create", "io/rw/read", 3, "10 addEntryInShadowFile error in reading /etc/shadow"},
         {"update", "io/rw/read", 1, "10 updateEntryInPasswordFile error in reading /etc/passwd"},

@@ -1,6 +1,7 @@
 // Shared pieces of the account-file tests.
 #pragma once
 
+#include <fcntl.h>
 #include <shadow.h>
 #include <sys/stat.h>
 
@@ -16,6 +17,7 @@
 #include <usermanagement/ShadowEntries.h>
 #include <usermanagement/UMException.h>
 
+#include "foundation/Descriptor.h"
 #include "support/DeviceFixture.h"
 
 namespace tvc::test {
@@ -43,8 +45,15 @@ inline bool exists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
-// True when this process can take the password-file lock at once (it releases it again).
-inline bool lockIsFree() { return lckpwdf() == 0 && ulckpwdf() == 0; }
+// True when nobody holds the password-file lock: no lock of this or another process (the library's
+// own lock would make lckpwdf here wait, not fail).
+inline bool lockIsFree() {
+    const usermanagement::detail::Descriptor file(open("/etc/.pwd.lock", O_RDONLY | O_CLOEXEC));
+    struct flock probe {};
+    probe.l_type = F_WRLCK;
+    probe.l_whence = SEEK_SET;
+    return !file || (fcntl(file.get(), F_OFD_GETLK, &probe) == 0 && probe.l_type == F_UNLCK);
+}
 
 // What a failed transaction must leave: live files byte for byte as before, no temporary, the lock free.
 struct Snapshot {

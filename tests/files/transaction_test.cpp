@@ -4,16 +4,25 @@
 #include <crypt.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <set>
+#include <thread>
 #include <vector>
+
+#include <usermanagement/User.h>
 
 #include "FilesTestSupport.h"
 #include "foundation/Raise.h"
+#include "support/AccountSupport.h"
 
 using namespace tvc::test;
 using namespace usermanagement;
@@ -36,6 +45,66 @@ TEST_F(Transaction, LockIsTakenOnceAndOnlyItsHolderReleasesIt) {
         { FileSystemUpdate follower("/etc/passwd", "/etc/tmppassd", false); }
         EXPECT_FALSE(lockIsFree());
     }
+    EXPECT_TRUE(lockIsFree());
+}
+
+// When the host's SIGALRM handler ran (CLOCK_MONOTONIC), 0 until it has.
+volatile std::sig_atomic_t alarmed = 0;
+timespec alarmedAt{};
+
+// Another process holds the lock through lckpwdf: a transaction waits for it on its own thread,
+// with no alarm signal, and fails with 11 at 15 seconds.  The host's own alarm, set before the
+// wait, still goes off on time (lckpwdf replaced it with its own and cancelled it), and the host's
+// other threads go on looking accounts up meanwhile.
+TEST_F(Transaction, ALockOfAnotherProcessIsWaitedForWithoutSignals) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t holder = fork();  // before any thread of the test starts
+    if (holder == 0) {
+        char taken = lckpwdf() == 0 ? 'y' : 'n';
+        (void)!write(ready[1], &taken, 1);
+        for (;;) pause();
+    }
+    close(ready[1]);
+    char taken = 0;
+    ASSERT_TRUE(read(ready[0], &taken, 1) == 1 && taken == 'y');
+    close(ready[0]);
+
+    catalogue.getProfiles(false);  // built before threads read it, as a host does at start-up
+    std::atomic<bool> done{false};
+    std::atomic<int> lookups{0};
+    std::thread reader([&] {
+        // Should the wait never end, the holder goes after 30 seconds.
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!done && std::chrono::steady_clock::now() < giveUp)
+            if (outcome([] { User("viewer"); }) == "ok") ++lookups;
+        kill(holder, SIGKILL);
+    });
+    struct sigaction host {}, saved {};
+    host.sa_handler = [](int) {
+        clock_gettime(CLOCK_MONOTONIC, &alarmedAt);
+        alarmed = 1;
+    };
+    sigaction(SIGALRM, &host, &saved);
+    alarmed = 0;
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    alarm(2);
+    const std::string wait = outcome([] { FileSystemUpdate waiting(kShadow, kTmp, true); });
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    const int lookupsMeanwhile = lookups;
+    done = true;
+    reader.join();
+    waitpid(holder, nullptr, 0);
+    alarm(0);
+    sigaction(SIGALRM, &saved, nullptr);
+
+    EXPECT_EQ(wait, "11 FileSystemUpdate:password files locked (/etc/shadow)");
+    EXPECT_TRUE(end.tv_sec - start.tv_sec >= 14 && end.tv_sec - start.tv_sec <= 20) << end.tv_sec - start.tv_sec;
+    ASSERT_TRUE(alarmed) << "the host's alarm never went off";
+    EXPECT_TRUE(alarmedAt.tv_sec - start.tv_sec >= 1 && alarmedAt.tv_sec - start.tv_sec <= 4);
+    EXPECT_GT(lookupsMeanwhile, 10);
     EXPECT_TRUE(lockIsFree());
 }
 
