@@ -16,6 +16,10 @@ ProfileDefinition g_defaultProfileDefinition;
 std::map<int, UmProfile> ProfileDefinition::g_profiles;
 std::map<int, UmRole> ProfileDefinition::g_roles;
 std::atomic<bool> ProfileDefinition::m_init{false};
+// Hosts built when m_init was a plain bool read and write the same byte.
+static_assert(sizeof(std::atomic<bool>) == sizeof(bool) && alignof(std::atomic<bool>) == alignof(bool) &&
+                  std::atomic<bool>::is_always_lock_free,
+              "m_init keeps the layout of a bool");
 std::mutex ProfileDefinition::m_mtx;
 // Constant-initialised, so the catalogue is in place before any host code runs.
 ProfileDefinition* ProfileDefinition::m_ptrDefaultProfileDefinition = &g_defaultProfileDefinition;
