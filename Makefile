@@ -15,7 +15,10 @@ BUILD := $(CURDIR)/build
 SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
 PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
-            libpam-pwquality cracklib-runtime
+            libpam-pwquality cracklib-runtime locales
+# locales: the definitions from which the build makes the German locale of the PAM test (a
+# host thread in another language; the translations come with libpam-pwquality's packages).
+# The build writes it into its own tree; the host's locales are left as they are.
 # The sample device's PAM modules and pam_tally2 (tools/sampledevice/pam), which the sandbox
 # installs when TVC_PAM_DIR names them.  The library's test binaries pass their own build's.
 PAM_DIR := $(BUILD)/default/tools/sampledevice/pam

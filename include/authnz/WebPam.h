@@ -8,7 +8,9 @@
 //     pam->pamAccount();                  // AuthorizationException 301 when the password expired
 //
 // The privileged PAM calls run with effective root for their span on the calling thread; the
-// thread's identity is restored after each call, failures included.  An object belongs to one
+// thread's identity is restored after each call, failures included.  Every PAM call runs in the
+// C locale on the calling thread (its own locale back afterwards), so the modules' texts, and
+// the descriptions taken from them, are the English ones whatever locale the host's thread has.  An object belongs to one
 // thread at a time and is never copied: it owns the PAM handle and the conversation records
 // hold its address.  The library never holds the password-file lock around a PAM call (the
 // modules take it themselves).

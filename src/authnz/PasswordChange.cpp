@@ -1,11 +1,13 @@
 // Password changes through pam_chauthtok, and the classification of a refusal: the texts the
-// modules showed are searched for the wording of the password-quality rules, so that the web
-// client can tell its user which rule the new password broke.
+// modules showed (in the C locale, see CLocale) are compared with the password-quality rules'
+// texts, so that the web client can tell its user which rule the new password broke.
 #include <authnz/WebPam.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -27,38 +29,87 @@ namespace {
 using usermanagement::UpdatePasswordError;
 using usermanagement::UpdatePasswordException;
 
+// One rule's text as libpwquality gives it in the C locale, whole: "%d" stands for the number
+// it fills in, "%s" for the reason the dictionary check adds.  No text matches two entries, so
+// their order does not matter.
 struct Rule {
-    const char* fragment;
+    const char* text;
     int code;
 };
 
-// Tried in order, the first fragment found deciding; the search is case-sensitive.  Longer
-// fragments come before the shorter ones they contain ("same class consecutively" before
-// "consecutively").
 constexpr Rule kRules[] = {
-    {"password is a palindrome", UpdatePasswordError::Palindrome},
-    {"password is the same as the old one", UpdatePasswordError::SameAsOld},
-    {"password differs with case changes only", UpdatePasswordError::SameAsOld},
-    {"password is too similar to the old one", UpdatePasswordError::TooSimilar},
-    {"password contains the user name in some form", UpdatePasswordError::ContainsUserName},
-    {"password contains words from the real name of the user in some form", UpdatePasswordError::ContainsRealName},
-    {"password contains forbidden words in some form", UpdatePasswordError::ForbiddenWords},
-    {"digits", UpdatePasswordError::TooFewDigits},
-    {"uppercase", UpdatePasswordError::TooFewUppercase},
-    {"lowercase", UpdatePasswordError::TooFewLowercase},
-    {"non-alphanumeric characters", UpdatePasswordError::TooFewOthers},
-    {"short", UpdatePasswordError::TooShort},
-    {"rotated", UpdatePasswordError::Rotated},
-    {"classes", UpdatePasswordError::TooFewClasses},
-    {"same class consecutively", UpdatePasswordError::TooManyClassRepeats},
-    {"consecutively", UpdatePasswordError::TooManyRepeats},
-    {"monotonic", UpdatePasswordError::Monotonic},
-    {"dictionary", UpdatePasswordError::Dictionary},
+    {"The password is the same as the old one", UpdatePasswordError::SameAsOld},
+    {"The password differs with case changes only", UpdatePasswordError::SameAsOld},
+    {"The password is a palindrome", UpdatePasswordError::Palindrome},
+    {"The password is too similar to the old one", UpdatePasswordError::TooSimilar},
+    {"The password contains the user name in some form", UpdatePasswordError::ContainsUserName},
+    {"The password contains words from the real name of the user in some form", UpdatePasswordError::ContainsRealName},
+    {"The password contains forbidden words in some form", UpdatePasswordError::ForbiddenWords},
+    {"The password contains less than %d digits", UpdatePasswordError::TooFewDigits},
+    {"The password contains too few digits", UpdatePasswordError::TooFewDigits},
+    {"The password contains less than %d uppercase letters", UpdatePasswordError::TooFewUppercase},
+    {"The password contains too few uppercase letters", UpdatePasswordError::TooFewUppercase},
+    {"The password contains less than %d lowercase letters", UpdatePasswordError::TooFewLowercase},
+    {"The password contains too few lowercase letters", UpdatePasswordError::TooFewLowercase},
+    {"The password contains less than %d non-alphanumeric characters", UpdatePasswordError::TooFewOthers},
+    {"The password contains too few non-alphanumeric characters", UpdatePasswordError::TooFewOthers},
+    {"The password is shorter than %d characters", UpdatePasswordError::TooShort},
+    {"The password is too short", UpdatePasswordError::TooShort},
+    {"The password is just rotated old one", UpdatePasswordError::Rotated},
+    {"The password contains less than %d character classes", UpdatePasswordError::TooFewClasses},
+    {"The password does not contain enough character classes", UpdatePasswordError::TooFewClasses},
+    {"The password contains more than %d same characters consecutively", UpdatePasswordError::TooManyRepeats},
+    {"The password contains too many same characters consecutively", UpdatePasswordError::TooManyRepeats},
+    {"The password contains more than %d characters of the same class consecutively",
+     UpdatePasswordError::TooManyClassRepeats},
+    {"The password contains too many characters of the same class consecutively",
+     UpdatePasswordError::TooManyClassRepeats},
+    {"The password contains monotonic sequence longer than %d characters", UpdatePasswordError::Monotonic},
+    {"The password contains too long of a monotonic character sequence", UpdatePasswordError::Monotonic},
+    {"The password fails the dictionary check", UpdatePasswordError::Dictionary},
+    {"The password fails the dictionary check - %s", UpdatePasswordError::Dictionary},
 };
 
-int classify(const std::string& messages) {
+// pam_pwquality shows the texts behind one of these (the second when root is only warned).
+constexpr const char* kModulePrefixes[] = {"BAD PASSWORD: ", "bad password: "};
+
+// Whether all of `text` is `pattern`: "%d" takes one or more digits, "%s" one or more characters.
+bool matches(const char* pattern, const char* text) {
+    for (; *pattern != '\0'; ++pattern, ++text) {
+        if (pattern[0] == '%' && pattern[1] == 'd') {
+            if (!std::isdigit(static_cast<unsigned char>(*text))) return false;
+            while (std::isdigit(static_cast<unsigned char>(text[1]))) ++text;
+            ++pattern;
+        } else if (pattern[0] == '%' && pattern[1] == 's') {
+            for (const char* end = text + 1; *(end - 1) != '\0'; ++end)
+                if (matches(pattern + 2, end)) return true;
+            return false;
+        } else if (*pattern != *text) {
+            return false;
+        }
+    }
+    return *text == '\0';
+}
+
+// The code of the rule `message` names, or 0 when it is no rule's text.
+int ruleOf(const std::string& message) {
+    const char* text = message.c_str();
+    for (const char* prefix : kModulePrefixes)
+        if (message.rfind(prefix, 0) == 0) text += std::strlen(prefix);
     for (const Rule& rule : kRules)
-        if (messages.find(rule.fragment) != std::string::npos) return rule.code;
+        if (matches(rule.text, text)) return rule.code;
+    return 0;
+}
+
+// The collected texts as one message, or else the first of its ','-separated parts (as
+// appendMsg joins them) that is a rule's text; PasswordSecurityRules when none is.
+int classify(const std::string& messages) {
+    if (const int code = ruleOf(messages)) return code;
+    for (std::size_t start = 0; start <= messages.size();) {
+        const std::size_t end = std::min(messages.find(',', start), messages.size());
+        if (const int code = ruleOf(messages.substr(start, end - start))) return code;
+        start = end + 1;
+    }
     return UpdatePasswordError::PasswordSecurityRules;
 }
 
@@ -106,6 +157,7 @@ void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
         throw UpdatePasswordException(UpdatePasswordError::NewPasswordTooLong, "", "", m_pamUser, true);
     }
     setConvState(Start);
+    const detail::CLocale cLocale;
     m_lastStatus = pam_set_item(m_pamHandle, PAM_CONV, &m_chauthtokConv);
     if (m_lastStatus != PAM_SUCCESS)
         throw AuthNZException(AuthNZError::InitError, "InternalError", pam_strerror(m_pamHandle, m_lastStatus),

@@ -2,7 +2,8 @@
 // PasswordChange.cpp, the conversation functions in PamConversation.cpp.
 //
 // Every privileged PAM call runs inside an AsRoot scope: effective root for the call, the
-// thread's identity back when the scope ends, exceptions included.  No delay is added after a
+// thread's identity back when the scope ends, exceptions included.  Every PAM call, pam_strerror
+// included, runs inside a CLocale scope: the texts come in the C locale whatever the thread's.  No delay is added after a
 // wrong password: the web layer decides how to slow down repeated attempts.
 #include <authnz/WebPam.h>
 
@@ -41,6 +42,7 @@ WebPam::WebPam(const char* service, const std::string& user, const std::string& 
       m_chauthtokConv{WebPamConversation::tntPamChauthtokConv, this},
       m_convState(Start),
       m_convRepeat(0) {
+    const detail::CLocale cLocale;
     m_lastStatus = pam_start(m_service.c_str(), m_pamUser.c_str(), &m_storeConv, &m_pamHandle);
     if (m_lastStatus != PAM_SUCCESS || m_pamHandle == nullptr) {
         if (m_pamHandle != nullptr) pam_end(m_pamHandle, m_lastStatus);
@@ -51,6 +53,7 @@ WebPam::WebPam(const char* service, const std::string& user, const std::string& 
 }
 
 WebPam::~WebPam() {
+    const detail::CLocale cLocale;
     if (m_pamHandle != nullptr) pam_end(m_pamHandle, m_lastStatus);
 }
 
@@ -88,23 +91,29 @@ void WebPam::pamAuthentication(const char* password) {
     if (uid == 0 && m_options.denyRoot == 1)
         throw AuthNZException(AuthNZError::RootNotAllowed, "", "", m_pamUser, true);
     setConvState(Start);
-    m_lastStatus = pam_set_item(m_pamHandle, PAM_CONV, &m_passwdConv);
-    if (m_lastStatus != PAM_SUCCESS)
-        throw AuthNZException(AuthNZError::InitPamFailed, "InternalError", pam_strerror(m_pamHandle, m_lastStatus),
-                              m_pamUser, true);
+    std::string reason;
     {
-        const detail::AsRoot root;
-        m_lastStatus = pam_authenticate(m_pamHandle, m_options.allowNullAuthtok == 0 ? PAM_DISALLOW_NULL_AUTHTOK : 0);
-    }
-    borrowed.end();
-    if (m_lastStatus == PAM_SUCCESS) {
-        const detail::AsRoot root;
-        m_lastStatus = pam_setcred(m_pamHandle, PAM_ESTABLISH_CRED);
-        return;
+        // Not around what follows: the rights check and the log sink are the host's code.
+        const detail::CLocale cLocale;
+        m_lastStatus = pam_set_item(m_pamHandle, PAM_CONV, &m_passwdConv);
+        if (m_lastStatus != PAM_SUCCESS)
+            throw AuthNZException(AuthNZError::InitPamFailed, "InternalError", pam_strerror(m_pamHandle, m_lastStatus),
+                                  m_pamUser, true);
+        {
+            const detail::AsRoot root;
+            m_lastStatus =
+                pam_authenticate(m_pamHandle, m_options.allowNullAuthtok == 0 ? PAM_DISALLOW_NULL_AUTHTOK : 0);
+        }
+        borrowed.end();
+        if (m_lastStatus == PAM_SUCCESS) {
+            const detail::AsRoot root;
+            m_lastStatus = pam_setcred(m_pamHandle, PAM_ESTABLISH_CRED);
+            return;
+        }
+        reason = pam_strerror(m_pamHandle, m_lastStatus);
     }
     // The failed-login count after this failure: the one that reaches the limit is reported.
     // The account is looked up under the thread's own identity (its rights apply).
-    const std::string reason = pam_strerror(m_pamHandle, m_lastStatus);
     usermanagement::User account(m_pamUser);
     usermanagement::LookLockUpdate look;
     {
@@ -120,6 +129,7 @@ void WebPam::pamAuthentication(const char* password) {
 }
 
 void WebPam::pamAccount() {
+    const detail::CLocale cLocale;
     {
         const detail::AsRoot root;
         m_lastStatus = pam_acct_mgmt(m_pamHandle, 0);

@@ -2,7 +2,9 @@
 // profile catalogue, each answer rendered as text and checked against a table.
 #include <algorithm>
 #include <functional>
+#include <future>
 #include <mutex>
+#include <thread>
 #include <tuple>
 
 #include <systemutilities/LinuxUserSystem.h>
@@ -302,6 +304,57 @@ TEST_F(CatalogueTest, SampleCatalogueGrantsWhatTheGroupFileHoldsAndIsRebuiltOnly
     EXPECT_EQ(made([] { return std::to_string(catalogue().getProfiles(true).size()); }), missing("net-admin"));
     EXPECT_EQ(key(catalogue().getProfile("operators")), "operators/1/10001");
     EXPECT_EQ(sample.builds, 2);
+}
+
+
+// A rebuild on another thread, stopped halfway through the tables (a host's build, holding the
+// lock as hosts do): lookups meanwhile answer the whole catalogue before it, then the new one.
+// A host that overrides the getter is searched through it.
+TEST_F(CatalogueTest, LookupsSeeWholeCataloguesWhileAnotherThreadRebuilds) {
+    struct : tvc::sample::SampleCatalogue {
+        void buildProfiles() override {
+            if (++builds == 1) return SampleCatalogue::buildProfiles();
+            std::lock_guard<std::mutex> lock(m_mtx);
+            g_profiles.clear();
+            g_roles.clear();
+            UmProfile viewers("viewers", 2);
+            addProfile(viewers);
+            halfway.set_value();
+            resume.wait();
+            UmProfile operators("operators", 1);
+            addProfile(operators);
+            m_init = true;
+        }
+        int builds = 0;
+        std::promise<void> halfway;
+        std::shared_future<void> resume;
+    } sample;
+    std::promise<void> resume;
+    sample.resume = resume.get_future().share();
+    sample.setProfileDefinition(sample);
+    const auto lookups = [] {
+        return Names{key(catalogue().getProfile("operators")), key(catalogue().getProfile(3)),
+                     key(catalogue().getRole("role-user-manager"))};
+    };
+    const Names before = lookups();
+    EXPECT_EQ(before, (Names{"operators/1/10001", "maintainers/3/10003", "role-user-manager/1/4101"}));
+    std::thread rebuild([] { catalogue().getProfiles(true); });
+    sample.halfway.get_future().wait();
+    const Names during = lookups();
+    resume.set_value();
+    rebuild.join();
+    EXPECT_EQ(during, before);
+    EXPECT_EQ(lookups(), (Names{"operators/1/10001", "nogroup/-4/65534", "nogroup/61434/65534"}));
+
+    struct : ProfileDefinition {
+        std::map<int, UmProfile> getProfiles(bool refresh) override {
+            auto all = ProfileDefinition::getProfiles(refresh);
+            all.emplace(9, UmProfile("viewers", 9));
+            return all;
+        }
+    } extended;
+    extended.setProfileDefinition(extended);
+    EXPECT_EQ(key(catalogue().getProfile(9)), "viewers/9/10002");
 }
 
 }  // namespace
