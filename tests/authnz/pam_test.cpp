@@ -8,10 +8,12 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <vector>
 
 #include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
 #include <usermanagement/UMException.h>
+#include <usermanagement/Utilities.h>
 
 #include "sampledevice/SampleDevice.h"
 #include "support/AccountSupport.h"
@@ -97,6 +99,42 @@ TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
             });
         });
     for (std::thread& thread : threads) thread.join();
+}
+
+// Eight logins to one account at once, each thread acting as the web server: right passwords
+// are all accepted and leave no failure behind; wrong ones are all counted, the account locks at
+// the limit with exactly one "locked" event, and every client gets "Invalid Credentials".
+TEST_F(PamTest, ConcurrentLoginsToOneAccountAreCountedExactly) {
+    const struct {
+        const char* password;
+        std::string expected;  // every thread's answer: the login, then the account check
+        int count;             // the failed-login count afterwards
+        std::string events;
+    } cases[] = {
+        {"Viewer#2026", "ok ok", 0, ""},
+        {"Wrong#2026", "200 Invalid Credentials", 8, "9 User account - locked <viewer>\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.password);
+        unlink("/var/log/tallylog");
+        std::atomic<int> waiting{8};
+        std::vector<std::string> answers(8);
+        std::vector<std::thread> threads;
+        for (std::string& answer : answers)
+            threads.emplace_back([&] {
+                asWebServer([&](const std::function<void()>& sameIdentity) {
+                    const auto pam = session("viewer", WebPam::WebLogin);
+                    for (--waiting; waiting > 0;) std::this_thread::yield();  // all start together
+                    answer = outcome([&] { pam->pamAuthentication(c.password); });
+                    if (answer == "ok") answer += " " + outcome([&] { pam->pamAccount(); });
+                    sameIdentity();
+                });
+            });
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_EQ(answers, std::vector<std::string>(8, c.expected));
+        EXPECT_EQ(utilities::getLockCount(10002, "/var/log/tallylog"), c.count);
+        EXPECT_EQ(takeEvents(), c.events);
+    }
 }
 
 // The conversation rules, through real libpam and a module that says what its arguments script
