@@ -4,6 +4,7 @@
 #include <crypt.h>
 #include <shadow.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -101,23 +102,26 @@ TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
     for (std::thread& thread : threads) thread.join();
 }
 
-// Eight logins to one account at once, each thread acting as the web server: right passwords
-// are all accepted and leave no failure behind; wrong ones are all counted, the account locks at
-// the limit with exactly one "locked" event, and every client gets "Invalid Credentials".
+// Eight logins to one account at once, two failures short of the limit, each thread acting as
+// the web server: right passwords are all accepted and clear the count, which a reader never
+// sees reach the limit meanwhile; wrong ones are all counted, the account locks at the limit
+// with exactly one "locked" event, and every client gets "Invalid Credentials".
 TEST_F(PamTest, ConcurrentLoginsToOneAccountAreCountedExactly) {
     const struct {
         const char* password;
         std::string expected;  // every thread's answer: the login, then the account check
-        int count;             // the failed-login count afterwards
+        int highest, count;    // the highest count a reader saw meanwhile, the count afterwards
         std::string events;
     } cases[] = {
-        {"Viewer#2026", "ok ok", 0, ""},
-        {"Wrong#2026", "200 Invalid Credentials", 8, "9 User account - locked <viewer>\n"},
+        {"Viewer#2026", "ok ok", 2, 0, ""},
+        {"Wrong#2026", "200 Invalid Credentials", 10, 10, "9 User account - locked <viewer>\n"},
     };
+    const auto count = [] { return utilities::getLockCount(10002, "/var/log/tallylog"); };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.password);
         unlink("/var/log/tallylog");
-        std::atomic<int> waiting{8};
+        for (int i = 0; i < 2; ++i) outcome([] { session("viewer", WebPam::WebLogin)->pamAuthentication("Wrong#1"); });
+        std::atomic<int> waiting{8}, highest{count()};
         std::vector<std::string> answers(8);
         std::vector<std::thread> threads;
         for (std::string& answer : answers)
@@ -130,9 +134,15 @@ TEST_F(PamTest, ConcurrentLoginsToOneAccountAreCountedExactly) {
                     sameIdentity();
                 });
             });
+        std::thread reader([&] {
+            while (waiting >= 0) highest = std::max(highest.load(), count());
+        });
         for (std::thread& thread : threads) thread.join();
+        waiting = -1;
+        reader.join();
         EXPECT_EQ(answers, std::vector<std::string>(8, c.expected));
-        EXPECT_EQ(utilities::getLockCount(10002, "/var/log/tallylog"), c.count);
+        EXPECT_EQ(std::max(highest.load(), count()), c.highest);
+        EXPECT_EQ(count(), c.count);
         EXPECT_EQ(takeEvents(), c.events);
     }
 }
