@@ -3,6 +3,7 @@
 // every call must leave that thread with exactly the identity it had.
 #include <crypt.h>
 #include <shadow.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -145,6 +146,22 @@ TEST_F(PamTest, ConcurrentLoginsToOneAccountAreCountedExactly) {
         EXPECT_EQ(count(), c.count);
         EXPECT_EQ(takeEvents(), c.events);
     }
+}
+
+// A login killed while its password is checked has been counted, and its hold on the record
+// dies with it: the next login is settled as usual.
+TEST_F(PamTest, ALoginKilledDuringTheCheckStaysCountedAndHoldsNothing) {
+    tvc::test::writeFile("/etc/tvc-kill.sh", "#!/bin/sh\nkill -9 $PPID\n");
+    chmod("/etc/tvc-kill.sh", 0755);
+    tvc::test::writeFile("/etc/pam.d/tvc-kill",
+                         "auth requisite /etc/tvc-pam/pam_tvc_tally.so preauth deny=3\n"
+                         "auth required pam_exec.so /etc/tvc-kill.sh\n");
+    authnz::Options options{1, 1};
+    EXPECT_EXIT((alarm(10), WebPam("tvc-kill", "viewer", "", options).pamAuthentication("Viewer#2026"), _exit(0)),
+                testing::KilledBySignal(SIGKILL), "");
+    EXPECT_EQ(utilities::getLockCount(10002, "/var/log/tallylog"), 1);
+    EXPECT_EQ(outcome([] { session("viewer", WebPam::WebLogin)->pamAuthentication("Viewer#2026"); }), "ok");
+    EXPECT_EQ(utilities::getLockCount(10002, "/var/log/tallylog"), 0);
 }
 
 // The conversation rules, through real libpam and a module that says what its arguments script
