@@ -108,8 +108,8 @@ void checkNewPassword(const std::string& name, const std::string& password) {
     detail::checkPasswordToStore(name, password, PasswordType{false}, false, "updateEntryInShadowFile");
 }
 
-// The account check that completes a login after a right password.  The failed-login module
-// counts every authentication as a failure until the account check resets it: without this, a
+// The account check that completes a login after a right password.  A failed-login module may
+// count every authentication as a failure until the account check resets it: without this, a
 // right password checked here would count against the holder, and three confirmations would
 // lock the account.  A password that must be changed does not undo the authentication.
 void acceptAsLogin(WebPam& pam) {

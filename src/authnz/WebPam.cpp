@@ -3,8 +3,9 @@
 //
 // Every privileged PAM call runs inside an AsRoot scope: effective root for the call, the
 // thread's identity back when the scope ends, exceptions included.  Every PAM call, pam_strerror
-// included, runs inside a CLocale scope: the texts come in the C locale whatever the thread's.  No delay is added after a
-// wrong password: the web layer decides how to slow down repeated attempts.
+// included, runs inside a CLocale scope: the texts come in the C locale whatever the thread's.
+// No delay is added after a wrong password: the web layer decides how to slow down repeated
+// attempts.
 #include <authnz/WebPam.h>
 
 #include <cctype>
@@ -13,7 +14,7 @@
 #include <authnz/AuthNZException.h>
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/Logger.h>
-#include <usermanagement/User.h>
+#include <usermanagement/Utilities.h>
 #include <usermanagement/UserDefinition.h>
 
 #include "authnz/AsRoot.h"
@@ -25,6 +26,29 @@ namespace {
 constexpr const char* kDefaultService = "tnt";
 // Session-layer message id of "account locked by this failure".
 constexpr int kAccountLockedMessage = 9;
+
+// The tally module's answer in the PAM environment: "1" when this attempt's failure is the one
+// that took the failed-login count to the limit, "0" otherwise.
+constexpr const char* kTallyLockedVariable = "TVC_TALLY_LOCKED";
+
+// Whether the failure just returned by pam_authenticate locked the account.  The tally module
+// decides it under its lock on the account's record and says so in the handle: a read of the
+// count now would also see the attempts that other threads and processes made meanwhile, so
+// concurrent failures logged the event twice or not at all.  A tally module that gives no
+// answer leaves only that read: the count equal to the configured limit.  Nothing here may
+// throw: the client's answer is "Invalid Credentials" either way.
+bool lockedByThisFailure(pam_handle_t* handle, unsigned int uid) {
+    if (const char* answer = pam_getenv(handle, kTallyLockedVariable)) return std::string(answer) == "1";
+    try {
+        int limit = -1;
+        usermanagement::UserDefinition& definition = usermanagement::UserDefinition::GetUserDefinition();
+        definition.getDBLockCount(limit);
+        const detail::AsRoot root;  // the tally file is root's
+        return limit > 0 && usermanagement::utilities::getLockCount(uid, definition.getTallyFilePath()) == limit;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
 
 }  // namespace
 
@@ -112,15 +136,7 @@ void WebPam::pamAuthentication(const char* password) {
         }
         reason = pam_strerror(m_pamHandle, m_lastStatus);
     }
-    // The failed-login count after this failure: the one that reaches the limit is reported.
-    // The account is looked up under the thread's own identity (its rights apply).
-    usermanagement::User account(m_pamUser);
-    usermanagement::LookLockUpdate look;
-    {
-        const detail::AsRoot root;
-        account.retrieveLockState(look);
-    }
-    if (look.justLocked)
+    if (lockedByThisFailure(m_pamHandle, uid))
         usermanagement::Logger::GetLogger().logMessage(usermanagement::LogCategory::UserAccount, kAccountLockedMessage,
                                                        0, usermanagement::LogSeverity::Warning, m_rhost, 0,
                                                        "User account - locked <" + m_pamUser + ">");

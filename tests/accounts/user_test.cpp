@@ -280,8 +280,8 @@ std::string expected(const Caller& c, Op op, unsigned int callerUid, unsigned in
     if (!allowed) return "302";
     if (op == ReadHash || op == Lookup || op == Create) return "ok";
     if ((written < 10000 || written >= 10010) && !root) return "305";
-    // A wrong current password; the failed login looks the account up with the caller's rights.
-    if (op == Holder) return lookup ? "18" : "302";
+    // A wrong current password, whatever the caller may read: the failed login reads nothing.
+    if (op == Holder) return "18";
     if (op == Remove && object == 10000) return "3";
     if (op == Remove && object == callerUid) return "8";
     if (op == Disable && object == 10000) return "4";

@@ -5,11 +5,14 @@
 #include <libintl.h>
 #include <locale.h>
 #include <shadow.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -18,6 +21,7 @@
 #include <authnz/AuthNZException.h>
 #include <authnz/WebPam.h>
 #include <usermanagement/UMException.h>
+#include <usermanagement/Utilities.h>
 
 #include "sampledevice/SampleDevice.h"
 #include "support/AccountSupport.h"
@@ -103,6 +107,67 @@ TEST_F(PamTest, ConcurrentLoginsEachGetTheirOwnAnswer) {
             });
         });
     for (std::thread& thread : threads) thread.join();
+}
+
+// Eight logins to one account at once, two failures short of the limit, each thread acting as
+// the web server: right passwords are all accepted and clear the count, which a reader never
+// sees reach the limit meanwhile; wrong ones are all counted, the account locks at the limit
+// with exactly one "locked" event, and every client gets "Invalid Credentials".
+TEST_F(PamTest, ConcurrentLoginsToOneAccountAreCountedExactly) {
+    const struct {
+        const char* password;
+        std::string expected;  // every thread's answer: the login, then the account check
+        int highest, count;    // the highest count a reader saw meanwhile, the count afterwards
+        std::string events;
+    } cases[] = {
+        {"Viewer#2026", "ok ok", 2, 0, ""},
+        {"Wrong#2026", "200 Invalid Credentials", 10, 10, "9 User account - locked <viewer>\n"},
+    };
+    const auto count = [] { return utilities::getLockCount(10002, "/var/log/tallylog"); };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.password);
+        unlink("/var/log/tallylog");
+        for (int i = 0; i < 2; ++i) outcome([] { session("viewer", WebPam::WebLogin)->pamAuthentication("Wrong#1"); });
+        std::atomic<int> waiting{8}, highest{count()};
+        std::vector<std::string> answers(8);
+        std::vector<std::thread> threads;
+        for (std::string& answer : answers)
+            threads.emplace_back([&] {
+                asWebServer([&](const std::function<void()>& sameIdentity) {
+                    const auto pam = session("viewer", WebPam::WebLogin);
+                    for (--waiting; waiting > 0;) std::this_thread::yield();  // all start together
+                    answer = outcome([&] { pam->pamAuthentication(c.password); });
+                    if (answer == "ok") answer += " " + outcome([&] { pam->pamAccount(); });
+                    sameIdentity();
+                });
+            });
+        std::thread reader([&] {
+            while (waiting >= 0) highest = std::max(highest.load(), count());
+        });
+        for (std::thread& thread : threads) thread.join();
+        waiting = -1;
+        reader.join();
+        EXPECT_EQ(answers, std::vector<std::string>(8, c.expected));
+        EXPECT_EQ(std::max(highest.load(), count()), c.highest);
+        EXPECT_EQ(count(), c.count);
+        EXPECT_EQ(takeEvents(), c.events);
+    }
+}
+
+// A login killed while its password is checked has been counted, and its hold on the record
+// dies with it: the next login is settled as usual.
+TEST_F(PamTest, ALoginKilledDuringTheCheckStaysCountedAndHoldsNothing) {
+    tvc::test::writeFile("/etc/tvc-kill.sh", "#!/bin/sh\nkill -9 $PPID\n");
+    chmod("/etc/tvc-kill.sh", 0755);
+    tvc::test::writeFile("/etc/pam.d/tvc-kill",
+                         "auth requisite /etc/tvc-pam/pam_tvc_tally.so preauth deny=3\n"
+                         "auth required pam_exec.so /etc/tvc-kill.sh\n");
+    authnz::Options options{1, 1};
+    EXPECT_EXIT((alarm(10), WebPam("tvc-kill", "viewer", "", options).pamAuthentication("Viewer#2026"), _exit(0)),
+                testing::KilledBySignal(SIGKILL), "");
+    EXPECT_EQ(utilities::getLockCount(10002, "/var/log/tallylog"), 1);
+    EXPECT_EQ(outcome([] { session("viewer", WebPam::WebLogin)->pamAuthentication("Viewer#2026"); }), "ok");
+    EXPECT_EQ(utilities::getLockCount(10002, "/var/log/tallylog"), 0);
 }
 
 // The conversation rules, through real libpam and a module that says what its arguments script

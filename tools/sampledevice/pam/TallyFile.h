@@ -61,7 +61,8 @@ public:
     // Waits for a write lock on the record of `uid`; it holds until the object goes.  The lock
     // belongs to this open file description, not to the process (F_OFD_SETLKW): two threads of
     // one process, each with its own TallyFile, exclude each other as two processes do.  Every
-    // writer locks before reading, so no read-modify-write loses a count.
+    // writer locks before reading, so no read-modify-write loses a count; the tally module keeps
+    // the lock across a login's password check, and the library reads under a read lock.
     bool lockRecord(uid_t uid) {
         struct flock lock {};
         lock.l_type = F_WRLCK;
