@@ -31,7 +31,7 @@ struct SoakDefinition : QuickDefinition {
 using Soak = AccountsTest;
 
 const std::vector<std::string> kScratch = {"soak-t0", "soak-t1", "soak-t2", "soak-t3"};
-const int kScratchProfiles[] = {0, 0, 1, 2};  // two user managers, an operator, a viewer
+const int kScratchProfiles[] = {1, 2, 3, 1};  // profile 0 (administrators) cannot be given
 
 struct Caller {
     std::string name, password;
