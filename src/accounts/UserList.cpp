@@ -13,6 +13,7 @@
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/Caller.h"
 #include "access/DatabaseLookup.h"
 #include "files/InputStream.h"
 #include "files/ManagedRange.h"
@@ -70,6 +71,8 @@ std::vector<Account> managedAccounts(UserDefinition& definition) {
 }  // namespace
 
 std::vector<User> getUserList() {
+    // One operation: every account's read check is decided on the caller recorded here.
+    const detail::CallerScope operation;
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     std::vector<User> users;
     for (Account& account : managedAccounts(definition)) {
