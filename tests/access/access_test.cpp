@@ -152,19 +152,11 @@ TEST_F(LookupTest, EntriesBehindALongLineAreFoundAndBeyondTheCapFail) {
     EXPECT_EQ((Names{ids("viewer"), userName(10003)}), (Names{kFailed, kFailed}));
 }
 
-// ---- Values, described as "name/id/gid: roles; map".
+// ---- Values, described as "name/id/gid".
 template <class Value>
 std::string key(const Value& value) {
     return value.m_name + "/" + std::to_string(value.getId()) + "/" + std::to_string(value.m_gid);
 }
-std::string describe(const UmProfile& profile) {
-    std::string text = key(profile) + ":";
-    for (const UmRole& role : profile.m_roles) text += " " + role.m_name;
-    text += ";";
-    for (const auto& [gid, name] : profile.m_groupNames) text += " " + std::to_string(gid) + "=" + name;
-    return text;
-}
-
 // A profile of roles, ids from their gids, each granting `grants`.
 UmProfile profileOf(const char* name, int id, const std::vector<std::pair<const char*, Names>>& roles) {
     UmProfile profile(name, id);
@@ -174,9 +166,6 @@ UmProfile profileOf(const char* name, int id, const std::vector<std::pair<const 
         profile.add(made);
     }
     return profile;
-}
-UmProfile operators() {
-    return profileOf("operators", 1, {{"role-network-configure", {"net-admin"}}, {"role-log-read", {"log-read"}}});
 }
 
 // A role's id is its gid minus 4100 unless given.  Exception mode lets groups, roles and profiles
@@ -197,39 +186,6 @@ TEST_F(ValueTest, ConstructionResolvesTheGroupAndExceptionModeSparesOnlyNames) {
               (Names{unresolved, "nosuch/-4101/" + unresolved, "nosuch/9/" + unresolved, lost("4294967295")}));
     UmProfile::disableException();
     EXPECT_EQ(made([] { return UmRole("nosuch", 5).m_name; }), lost("nosuch"));
-}
-
-// Adding a role copies its grants only, and a role may add itself.  updateList rebuilds the map,
-// the first name of a gid staying; copies and moves never carry the map, and an assigned profile
-// keeps its own.
-TEST_F(ValueTest, AddCopyAndTheGroupMap) {
-    UmRole bundle("role-user-manager", -1);
-    bundle.add(operators().m_roles.at(0));
-    bundle.add(bundle);
-    std::string granted;
-    for (const UmGroup& group : bundle.m_groups) granted += " " + group.m_name;
-    EXPECT_EQ(key(bundle) + ":" + granted, "role-user-manager/1/4101: net-admin net-admin");
-
-    addLines("/etc/group", "staff-alias:x:100:\n");  // a second name for gid 100, granted later
-    UmProfile admins = profileOf("administrators", 0,
-                                 {{"role-user-manager", {"users"}}, {"role-user-configure-self", {"staff-alias"}}});
-    admins.updateList();
-    EXPECT_EQ(describe(admins),
-              "administrators/0/10000: role-user-manager role-user-configure-self; 100=users 4101=role-user-manager "
-              "4102=role-user-configure-self");
-    admins.m_roles.erase(admins.m_roles.begin());
-    UmProfile a = operators(), b = operators(), c = operators(), target = admins, moveTarget = admins;
-    for (UmProfile* p : {&admins, &a, &b, &c, &target, &moveTarget}) p->updateList();
-    UmProfile copy(a), moved(std::move(b));
-    target = a;
-    moveTarget = std::move(c);
-
-    const std::string ops = "operators/1/10001: role-network-configure role-log-read;";
-    const std::string adminsMap = " 100=staff-alias 4102=role-user-configure-self";
-    EXPECT_EQ(describe(admins), "administrators/0/10000: role-user-configure-self;" + adminsMap);
-    EXPECT_EQ((Names{describe(a), describe(copy), describe(moved), describe(target), describe(moveTarget)}),
-              (Names{ops + " 4103=role-network-configure 4104=role-log-read 4200=net-admin 4201=log-read", ops, ops,
-                     ops + adminsMap, ops + adminsMap}));
 }
 
 // ---- The catalogue.  The built-in one, built by the first lookup, answers the smallest id for

@@ -59,9 +59,7 @@ std::string serve(Caller& caller, const std::set<std::string>& stable, std::stri
     call("show", [&] { User("viewer").updateState(); });
     call("read", [] { UserDefinition::GetUserDefinition().checkRight(UserDefinition::ReadUser, nullptr); });
     const std::string name = "s" + std::to_string(caller.index) + "-" + std::to_string(caller.round++);
-    std::unique_ptr<User> created;
-    call("create", [&] { created.reset(new User(User::createUser(name, "Scratch#2026", 2, true, false, &kSkip))); });
-    if (created) call("remove", [&] { created->removeUser(); });
+    call("create+remove", [&] { User::createUser(name, "Scratch#2026", 2, true, false, &kSkip).removeUser(); });
     std::string next = "Kq7!" + std::to_string(caller.index) + "w" + std::to_string(caller.round) + "Zr";
     call("passwd", [&] { User(caller.name).updatePassword(caller.password, next, "192.0.2.9"); });
     if (answers.rfind("passwd=ok") != std::string::npos) caller.password = next;

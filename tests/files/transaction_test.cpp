@@ -70,7 +70,6 @@ TEST_F(Transaction, ALockOfAnotherProcessIsWaitedForWithoutSignals) {
     ASSERT_TRUE(read(ready[0], &taken, 1) == 1 && taken == 'y');
     close(ready[0]);
 
-    catalogue.getProfiles(false);  // built before threads read it, as a host does at start-up
     std::atomic<bool> done{false};
     std::atomic<int> lookups{0};
     std::thread reader([&] {
