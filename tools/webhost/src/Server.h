@@ -45,6 +45,7 @@ public:
     int bind();
     // Serves until stop(); returns false when serving failed.
     bool run();
+    // From any thread but a worker's; returns when run() has returned (or will return at once).
     void stop();
 
     // Called on the worker thread whose ids differ from the server's after a request.  The
@@ -63,6 +64,7 @@ private:
     Sessions m_sessions;
     const IdentityGuard m_guard;
     std::atomic<bool> m_mismatched{false};
+    std::atomic<bool> m_stopRequested{false}, m_running{false}, m_finished{false};
 };
 
 }  // namespace webhost
