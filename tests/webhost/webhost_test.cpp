@@ -265,6 +265,18 @@ TEST_F(WebHost, ForcedPasswordChange) {
     EXPECT_EQ(send("GET", "/api/accounts", &renewed).status, 200);
 }
 
+// A name may hold any byte; the JSON is valid UTF-8 all the same, and the name as the client
+// saw it names the account.
+TEST_F(WebHost, NamesOfAnyBytesGiveValidJson) {
+    tvc::test::addLines("/etc/passwd", "bad\xffname:x:10005:10002::/home/admin:/bin/sh\n");
+    tvc::test::addLines("/etc/shadow", "bad\xffname:$6$x$y:20454:0:99999:7:::\n");
+    const Who admin = login("admin", "Admin#2026");
+    const Json accounts = send("GET", "/api/accounts", &admin).json();
+    ASSERT_TRUE(accounts.is_array());
+    EXPECT_EQ(accounts.back().value("name", ""), "bad\xef\xbf\xbdname");
+    EXPECT_EQ(send("PATCH", "/api/accounts/10005", &admin, R"({"name":"bad\ufffdname","active":false})").status, 200);
+}
+
 // Requests that fail inside the acting scope, then more on the same few workers: each worker is
 // back to the server's identity after every request (TearDown checks the server saw no mismatch).
 TEST_F(WebHost, IdentityIsTheServersAfterEveryRequest) {
