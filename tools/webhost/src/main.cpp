@@ -87,12 +87,17 @@ int main(int argc, char** argv) {
         if (!portFile.empty()) std::ofstream(portFile) << port << "\n";
         std::cerr << "tvc-webd: serving " << (settings.http ? "http" : "https") << "://" << settings.listen << ":" << port
                   << "/\n";
-        std::thread([&server, stopSignals] {
+        std::thread stopper([&server, stopSignals] {
             int received = 0;
             sigwait(&stopSignals, &received);
             server.stop();
-        }).detach();
-        return server.run() ? 0 : 1;
+        });
+        const bool served = server.run();
+        // The stopper is done with the server before it goes: when serving ended otherwise, a
+        // signal of its own wakes it.
+        pthread_kill(stopper.native_handle(), SIGTERM);
+        stopper.join();
+        return served ? 0 : 1;
     } catch (const std::exception& e) {
         std::cerr << "tvc-webd: " << e.what() << "\n";
         return 1;
