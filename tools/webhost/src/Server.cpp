@@ -1,17 +1,16 @@
 #include "Server.h"
 
 #include <arpa/inet.h>
+#include <authnz/AuthNZException.h>
 #include <sys/stat.h>
+#include <systemutilities/LinuxUserSystem.h>
+#include <usermanagement/UMException.h>
 
 #include <cctype>
 #include <iostream>
 #include <regex>
 #include <stdexcept>
 #include <thread>
-
-#include <authnz/AuthNZException.h>
-#include <systemutilities/LinuxUserSystem.h>
-#include <usermanagement/UMException.h>
 
 #include "AuditLog.h"
 #include "Certificate.h"
@@ -85,9 +84,10 @@ Json checkedBody(const httplib::Request& req, const Route& route) {
             continue;
         }
         const Json& value = body[field.name];
-        const bool fits = field.type == Type::String    ? value.is_string()
-                          : field.type == Type::Boolean ? value.is_boolean()
-                                                        : value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
+        const bool fits = field.type == Type::String ? value.is_string()
+                          : field.type == Type::Boolean
+                              ? value.is_boolean()
+                              : value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
         if (!fits) throw HostError(400, std::string("wrong type: ") + field.name);
     }
     return body;

@@ -4,12 +4,12 @@
 // every error, and the identity check after every request.
 #pragma once
 
+#include <httplib.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
-
-#include <httplib.h>
 
 #include "Acting.h"
 #include "Routes.h"
