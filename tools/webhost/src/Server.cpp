@@ -139,8 +139,9 @@ Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(
     const std::string dir = m_settings.staticDir.empty() ? defaultStaticDir() : m_settings.staticDir;
     if (!m_http->set_mount_point("/", dir)) std::cerr << "tvc-webd: no pages: cannot serve " << dir << "\n";
     // Errors httplib answers itself (unknown path, body too large...) get a JSON body too.
-    m_http->set_error_handler([](const httplib::Request&, httplib::Response& res) {
+    m_http->set_error_handler([](const httplib::Request& req, httplib::Response& res) {
         if (!res.body.empty()) return;
+        if (req.path.rfind("/api/", 0) == 0) res.set_header("Cache-Control", "no-store");
         const char* text = res.status == 404 ? "not found" : res.status == 413 ? "request too large" : "bad request";
         answerHostError(res, res.status, text);
     });
