@@ -239,7 +239,9 @@ async function accountsPage() {
     const nameCell = element('td');
     nameCell.append(link);
     const actions = element('td', undefined, 'actions');
-    if (account.can.update || account.can.password) {
+    // One's own password is changed on "My account", with the current one.
+    const own = account.uid === session.uid;
+    if (account.can.update || (account.can.password && !own)) {
       actions.append(button('Edit', 'edit', () => { location.href = link.href; }));
     }
     if (account.locked && account.can.unlock) {
@@ -302,7 +304,8 @@ async function accountPage() {
     $('#toggle-active').textContent = account.active ? 'Disable account' : 'Enable account';
     $('#unlock').hidden = !(can.unlock && account.locked);
     $('#state-actions').hidden = $('#toggle-active').hidden && $('#unlock').hidden;
-    $('#reset-form').hidden = !can.password;
+    $('#reset-form').hidden = !can.password || account.uid === session.uid;
+    $('#own-password').hidden = account.uid !== session.uid;
     $('#remove-section').hidden = !can.remove;
   };
 
