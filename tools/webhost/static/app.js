@@ -370,7 +370,11 @@ async function accountPage() {
 }
 
 async function createPage() {
-  if (!session.can.create) say(WORDS[302], 'error');
+  if (!session.can.create) {
+    $('#create-form').hidden = true;
+    say(WORDS[302], 'error');
+    return;
+  }
   try {
     fillProfiles($('#new-profile'), await api('GET', '/api/profiles'), -1);
   } catch (error) {
@@ -462,8 +466,14 @@ async function auditPage() {
       return tr;
     }));
   };
-  $('#refresh').addEventListener('click', () => load().catch((error) => say(error.message, 'error')));
-  await load();
+  const refresh = () => load().then(() => say('')).catch((error) => say(error.message, 'error'));
+  $('#refresh').addEventListener('click', refresh);
+  if (!session.can.manage) {
+    $('#audit').hidden = $('#refresh').hidden = true;
+    say(WORDS[302], 'error');
+    return;
+  }
+  await refresh();
 }
 
 const PAGES = {
