@@ -129,6 +129,8 @@ def browser():
     options.binary_location = '/usr/bin/chromium'
     for argument in ('--headless=new', '--no-sandbox', '--disable-dev-shm-usage', '--disable-gpu', '--no-first-run', '--password-store=basic'):
         options.add_argument(argument)
+    # The console, to find scripts and styles the pages' Content-Security-Policy refused.
+    options.set_capability('goog:loggingPrefs', {'browser': 'ALL'})
     driver = webdriver.Chrome(service=Service(executable_path='/usr/bin/chromedriver'), options=options)
     driver.set_window_size(*WINDOW)
     return driver
@@ -180,6 +182,11 @@ class Page:
         field.clear()
         field.send_keys(value)
         return field
+
+    def console_faults(self):
+        """Console lines telling of a refused script or style, or of a script error."""
+        lines = [entry['message'] for entry in self.driver.get_log('browser')]
+        return [line for line in lines if 'Content Security Policy' in line or 'Uncaught' in line]
 
     def shot(self, name):
         """The whole page: the window grows to the page's height for the picture."""
@@ -269,6 +276,9 @@ class Test:
         self.server.start()
         try:
             scenario(self)
+            for page in self.drivers:
+                faults = page.console_faults()
+                assert not faults, f'{page.label}: console:\n' + '\n'.join(faults)
         except Exception:
             for page in self.drivers:
                 try:
@@ -290,6 +300,14 @@ def lockout(test):
     page = Page(test, 'operator')
     page.open('index.html')
     page.wait_page('index.html')
+    # The server confines the page to its own origin; the page works within that.
+    with urllib.request.urlopen(f'{test.server.url}/index.html', timeout=10) as answer:
+        assert answer.headers['Content-Security-Policy'] == "default-src 'self'", answer.headers
+    # The keyboard's focus shows.
+    page.find('#name').send_keys(Keys.TAB)
+    focused = page.driver.switch_to.active_element
+    assert focused.get_attribute('id') == 'password'
+    assert page.driver.execute_script('return getComputedStyle(arguments[0]).outlineStyle', focused) != 'none'
     page.shot('login')
     for attempt in range(3):
         page.login('operator', f'Wrong#{attempt}')
