@@ -439,7 +439,19 @@ def viewer(test):
     page.open('me.html')
     page.wait_page('me.html')
     page.wait(lambda: page.text('#me-name') == 'viewer', 'the own account')
+    # Its own password it may change, with the current one.
+    page.fill('#current', 'Wrong#2026')
+    page.fill('#new-password', 'Orchard#Beacon4')
+    page.fill('#confirm', 'Orchard#Beacon4').send_keys(Keys.ENTER)
+    page.wait(lambda: page.text('#current-error') == 'The current password is wrong.', 'the wrong current password')
     page.shot('me')
+    page.fill('#current', 'Viewer#2026')
+    page.fill('#new-password', 'Orchard#Beacon4')
+    page.fill('#confirm', 'Orchard#Beacon4').send_keys(Keys.ENTER)
+    page.wait_message('Your password is changed.')
+    # The renewed session goes on.
+    page.open('accounts.html')
+    assert 'viewer' in page.rows()
 
 
 def session_end(test):
@@ -495,6 +507,15 @@ def markup_name(test):
     Select(page.find('#profile-select')).select_by_visible_text('operators')
     page.find('#profile-save').click()
     page.wait(lambda: page.detail('profile') == 'operators', 'the profile change')
+    # Renamed behind the page's back: its next change is refused as stale and the page shows the
+    # account as it now is.
+    uid = page.detail('uid')
+    status, text = page.api('PATCH', f'/api/accounts/{uid}', {'name': MARKUP_NAME, 'newName': 'plain'})
+    assert status == 200, (status, text)
+    page.find('#toggle-active').click()
+    page.wait_message('The account was changed by someone else meanwhile. The page now shows it as it is; check and try again.')
+    assert page.detail('name') == 'plain' and page.detail('state').startswith('enabled')
+    page.shot('account-stale')
 
 
 SCENARIOS = [lockout, forced_change, manager, viewer, session_end, markup_name]
