@@ -18,7 +18,10 @@ BUILD := $(CURDIR)/build
 SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
 PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
-            libpam-pwquality cracklib-runtime locales
+            libpam-pwquality cracklib-runtime locales \
+            libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium
+# The web host: cpp-httplib (HTTP server, OpenSSL inside) and nlohmann-json; its browser test
+# drives Debian's Chromium through its ChromeDriver with Debian's Selenium.
 # locales: the definitions from which the build makes the German locale of the PAM test (a
 # host thread in another language; the translations come with libpam-pwquality's packages).
 # The build writes it into its own tree; the host's locales are left as they are.
@@ -99,7 +102,8 @@ umctl: stage
 
 # tvc-webd, the reference web host, likewise built against the staged package.
 webhost: stage
-	cmake -S tools/webhost -B $(BUILD)/webhost -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR)
+	cmake -S tools/webhost -B $(BUILD)/webhost -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR) \
+	    -DTVC_WEBHOST_SCREENSHOTS=$(BUILD)/webhost-screenshots
 	cmake --build $(BUILD)/webhost -j$(JOBS)
 
 # The web host on the sample device, in the sandbox: plain HTTP on the loopback address only
