@@ -65,7 +65,7 @@ class Server:
         if os.path.exists(port_file):
             os.remove(port_file)
         command = [self.args.sandbox, '--', self.args.webd, '--http', '--listen', '127.0.0.1', '--port', '0',
-                   '--port-file', port_file, '--static', self.args.static]
+                   '--port-file', port_file, '--static', self.args.static, '--login-pause', '1']
         with open(self.log_path, 'ab') as log:
             self.process = subprocess.Popen(command, stdout=log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
                                             start_new_session=True)

@@ -9,6 +9,7 @@
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +35,9 @@ struct Call {
     // Set by a handler that renewed the session: its password print is taken afterwards, under
     // the server's identity.
     std::optional<std::string> renewedToken;
+    // When the request was taken up, and how long a refused login takes from then.
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+    std::chrono::seconds loginPause{0};
 };
 
 enum class Type { String, Integer, Boolean };

@@ -230,6 +230,10 @@ void Server::dispatch(const httplib::Request& req, httplib::Response& res) {
         }
         if (route == nullptr) throw HostError(404, "unknown route");
         Call call{req, res, m_sessions, https, std::nullopt, Json(), 0, std::nullopt, std::nullopt};
+        call.loginPause = std::chrono::seconds(
+            m_settings.loginPauseSeconds >= 0
+                ? static_cast<unsigned int>(m_settings.loginPauseSeconds)
+                : usermanagement::UserDefinition::GetUserDefinition().getDBDelayWrongCredential());
         if (match.size() > 1) {
             const unsigned long long uid = std::stoull(match[1].str().substr(0, 12));
             if (match[1].length() > 10 || uid > UINT_MAX) throw HostError(404, "unknown route");

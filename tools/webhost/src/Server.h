@@ -26,6 +26,9 @@ struct Settings {
     std::string staticDir;  // "": the built-in default (defaultStaticDir())
     std::chrono::seconds idleTimeout{900};
     int threads = 16;
+    // How long every refused login takes, from its start; -1: the configured pause for an unknown
+    // name (UserDefinition::getDBDelayWrongCredential).
+    int loginPauseSeconds = -1;
 };
 
 constexpr std::size_t kBodyLimit = 64 * 1024;

@@ -65,20 +65,21 @@ bool lockedNow(unsigned int uid) {
 // Every refused login answers alike, whatever the reason (wrong password, unknown name, locked
 // or disabled account): the same status and the same body, the library's answer for invalid
 // credentials.  A client learns nothing about which names exist or which accounts are locked;
-// the audit trail, which the library's exception is logged to, tells the cases apart.  An
-// unknown name costs the pause the library makes on every lookup of an unknown name, so the
-// login is no cheaper a way of trying names than the account routes.
+// the audit trail, which the library's exception is logged to, tells the cases apart.  Alike in
+// time too: every refusal is answered the same pause after the login began (by default the pause
+// the library makes on every lookup of an unknown name), whether PAM refused at once (a wrong
+// password with a module that does not delay) or the name had to be looked for; otherwise the
+// answer's delay would tell which names exist, and the login would be a cheaper way of trying
+// names than the account routes.  It also slows password guessing on every account alike.
 [[noreturn]] void refuse(Call& call, const std::string& name, tarvicexception::TvcException& e) {
     e.logCdsMessage();
     unsigned int uid = 0;
-    if (!systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, nullptr)) {
-        std::this_thread::sleep_for(
-            std::chrono::seconds(UserDefinition::GetUserDefinition().getDBDelayWrongCredential()));
-    } else if (lockedNow(uid)) {
+    if (systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, nullptr) && lockedNow(uid)) {
         // The failure that locked the account (or an attempt on a locked one) ends its sessions.
         call.sessions.endAllOf(uid);
         logSessionEvent("Web sessions ended <" + name + ">: account locked");
     }
+    std::this_thread::sleep_until(call.started + call.loginPause);
     authnz::AuthenticationException refused(authnz::AuthenticationError::InvalidCredentials, "Invalid Credentials",
                                             name, false);
     throw HostError::withBody(401, libraryAnswer(refused));

@@ -1,7 +1,7 @@
 // tvc-webd: the reference web host of libtvc_usermanagement.
 //
 //     tvc-webd [--listen ADDR] [--port N] [--http] [--cert FILE --key FILE] [--state-dir DIR]
-//              [--static DIR] [--idle-timeout S] [--threads N] [--port-file FILE]
+//              [--static DIR] [--idle-timeout S] [--threads N] [--login-pause S] [--port-file FILE]
 //
 // Serves the device's account pages and their JSON API over HTTPS (a self-signed certificate
 // is made under --state-dir when none is given), or over plain HTTP on a loopback address.
@@ -27,7 +27,7 @@ constexpr int kIdentityLost = 70;
 int usage(const std::string& why) {
     std::cerr << "tvc-webd: " << why
               << "\nusage: tvc-webd [--listen ADDR] [--port N] [--http] [--cert FILE --key FILE] [--state-dir DIR]"
-                 " [--static DIR] [--idle-timeout S] [--threads N] [--port-file FILE]\n";
+                 " [--static DIR] [--idle-timeout S] [--threads N] [--login-pause S] [--port-file FILE]\n";
     return kUsage;
 }
 
@@ -68,6 +68,8 @@ int main(int argc, char** argv) {
             settings.idleTimeout = std::chrono::seconds(n);
         else if (option == "--threads" && number(value, 1, 1024, n))
             settings.threads = n;
+        else if (option == "--login-pause" && number(value, 0, 60, n))
+            settings.loginPauseSeconds = n;
         else if (option == "--port-file")
             portFile = value;
         else
