@@ -1,0 +1,68 @@
+// The HTTP(S) server of tvc-webd: cpp-httplib with a pool of worker threads (each request runs
+// to its end on one of them), the API dispatched through the route table (Routes.h), the pages
+// from the static directory, the security headers, the 64 KiB body limit, JSON answers for
+// every error, and the identity check after every request.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <httplib.h>
+
+#include "Acting.h"
+#include "Routes.h"
+#include "Sessions.h"
+
+namespace webhost {
+
+struct Settings {
+    std::string listen = "0.0.0.0";
+    int port = -1;  // -1: 443 over HTTPS, 8080 over HTTP
+    bool http = false;
+    std::string cert, key;
+    std::string stateDir = "/etc/tvc-webd";
+    std::string staticDir;  // "": the built-in default (defaultStaticDir())
+    std::chrono::seconds idleTimeout{900};
+    int threads = 16;
+};
+
+constexpr std::size_t kBodyLimit = 64 * 1024;
+
+std::string defaultStaticDir();
+// Whether `address` is a loopback address (127.0.0.0/8, ::1, localhost).
+bool isLoopback(const std::string& address);
+// Installs the sample device's catalogue, configuration and tvc-webd's log sink; once.
+void installDevice();
+
+class Server {
+public:
+    // std::runtime_error for settings it refuses: plain HTTP on an address other than loopback,
+    // a certificate that cannot be made or loaded.
+    explicit Server(Settings settings);
+    // Binds the listening socket and returns the port (the kernel's pick for port 0).
+    int bind();
+    // Serves until stop(); returns false when serving failed.
+    bool run();
+    void stop();
+
+    // Called on the worker thread whose ids differ from the server's after a request.  The
+    // default stops the server; tvc-webd exits at once instead.
+    std::function<void(const Identity& found)> onIdentityMismatch;
+    bool identityMismatched() const { return m_mismatched; }
+
+private:
+    void dispatch(const httplib::Request& req, httplib::Response& res);
+    void serve(const Route& route, Call& call);
+    std::optional<Session> checkedSession(const httplib::Request& req);
+    void checkIdentity();
+
+    Settings m_settings;
+    std::unique_ptr<httplib::Server> m_http;
+    Sessions m_sessions;
+    const IdentityGuard m_guard;
+    std::atomic<bool> m_mismatched{false};
+};
+
+}  // namespace webhost
