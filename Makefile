@@ -40,7 +40,7 @@ ARMHF_PAM_DIR := $(BUILD)/armhf/tools/sampledevice/pam
 # The host files the sandbox must never change; `make test` checks them before and after.
 HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 
-.PHONY: test demo deps library stage umctl suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
+.PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
 .PHONY: armhf-webhost bench-web
@@ -101,11 +101,29 @@ umctl: stage
 	cmake -S tools/umctl -B $(BUILD)/umctl -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR)
 	cmake --build $(BUILD)/umctl -j$(JOBS)
 
+# tvc-webd, the reference web host, likewise built against the staged package.
+webhost: stage
+	cmake -S tools/webhost -B $(BUILD)/webhost -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR)
+	cmake --build $(BUILD)/webhost -j$(JOBS)
+
+# The web host on the sample device, in the sandbox: plain HTTP on the loopback address only
+# (WEB_PORT, 8080 by default), with the sample accounts to log in with.  Ctrl-C stops it, and
+# the sandbox forgets every change made through it.
+WEB_PORT ?= 8080
+web: deps webhost
+	@echo "tvc-webd: open http://127.0.0.1:$(WEB_PORT)/ and log in as one of the sample accounts:"
+	@echo "  admin / Admin#2026        user manager"
+	@echo "  operator / Operator#2026  operator (own password only)"
+	@echo "  viewer / Viewer#2026      viewer (own password only)"
+	@echo "  plainuser / Plain#2026    user manager outside the managed accounts"
+	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(BUILD)/webhost/tvc-webd --http --listen 127.0.0.1 --port $(WEB_PORT)
+
 # Every suite runs even when an earlier one failed.
-suites: umctl
+suites: umctl webhost
 	@status=0; \
 	ctest --test-dir $(BUILD)/default --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/umctl --output-on-failure || status=1; \
+	ctest --test-dir $(BUILD)/webhost --output-on-failure || status=1; \
 	if [ "$(SANITIZE)" != 0 ]; then $(MAKE) asan || status=1; fi; \
 	if [ "$(TSAN)" != 0 ]; then $(MAKE) tsan || status=1; fi; \
 	if [ "$(ARMHF)" != 0 ]; then $(MAKE) armhf-suites || status=1; fi; \

@@ -73,9 +73,10 @@ void listAccounts(Call& call) {
 void showAccount(Call& call) { answer(call.res, 200, accountJson(*call.target)); }
 
 void createAccount(Call& call) {
-    User user = User::createUser(call.body["name"].get<std::string>(), call.body["password"].get<std::string>(),
-                                 call.body["profileId"].get<int>(), optionalField<bool>(call.body, "active").value_or(true),
-                                 optionalField<bool>(call.body, "mustChange").value_or(false), nullptr);
+    User user =
+        User::createUser(call.body["name"].get<std::string>(), call.body["password"].get<std::string>(),
+                         call.body["profileId"].get<int>(), optionalField<bool>(call.body, "active").value_or(true),
+                         optionalField<bool>(call.body, "mustChange").value_or(false), nullptr);
     answer(call.res, 201, accountJson(user));
 }
 

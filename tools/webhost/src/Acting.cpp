@@ -1,11 +1,10 @@
 #include "Acting.h"
 
+#include <systemutilities/LinuxUserSystem.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <sstream>
-
-#include <systemutilities/LinuxUserSystem.h>
 
 namespace webhost {
 
@@ -41,8 +40,8 @@ ActingAs::ActingAs(const std::string& accountName) {
 ActingAs::~ActingAs() { umlog::Ctx::getCtx().setUsername(serverAccountName()); }
 
 bool Identity::operator==(const Identity& other) const {
-    return ruid == other.ruid && euid == other.euid && suid == other.suid && rgid == other.rgid &&
-           egid == other.egid && sgid == other.sgid && groups == other.groups;
+    return ruid == other.ruid && euid == other.euid && suid == other.suid && rgid == other.rgid && egid == other.egid &&
+           sgid == other.sgid && groups == other.groups;
 }
 
 std::string Identity::describe() const {

@@ -13,12 +13,11 @@
 #pragma once
 
 #include <sys/types.h>
+#include <umlog/Ctx.h>
+#include <usermanagement/SystemPermission.h>
 
 #include <string>
 #include <vector>
-
-#include <umlog/Ctx.h>
-#include <usermanagement/SystemPermission.h>
 
 namespace webhost {
 

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 #include <syslog.h>
-
 #include <umlog/Ctx.h>
 
 namespace webhost {
@@ -43,8 +42,8 @@ std::string oneLine(std::string text) {
 
 void AuditLog::logMessage(LogCategory category, int messageId, int, const LogSeverity& severity, std::string ip, int,
                           std::string text) {
-    Event event{std::time(nullptr), static_cast<int>(category), messageId, severityName(severity), std::move(ip),
-                umlog::Ctx::getCtx().getUsername(), std::move(text)};
+    Event event{std::time(nullptr), static_cast<int>(category),         messageId,      severityName(severity),
+                std::move(ip),      umlog::Ctx::getCtx().getUsername(), std::move(text)};
     if (m_syslog)
         syslog(syslogPriority(severity), "category=%d id=%d ip=%s user=%s text=%s", event.category, event.id,
                oneLine(event.ip).c_str(), oneLine(event.user).c_str(), oneLine(event.text).c_str());

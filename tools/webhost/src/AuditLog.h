@@ -4,13 +4,13 @@
 // and syslog is safe to call from any thread.
 #pragma once
 
+#include <usermanagement/Logger.h>
+
 #include <ctime>
 #include <deque>
 #include <mutex>
-#include <string>
-
 #include <nlohmann/json.hpp>
-#include <usermanagement/Logger.h>
+#include <string>
 
 namespace webhost {
 
@@ -18,8 +18,8 @@ class AuditLog : public usermanagement::Logger {
 public:
     static constexpr std::size_t kEvents = 500;
 
-    void logMessage(usermanagement::LogCategory category, int messageId, int, const usermanagement::LogSeverity& severity,
-                    std::string ip, int, std::string text) override;
+    void logMessage(usermanagement::LogCategory category, int messageId, int,
+                    const usermanagement::LogSeverity& severity, std::string ip, int, std::string text) override;
     // The events newest first: {time (seconds since 1970), category, id, severity, ip, user, text}.
     nlohmann::json events();
 

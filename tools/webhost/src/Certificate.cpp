@@ -1,6 +1,11 @@
 #include "Certificate.h"
 
 #include <fcntl.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,12 +14,6 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rand.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 
 namespace webhost {
 

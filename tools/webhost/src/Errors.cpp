@@ -16,7 +16,7 @@ int statusOf(tarvicexception::TvcException& e) {
     if (dynamic_cast<UpdatePasswordException*>(&e)) {
         if (code == UpdatePasswordError::InvalidCredentials) return 403;
         return code >= UpdatePasswordError::NewPasswordTooLong && code <= UpdatePasswordError::LastQualityRule ? 400
-                                                                                                                : 500;
+                                                                                                               : 500;
     }
     if (dynamic_cast<PMException*>(&e)) return 500;
     if (dynamic_cast<UMSystemErrorException*>(&e)) return code == UMSystemError::FilesLocked ? 503 : 500;

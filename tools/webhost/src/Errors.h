@@ -7,12 +7,12 @@
 // JSON never does.
 #pragma once
 
+#include <httplib.h>
+#include <tarvicexception/TvcException.h>
+
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
-
-#include <httplib.h>
-#include <nlohmann/json.hpp>
-#include <tarvicexception/TvcException.h>
 
 namespace webhost {
 

@@ -8,6 +8,8 @@ const std::vector<Route>& routes() {
     const auto S = Type::String;
     const auto I = Type::Integer;
     const auto B = Type::Boolean;
+    // method, path, session, right, during a forced change, body fields {name, type, required}, handler
+    // clang-format off
     static const std::vector<Route> table = {
         {"POST", "/api/login", false, std::nullopt, true, {{{"name", S, true}, {"password", S, true}}}, login},
         {"POST", "/api/logout", true, std::nullopt, true, std::nullopt, logout},
@@ -32,6 +34,7 @@ const std::vector<Route>& routes() {
          removeAccount},
         {"GET", "/api/audit", true, UserDefinition::ManageUsers, false, std::nullopt, auditEvents},
     };
+    // clang-format on
     return table;
 }
 

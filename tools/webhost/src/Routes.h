@@ -4,14 +4,14 @@
 // session's account.  The handlers live in SessionRoutes.cpp and AccountRoutes.cpp.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
-
 #include <httplib.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
+
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "Errors.h"
 #include "Sessions.h"
@@ -47,8 +47,8 @@ struct Route {
     const char* method;
     const char* path;  // regex; an account route captures the uid
     bool needsSession;
-    std::optional<Action> right;  // asked of the target on an account route, else with no target
-    bool duringMustChange;        // allowed to a session whose password must be changed
+    std::optional<Action> right;             // asked of the target on an account route, else with no target
+    bool duringMustChange;                   // allowed to a session whose password must be changed
     std::optional<std::vector<Field>> body;  // JSON object with these fields; none: no body
     void (*handle)(Call&);
 };

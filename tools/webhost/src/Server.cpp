@@ -1,16 +1,16 @@
 #include "Server.h"
 
 #include <arpa/inet.h>
+#include <authnz/AuthNZException.h>
 #include <sys/stat.h>
+#include <systemutilities/LinuxUserSystem.h>
+#include <usermanagement/UMException.h>
 
 #include <cctype>
 #include <iostream>
 #include <regex>
 #include <stdexcept>
-
-#include <authnz/AuthNZException.h>
-#include <systemutilities/LinuxUserSystem.h>
-#include <usermanagement/UMException.h>
+#include <thread>
 
 #include "AuditLog.h"
 #include "Certificate.h"
@@ -84,9 +84,10 @@ Json checkedBody(const httplib::Request& req, const Route& route) {
             continue;
         }
         const Json& value = body[field.name];
-        const bool fits = field.type == Type::String    ? value.is_string()
-                          : field.type == Type::Boolean ? value.is_boolean()
-                                                        : value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
+        const bool fits = field.type == Type::String ? value.is_string()
+                          : field.type == Type::Boolean
+                              ? value.is_boolean()
+                              : value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
         if (!fits) throw HostError(400, std::string("wrong type: ") + field.name);
     }
     return body;
@@ -148,7 +149,8 @@ Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(
     });
     // Runs on the worker thread after every request it served, the static ones included.
     m_http->set_logger([this](const httplib::Request&, const httplib::Response&) { checkIdentity(); });
-    onIdentityMismatch = [this](const Identity&) { stop(); };
+    // On the worker thread: httplib's own stop, which does not wait for the workers.
+    onIdentityMismatch = [this](const Identity&) { m_http->stop(); };
 }
 
 int Server::bind() {
@@ -159,9 +161,23 @@ int Server::bind() {
     return bound;
 }
 
-bool Server::run() { return m_http->listen_after_bind(); }
+bool Server::run() {
+    m_running = true;
+    const bool served = m_stopRequested || m_http->listen_after_bind();
+    m_finished = true;
+    return served;
+}
 
-void Server::stop() { m_http->stop(); }
+// httplib's stop() does nothing until its accept loop has started: a stop that comes between
+// bind() and that moment is repeated until run() returns.
+void Server::stop() {
+    m_stopRequested = true;
+    for (;;) {
+        m_http->stop();
+        if (!m_running || m_finished) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
 
 void Server::checkIdentity() {
     if (m_guard.holds()) return;

@@ -4,12 +4,12 @@
 // every error, and the identity check after every request.
 #pragma once
 
+#include <httplib.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
-
-#include <httplib.h>
 
 #include "Acting.h"
 #include "Routes.h"
@@ -45,6 +45,7 @@ public:
     int bind();
     // Serves until stop(); returns false when serving failed.
     bool run();
+    // From any thread but a worker's; returns when run() has returned (or will return at once).
     void stop();
 
     // Called on the worker thread whose ids differ from the server's after a request.  The
@@ -63,6 +64,7 @@ private:
     Sessions m_sessions;
     const IdentityGuard m_guard;
     std::atomic<bool> m_mismatched{false};
+    std::atomic<bool> m_stopRequested{false}, m_running{false}, m_finished{false};
 };
 
 }  // namespace webhost

@@ -1,15 +1,14 @@
 // POST /api/login, POST /api/logout, GET /api/session, POST /api/me/password.
+#include <authnz/AuthNZException.h>
+#include <authnz/WebPam.h>
 #include <systemutilities/LinuxUserSystem.h>
 #include <unistd.h>
+#include <usermanagement/ProfileDefinition.h>
+#include <usermanagement/Utilities.h>
 
 #include <chrono>
 #include <memory>
 #include <thread>
-
-#include <authnz/AuthNZException.h>
-#include <authnz/WebPam.h>
-#include <usermanagement/ProfileDefinition.h>
-#include <usermanagement/Utilities.h>
 
 #include "Acting.h"
 #include "AuditLog.h"
@@ -73,7 +72,8 @@ bool lockedNow(unsigned int uid) {
     e.logCdsMessage();
     unsigned int uid = 0;
     if (!systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, nullptr)) {
-        std::this_thread::sleep_for(std::chrono::seconds(UserDefinition::GetUserDefinition().getDBDelayWrongCredential()));
+        std::this_thread::sleep_for(
+            std::chrono::seconds(UserDefinition::GetUserDefinition().getDBDelayWrongCredential()));
     } else if (lockedNow(uid)) {
         // The failure that locked the account (or an attempt on a locked one) ends its sessions.
         call.sessions.endAllOf(uid);

@@ -40,8 +40,8 @@ bool Sessions::expired(const Session& session, std::chrono::steady_clock::time_p
 
 Session Sessions::create(unsigned int uid, unsigned int gid, const std::string& name, bool mustChange,
                          const std::string& passwordPrint) {
-    Session session{randomHex(), randomHex(), uid, gid, name, mustChange, passwordPrint,
-                    std::chrono::steady_clock::now()};
+    Session session{randomHex(), randomHex(), uid,           gid,
+                    name,        mustChange,  passwordPrint, std::chrono::steady_clock::now()};
     const std::lock_guard<std::mutex> lock(m_mutex);
     // Idle sessions go whenever one is made, so the store never grows with abandoned ones.
     for (auto it = m_byDigest.begin(); it != m_byDigest.end();)

@@ -52,16 +52,26 @@ int main(int argc, char** argv) {
         if (i + 1 == argc) return usage("unknown option or missing value: " + option);
         const std::string value = argv[++i];
         int n = 0;
-        if (option == "--listen") settings.listen = value;
-        else if (option == "--port" && number(value, 0, 65535, n)) settings.port = n;
-        else if (option == "--cert") settings.cert = value;
-        else if (option == "--key") settings.key = value;
-        else if (option == "--state-dir") settings.stateDir = value;
-        else if (option == "--static") settings.staticDir = value;
-        else if (option == "--idle-timeout" && number(value, 1, 86400 * 7, n)) settings.idleTimeout = std::chrono::seconds(n);
-        else if (option == "--threads" && number(value, 1, 1024, n)) settings.threads = n;
-        else if (option == "--port-file") portFile = value;
-        else return usage("bad option: " + option + " " + value);
+        if (option == "--listen")
+            settings.listen = value;
+        else if (option == "--port" && number(value, 0, 65535, n))
+            settings.port = n;
+        else if (option == "--cert")
+            settings.cert = value;
+        else if (option == "--key")
+            settings.key = value;
+        else if (option == "--state-dir")
+            settings.stateDir = value;
+        else if (option == "--static")
+            settings.staticDir = value;
+        else if (option == "--idle-timeout" && number(value, 1, 86400 * 7, n))
+            settings.idleTimeout = std::chrono::seconds(n);
+        else if (option == "--threads" && number(value, 1, 1024, n))
+            settings.threads = n;
+        else if (option == "--port-file")
+            portFile = value;
+        else
+            return usage("bad option: " + option + " " + value);
     }
 
     // A peer that hangs up must not kill the server through a write; SIGTERM and SIGINT are
@@ -85,14 +95,19 @@ int main(int argc, char** argv) {
         };
         const int port = server.bind();
         if (!portFile.empty()) std::ofstream(portFile) << port << "\n";
-        std::cerr << "tvc-webd: serving " << (settings.http ? "http" : "https") << "://" << settings.listen << ":" << port
-                  << "/\n";
-        std::thread([&server, stopSignals] {
+        std::cerr << "tvc-webd: serving " << (settings.http ? "http" : "https") << "://" << settings.listen << ":"
+                  << port << "/\n";
+        std::thread stopper([&server, stopSignals] {
             int received = 0;
             sigwait(&stopSignals, &received);
             server.stop();
-        }).detach();
-        return server.run() ? 0 : 1;
+        });
+        const bool served = server.run();
+        // The stopper is done with the server before it goes: when serving ended otherwise, a
+        // signal of its own wakes it.
+        pthread_kill(stopper.native_handle(), SIGTERM);
+        stopper.join();
+        return served ? 0 : 1;
     } catch (const std::exception& e) {
         std::cerr << "tvc-webd: " << e.what() << "\n";
         return 1;
