@@ -19,9 +19,10 @@ SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
 PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
             libpam-pwquality cracklib-runtime locales \
-            libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium
+            libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium curl wrk
 # The web host: cpp-httplib (HTTP server, OpenSSL inside) and nlohmann-json; its browser test
-# drives Debian's Chromium through its ChromeDriver with Debian's Selenium.
+# drives Debian's Chromium through its ChromeDriver with Debian's Selenium; curl: the armhf web
+# host's smoke test; wrk: the web host's load (`make bench-web`).
 # locales: the definitions from which the build makes the German locale of the PAM test (a
 # host thread in another language; the translations come with libpam-pwquality's packages).
 # The build writes it into its own tree; the host's locales are left as they are.
@@ -43,6 +44,8 @@ HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 
 .PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
+
+.PHONY: armhf-webhost bench-web
 
 # Runs the suites target $(1) between two checksums of the host's account files.
 define guarded
@@ -189,14 +192,38 @@ armhf-umctl: armhf-stage
 	    -Dtvc_usermanagement_DIR=$(BUILD)/armhf-stage/lib/cmake/tvc_usermanagement -DTVC_PAM_DIR=$(ARMHF_PAM_DIR)
 	cmake --build $(BUILD)/armhf-umctl -j$(JOBS)
 
+# The reference web host for the device, against the armhf install like umctl; cpp-httplib and
+# the JSON library come from the sysroot.
+armhf-webhost: armhf-stage
+	cmake -S tools/webhost -B $(BUILD)/armhf-webhost $(ARMHF_CMAKE) -DTVC_WEBHOST_TESTS=OFF \
+	    -Dtvc_usermanagement_DIR=$(BUILD)/armhf-stage/lib/cmake/tvc_usermanagement
+	cmake --build $(BUILD)/armhf-webhost -j$(JOBS) --target tvc-webd
+
 # The same suites as on the host, each under qemu (ctest runs them through the toolchain file's
-# emulator), then the installed library's interface against the host build's.
-armhf-suites: armhf-umctl armhf-binfmt
+# emulator), the armhf web host's smoke test in the sandbox, then the installed library's
+# interface against the host build's.
+armhf-suites: armhf-umctl armhf-webhost armhf-binfmt
 	@status=0; \
 	ctest --test-dir $(BUILD)/armhf --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/armhf-umctl --output-on-failure || status=1; \
+	QEMU_LD_PREFIX=$(ARMHF_SYSROOT) TVC_PAM_DIR=$(ARMHF_PAM_DIR) $(SANDBOX) -- \
+	    $(CURDIR)/tests/webhost/armhf_smoke.sh $(BUILD)/armhf-webhost/tvc-webd || status=1; \
 	$(MAKE) armhf-abi || status=1; \
 	exit $$status
 
 armhf-abi: stage armhf-library armhf-binfmt
 	$(CURDIR)/tools/armhf/check-abi.sh $(BUILD)/stage $(BUILD)/armhf $(ARMHF_SYSROOT) $(BUILD)/armhf-abi
+
+# --- the web host under load ----------------------------------------------------------------------
+# Requests per second and latency of 64 logged-in clients (wrk, tools/webhost/bench/web.lua) for
+# BENCH_S seconds (20), then a login's latency next to the bare PAM transaction's
+# (tools/webhost/bench/login_bench.cpp); tvc-webd optimised, in a build of its own, in the sandbox
+# with the sample device's PAM stack.  BENCH_THREADS sets the server's thread pool (16).
+bench-web: deps stage
+	cmake -S tools/webhost -B $(BUILD)/webhost-bench -DCMAKE_PREFIX_PATH=$(BUILD)/stage \
+	    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVC_WEBHOST_TESTS=OFF
+	cmake --build $(BUILD)/webhost-bench -j$(JOBS) --target tvc-webd
+	cmake -S tools/webhost/bench -B $(BUILD)/webbench
+	cmake --build $(BUILD)/webbench -j$(JOBS)
+	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/webhost/bench/bench-web.sh \
+	    $(BUILD)/webhost-bench/tvc-webd $(BUILD)/webbench/login_bench

@@ -7,23 +7,28 @@
 # own sources, lists, cache and an empty dpkg status, APT::Architecture=armhf): the host's dpkg
 # never learns about armhf, and an armhf index that fails to load cannot break the host's apt.
 # Each package is unpacked with dpkg-deb -x; nothing is configured and no maintainer script
-# runs.  SYSROOT/.complete marks a finished sysroot, so a second run does nothing.
+# runs.  SYSROOT/.complete holds the package list of a finished sysroot: a second run with the
+# same list does nothing, a changed list makes the sysroot again, downloading only the .deb
+# files that the cache next to it (SYSROOT/../armhf-apt) does not hold yet.
 set -euo pipefail
 
 sysroot=$(realpath -m "${1:?usage: make-sysroot.sh SYSROOT}")
-[[ -f $sysroot/.complete ]] && exit 0
 
 # What the library, its tests and the sample device's PAM stack link against or load.
 packages=(libc6 libc6-dev libstdc++6 libgcc-s1 linux-libc-dev
     libpam0g libpam0g-dev libpam-modules libpam-modules-bin libpam-pwquality libpwquality1
     libcrack2 cracklib-runtime libcrypt1 libcrypt-dev libssl3 libssl-dev
-    libgtest-dev googletest libfiu0 libfiu-dev fiu-utils)
+    libgtest-dev googletest libfiu0 libfiu-dev fiu-utils
+    # The reference web host (tools/webhost): cpp-httplib with the packages its .pc file
+    # requires (OpenSSL, zlib, brotli), and the header-only JSON library.
+    libcpp-httplib-dev zlib1g-dev libbrotli-dev nlohmann-json3-dev)
+[[ -f $sysroot/.complete && $(<"$sysroot/.complete") == "${packages[*]}" ]] && exit 0
 # Dependencies that only matter on an installed system (package management, debconf's perl);
 # the sysroot is never booted.
 skip='^(debconf|perl-base|dpkg|tar|install-info|libpam-runtime|debianutils|base-files|cdebconf|libdebconfclient0|usrmerge|libc-bin|file|libmagic.*|gcc-12-base)$'
 
 work=$(dirname "$sysroot")/armhf-apt
-rm -rf "$sysroot" "$work"
+rm -rf "$sysroot" "$work"/etc "$work/status"
 mkdir -p "$work"/{etc/apt.conf.d,etc/preferences.d,etc/sources.list.d,lists/partial,cache/archives/partial,debs} "$sysroot"
 : >"$work/status"
 # The same archive the host uses (Debian 12), read with the host's keyring.
@@ -48,9 +53,21 @@ mapfile -t closure < <(apt-cache "${apt_opts[@]}" depends --recurse --no-recomme
     --no-conflicts --no-breaks --no-replaces --no-enhances --no-pre-depends "${packages[@]}" |
     grep -v '^ ' | grep -v '^<' | sed 's/:armhf$//' | sort -u | grep -Ev "$skip")
 # Pre-depends left out above pull in the package tools; libc6 and friends are listed already.
-(cd "$work/debs" && apt-get "${apt_opts[@]}" download "${closure[@]}")
+# The candidates' file names; only those missing from the cache are downloaded, and files
+# of versions no longer wanted leave it.
+mapfile -t files < <(apt-get "${apt_opts[@]}" download --print-uris "${closure[@]}" | awk '{print $2}')
+missing=()
+for file in "${files[@]}"; do
+    [[ -f $work/debs/$file ]] || missing+=("${file%%_*}")
+done
+if ((${#missing[@]})); then
+    (cd "$work/debs" && apt-get "${apt_opts[@]}" download "${missing[@]}")
+fi
 for deb in "$work"/debs/*.deb; do
-    dpkg-deb -x "$deb" "$sysroot"
+    [[ " ${files[*]} " == *" ${deb##*/} "* ]] || rm -f "$deb"
+done
+for file in "${files[@]}"; do
+    dpkg-deb -x "$work/debs/$file" "$sysroot"
 done
 
 # Only libraries, headers and programs belong here.  Under qemu -L every absolute path is
@@ -65,5 +82,5 @@ while IFS= read -r link; do
     [[ $target == /* ]] || continue
     ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$sysroot$target")" "$link"
 done < <(find "$sysroot" -type l)
-touch "$sysroot/.complete"
+echo "${packages[*]}" >"$sysroot/.complete"
 echo "make-sysroot: $sysroot holds ${#closure[@]} armhf packages"
