@@ -179,11 +179,16 @@ TEST_F(WebHost, LoginFromAnotherSiteIsRefused) {
               200);
 }
 
-TEST_F(WebHost, PlainHttpOnlyOnLoopback) {
+// Plain HTTP only on loopback, and no second server shares a port (and its clients' passwords).
+TEST_F(WebHost, ListensOnlyWhereAllowed) {
     webhost::Settings settings;
     settings.http = true;
     settings.listen = "0.0.0.0";
     EXPECT_THROW(webhost::Server{settings}, std::runtime_error);
+    settings.listen = "127.0.0.1";
+    settings.port = port;
+    webhost::Server second(settings);
+    EXPECT_THROW(second.bind(), std::runtime_error);
 }
 
 // The third wrong password locks the account and ends its sessions; then every refusal reads

@@ -8,11 +8,16 @@
 
 namespace webhost {
 
-std::string serverAccountName() {
-    std::string name;
-    unsigned int gid = 0;
-    if (systemutilities::LinuxUserSystem::getUserName(geteuid(), name, gid)) return name;
-    return std::to_string(geteuid());
+// Looked up once, by the first caller: the server, before it serves (and before any worker acts
+// as an account, when geteuid() would name the account instead).
+const std::string& serverAccountName() {
+    static const std::string name = [] {
+        std::string found;
+        unsigned int gid = 0;
+        if (systemutilities::LinuxUserSystem::getUserName(geteuid(), found, gid)) return found;
+        return std::to_string(geteuid());
+    }();
+    return name;
 }
 
 RequestContext::RequestContext(const std::string& ip, umlog::Ctx::Protocol protocol) {

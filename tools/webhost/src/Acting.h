@@ -62,6 +62,6 @@ private:
 };
 
 // The name the server's own identity logs under ("root" on the device).
-std::string serverAccountName();
+const std::string& serverAccountName();
 
 }  // namespace webhost

@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include <sys/socket.h>
 #include <arpa/inet.h>
 #include <authnz/AuthNZException.h>
 #include <sys/stat.h>
@@ -112,6 +113,7 @@ const std::vector<CompiledRoute>& compiledRoutes() {
 Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(m_settings.idleTimeout) {
     installDevice();
     compiledRoutes();
+    serverAccountName();
     // Plain HTTP carries passwords and session cookies in the clear: only where no other host
     // can listen.
     if (m_settings.http && !isLoopback(m_settings.listen))
@@ -128,6 +130,17 @@ Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(
     const std::size_t threads = m_settings.threads > 0 ? m_settings.threads : 1;
     m_http->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     m_http->set_payload_max_length(kBodyLimit);
+    // A response is written as two sends (head, body); with Nagle's algorithm the second waits
+    // for the client's delayed acknowledgement, some 40 ms per answer.
+    m_http->set_tcp_nodelay(true);
+    // The library's own socket set-up asks for SO_REUSEPORT, which would let a second process
+    // bind the same port and take a share of the connections (and their passwords): only
+    // SO_REUSEADDR here.  The listening socket is kept to raise the backlog after the bind.
+    m_http->set_socket_options([this](int socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        m_listening = socket;
+    });
     m_http->set_default_headers({{"Content-Security-Policy", "default-src 'self'"},
                                  {"X-Content-Type-Options", "nosniff"},
                                  {"X-Frame-Options", "DENY"},
@@ -159,6 +172,11 @@ int Server::bind() {
     const int bound = port == 0 ? m_http->bind_to_any_port(m_settings.listen)
                                 : (m_http->bind_to_port(m_settings.listen, port) ? port : -1);
     if (bound <= 0) throw std::runtime_error("cannot listen on " + m_settings.listen + " port " + std::to_string(port));
+    // httplib listens with a backlog of 5 and closes a keep-alive connection after 5 requests:
+    // under load the queue overflows and a dropped connection attempt is retried by the client
+    // only after a second or more.  listen() again on the bound socket only sets the backlog.
+    if (m_listening >= 0 && ::listen(m_listening, kListenBacklog) != 0)
+        throw std::runtime_error("cannot set the listen backlog on " + m_settings.listen);
     return bound;
 }
 

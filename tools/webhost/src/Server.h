@@ -32,6 +32,7 @@ struct Settings {
 };
 
 constexpr std::size_t kBodyLimit = 64 * 1024;
+constexpr int kListenBacklog = 128;
 
 std::string defaultStaticDir();
 // Whether `address` is a loopback address (127.0.0.0/8, ::1, localhost).
@@ -66,6 +67,7 @@ private:
     std::unique_ptr<httplib::Server> m_http;
     Sessions m_sessions;
     const IdentityGuard m_guard;
+    int m_listening = -1;  // the listening socket, once bound (owned by httplib)
     std::atomic<bool> m_mismatched{false};
     std::atomic<bool> m_stopRequested{false}, m_running{false}, m_finished{false};
 };
