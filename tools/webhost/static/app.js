@@ -127,6 +127,13 @@ function element(tag, text, className) {
   return node;
 }
 
+// An element with attributes set as such (id, for, href, aria-*), and optionally its text.
+function tagged(tag, attributes, text) {
+  const node = element(tag, text);
+  for (const [name, value] of Object.entries(attributes)) node.setAttribute(name, value);
+  return node;
+}
+
 function button(text, className, onClick) {
   const node = element('button', text, className);
   node.type = 'button';
@@ -485,14 +492,32 @@ const PAGES = {
   audit: auditPage,
 };
 
-// The header: who is logged in, the links the session's rights allow, the logout button.
+// The main navigation, in the order shown: a link appears only when `shown` holds for the session.
+const NAV = [
+  { href: 'accounts.html', label: 'Accounts', shown: () => true },
+  { href: 'create.html', label: 'New account', shown: (current) => current.can.create },
+  { href: 'me.html', label: 'My account', shown: () => true },
+  { href: 'audit.html', label: 'Audit log', shown: (current) => current.can.manage },
+];
+
+// The header, built into the page's <header>: the name of the pages, the links of NAV into the
+// page's <nav> (each with the id nav-<page>; the page's own marked as current), who is logged
+// in and the logout button.  A page without a <nav> (the forced change) has nowhere to go, so
+// its name there is no link either.
 function showHeader() {
-  $('#who').textContent = `${session.name} (${session.profile})`;
-  const create = $('#nav-create');
-  const audit = $('#nav-audit');
-  if (create) create.hidden = !session.can.create;
-  if (audit) audit.hidden = !session.can.manage;
-  $('#logout').addEventListener('click', async () => {
+  const header = $('body > header');
+  const nav = header.querySelector('nav');
+  header.prepend(nav ? tagged('a', { class: 'brand', href: 'accounts.html' }, 'Device accounts')
+    : element('span', 'Device accounts', 'brand'));
+  if (nav) {
+    const here = `${document.body.dataset.page}.html`;
+    nav.replaceChildren(...NAV.filter((entry) => entry.shown(session)).map((entry) => {
+      const link = tagged('a', { id: `nav-${entry.href.replace(/\.html$/, '')}`, href: entry.href }, entry.label);
+      if (entry.href === here) link.setAttribute('aria-current', 'page');
+      return link;
+    }));
+  }
+  const logout = button('Log out', '', async () => {
     try {
       await api('POST', '/api/logout');
     } finally {
@@ -500,6 +525,8 @@ function showHeader() {
       location.replace('index.html');
     }
   });
+  logout.id = 'logout';
+  header.append(tagged('span', { id: 'who' }, `${session.name} (${session.profile})`), logout);
 }
 
 async function start() {
