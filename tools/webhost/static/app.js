@@ -413,10 +413,25 @@ async function createPage() {
   });
 }
 
-// The holder's own password change, on "My account" and on the forced change page; `done`
-// runs with the renewed session.
+// The holder's own password change, on "My account" and on the forced change page.  Its fields
+// are built here into the page's #password-form (after what the page put there, e.g. a heading);
+// `done` runs with the renewed session.
+const PASSWORD_FIELDS = [
+  { id: 'current', label: 'Current password', autocomplete: 'current-password' },
+  { id: 'new-password', label: 'New password', autocomplete: 'new-password' },
+  { id: 'confirm', label: 'New password again', autocomplete: 'new-password' },
+];
+
 function passwordForm(done) {
-  onSubmit($('#password-form'), async () => {
+  const form = $('#password-form');
+  for (const { id, label, autocomplete } of PASSWORD_FIELDS) {
+    form.append(
+      tagged('label', { for: id }, label),
+      tagged('input', { id, type: 'password', autocomplete, required: '', 'aria-describedby': `${id}-error` }),
+      tagged('p', { id: `${id}-error`, class: 'field-error' }));
+  }
+  form.append(tagged('button', { id: 'change', type: 'submit' }, 'Change password'));
+  onSubmit(form, async () => {
     if ($('#new-password').value !== $('#confirm').value) {
       fieldError('confirm', 'The two new passwords differ.');
       $('#confirm').focus();
@@ -436,7 +451,7 @@ function passwordForm(done) {
       }
       return;
     }
-    for (const id of ['#current', '#new-password', '#confirm']) $(id).value = '';
+    for (const { id } of PASSWORD_FIELDS) document.getElementById(id).value = '';
     await done();
   });
 }
@@ -453,6 +468,8 @@ function changePasswordPage() {
     notice('Your password is changed.');
     return leave('accounts.html');
   });
+  // The page is there for this form alone.
+  $('#current').focus();
 }
 
 async function auditPage() {
