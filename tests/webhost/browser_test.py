@@ -208,6 +208,19 @@ class Page:
         self.login(name, password)
         self.wait_page(page)
 
+    def change_password(self, current, new):
+        """Fills the own password form and submits it with Enter in its last field."""
+        self.fill('#current', current)
+        self.fill('#new-password', new)
+        self.fill('#confirm', new).send_keys(Keys.ENTER)
+
+    def nav(self):
+        """The header's links: [(label, current?)], once the script has put them there."""
+        links = 'header nav a'
+        self.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, links), 'the navigation')
+        return [(link.text, link.get_attribute('aria-current') == 'page')
+                for link in self.driver.find_elements(By.CSS_SELECTOR, links)]
+
     def message(self):
         return self.text('#message')
 
@@ -339,16 +352,13 @@ def forced_change(test):
     for elsewhere in ('accounts.html', 'me.html', 'audit.html'):
         page.open(elsewhere)
         page.wait_page('change-password.html')
-    page.fill('#current', 'Fresh#2026')
-    page.fill('#new-password', 'short')
-    page.fill('#confirm', 'short').send_keys(Keys.ENTER)
+    assert not page.driver.find_elements(By.CSS_SELECTOR, 'header nav'), 'the forced change offers a way elsewhere'
+    page.change_password('Fresh#2026', 'short')
     page.wait(lambda: page.text('#new-password-error'), 'the rule message')
     assert page.text('#new-password-error') == 'The new password is too short.', page.text('#new-password-error')
     assert page.find('#new-password').get_attribute('aria-invalid') == 'true'
     page.shot('change-password-refused')
-    page.fill('#current', 'Fresh#2026')
-    page.fill('#new-password', 'Gentle#Harbour7')
-    page.fill('#confirm', 'Gentle#Harbour7').send_keys(Keys.ENTER)
+    page.change_password('Fresh#2026', 'Gentle#Harbour7')
     page.wait_page('accounts.html')
     page.wait_message('Your password is changed.')
     assert 'fresh' in page.rows()
@@ -362,7 +372,12 @@ def manager(test):
     """A user manager runs an account through its life and finds each step in the audit log."""
     page = Page(test, 'admin')
     page.login_to('admin', 'Admin#2026')
-    assert page.visible('#nav-create') and page.visible('#nav-audit')
+    assert page.nav() == [('Accounts', True), ('New account', False), ('My account', False), ('Audit log', False)], page.nav()
+    # The keyboard reaches the links, and its focus shows.
+    page.find('header .brand').send_keys(Keys.TAB)
+    focused = page.driver.switch_to.active_element
+    assert focused.get_attribute('id') == 'nav-accounts', focused.get_attribute('outerHTML')
+    assert page.driver.execute_script('return getComputedStyle(arguments[0]).outlineStyle', focused) != 'none'
     page.shot('accounts')
     page.open('create.html')
     page.wait_page('create.html')
@@ -421,7 +436,7 @@ def viewer(test):
     rows = page.rows()
     assert {'admin', 'viewer', 'operator'} <= set(rows), sorted(rows)
     assert not page.driver.find_elements(By.CSS_SELECTOR, '#accounts button'), 'the viewer has buttons'
-    assert not page.visible('#nav-create') and not page.visible('#nav-audit')
+    assert page.nav() == [('Accounts', True), ('My account', False)], page.nav()
     page.shot('accounts-viewer')
     rows['admin'].find_element(By.CSS_SELECTOR, 'a').click()
     page.wait_page('account.html')
@@ -439,15 +454,12 @@ def viewer(test):
     page.open('me.html')
     page.wait_page('me.html')
     page.wait(lambda: page.text('#me-name') == 'viewer', 'the own account')
+    assert page.nav() == [('Accounts', False), ('My account', True)], page.nav()
     # Its own password it may change, with the current one.
-    page.fill('#current', 'Wrong#2026')
-    page.fill('#new-password', 'Orchard#Beacon4')
-    page.fill('#confirm', 'Orchard#Beacon4').send_keys(Keys.ENTER)
+    page.change_password('Wrong#2026', 'Orchard#Beacon4')
     page.wait(lambda: page.text('#current-error') == 'The current password is wrong.', 'the wrong current password')
     page.shot('me')
-    page.fill('#current', 'Viewer#2026')
-    page.fill('#new-password', 'Orchard#Beacon4')
-    page.fill('#confirm', 'Orchard#Beacon4').send_keys(Keys.ENTER)
+    page.change_password('Viewer#2026', 'Orchard#Beacon4')
     page.wait_message('Your password is changed.')
     # The renewed session goes on.
     page.open('accounts.html')
