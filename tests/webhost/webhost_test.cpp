@@ -130,6 +130,8 @@ TEST_F(WebHost, StateChangingRoutesRefuseAndWriteNothing) {
         {Viewer, "POST", "/api/accounts", R"({"name":"carol","profileId":2,"password":"Carol#Pass2027"})", 403, kRefused},
         {Admin, "POST", "/api/accounts", R"({"name":"carol","profileId":2,)", 400, {{"error", "malformed JSON"}}},
         {Admin, "POST", "/api/accounts", R"({"name":"carol","profileId":2,"password":"x","mustchange":true})", 400, {{"error", "unknown field"}}},
+        {Admin, "POST", "/api/accounts", R"({"name":"carol","profileId":18446744073709551615,"password":"Carol#Pass2027"})", 400, {{"error", "wrong type: profileId"}}},
+        {NoSession, "POST", "/api/login", R"({"name":"admin\u0000x","password":"Admin#2026"})", 400, {{"error", "NUL byte in: name"}}},
         {NoSession, "PATCH", "/api/accounts/10004", R"({"name":"guest","newName":"guest2"})", 401, kNoSession},
         {WrongCsrf, "PATCH", "/api/accounts/10004", R"({"name":"guest","newName":"guest2"})", 403, kBadCsrf},
         {Viewer, "PATCH", "/api/accounts/10004", R"({"name":"guest","newName":"guest2"})", 403, kRefused},

@@ -61,6 +61,13 @@ std::string cookie(const httplib::Request& req, const std::string& name) {
     return header.substr(start, header.find(';', start) - start);
 }
 
+// nlohmann compares an unsigned number with a signed one as signed: 2^64 - 1 would pass a
+// plain range check as -1 and reach the library as profile -1.
+bool isInt(const Json& value) {
+    if (value.is_number_unsigned()) return value.get<std::uint64_t>() <= INT_MAX;
+    return value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
+}
+
 // The body as the route's table entry describes it: a JSON object with exactly those fields,
 // each of its type.  Anything else is refused before the library is asked: a misspelt field
 // ("mustchange") must not silently leave an account without the forced change.
@@ -84,11 +91,14 @@ Json checkedBody(const httplib::Request& req, const Route& route) {
             continue;
         }
         const Json& value = body[field.name];
-        const bool fits = field.type == Type::String ? value.is_string()
-                          : field.type == Type::Boolean
-                              ? value.is_boolean()
-                              : value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
+        const bool fits = field.type == Type::String    ? value.is_string()
+                          : field.type == Type::Boolean ? value.is_boolean()
+                                                        : isInt(value);
         if (!fits) throw HostError(400, std::string("wrong type: ") + field.name);
+        // A string goes on as a C string (PAM, the account files): "admin\u0000x" would log in
+        // as admin under a session named otherwise.
+        if (value.is_string() && value.get_ref<const std::string&>().find('\0') != std::string::npos)
+            throw HostError(400, std::string("NUL byte in: ") + field.name);
     }
     return body;
 }
