@@ -25,6 +25,7 @@ const Json kRefused = {{"classCode", 1}, {"errorCode", 302}};
 const Json kStale = {{"classCode", 0}, {"errorCode", 41}};
 const Json kLoginRefused = {{"classCode", 1}, {"errorCode", 200}};
 const Json kMustChange = {{"classCode", 1}, {"errorCode", 301}};
+const Json kSystemAccount = {{"classCode", 1}, {"errorCode", 305}};
 
 struct Reply {
     int status = -1;
@@ -147,6 +148,12 @@ TEST_F(WebHost, StateChangingRoutesRefuseAndWriteNothing) {
         {Viewer, "POST", "/api/accounts/10004/password", R"({"name":"guest","password":"Fresh#Pass2027"})", 403, kRefused},
         {Admin, "POST", "/api/accounts/10004/password", R"({"name":"guest","password":"x","mustChange":"yes"})", 400, {{"error", "wrong type: mustChange"}}},
         {Admin, "POST", "/api/accounts/10004/password", R"({"name":"viewer","password":"Fresh#Pass2027"})", 409, kStale},
+        {Viewer, "POST", "/api/accounts/10002/password", R"({"name":"viewer","password":"Fresh#Pass2027"})", 403, kRefused},
+        {Admin, "POST", "/api/accounts/10000/password", R"({"name":"admin","password":"Fresh#Pass2027"})", 403, kRefused},
+        {Admin, "POST", "/api/accounts/0/password", R"({"name":"root","password":"Fresh#Pass2027"})", 403, kSystemAccount},
+        {Admin, "PATCH", "/api/accounts/2002", R"({"name":"plainuser","active":false})", 403, kSystemAccount},
+        {Admin, "POST", "/api/accounts/2002/unlock", R"({"name":"plainuser"})", 403, kSystemAccount},
+        {Admin, "DELETE", "/api/accounts/33", R"({"name":"www-data"})", 403, kSystemAccount},
         {NoSession, "DELETE", "/api/accounts/10004", R"({"name":"guest"})", 401, kNoSession},
         {WrongCsrf, "DELETE", "/api/accounts/10004", R"({"name":"guest"})", 403, kBadCsrf},
         {Viewer, "DELETE", "/api/accounts/10004", R"({"name":"guest"})", 403, kRefused},

@@ -286,8 +286,11 @@ void Server::serve(const Route& route, Call& call) {
     try {
         UserDefinition& definition = UserDefinition::GetUserDefinition();
         if (std::string(route.path).find('(') != std::string::npos) {
-            // The API's accounts are the managed ones.
-            if (call.uid < definition.getBaseUid() || call.uid - definition.getBaseUid() >= definition.getMaxUser())
+            // The API shows the managed accounts only.  A change of another account goes on to
+            // the library, whose range guard refuses it (305) and logs who tried it on whom.
+            const bool managed =
+                call.uid >= definition.getBaseUid() && call.uid - definition.getBaseUid() < definition.getMaxUser();
+            if (!managed && !changesState(call.req.method))
                 throw usermanagement::UMException(usermanagement::UMError::UserNotFound, "no such managed account",
                                                   call.session->name, true);
             User& target = call.target.emplace(call.uid);
