@@ -198,7 +198,7 @@ TEST_F(WebHost, PlainHttpOnlyOnLoopback) {
 // The third wrong password locks the account and ends its sessions; then every refusal reads
 // the same and takes the same pause, whatever its reason.
 TEST_F(WebHost, LoginRefusalsAnswerAlike) {
-    const Who tech = login("tech", "Tech#2026");
+    const Who tech = login("tech", "Tech#2026"), admin = login("admin", "Admin#2026");
     for (int attempt = 0; attempt < 3; ++attempt) EXPECT_EQ(tryLogin("tech", "wrong").status, 401);
     EXPECT_EQ(sessionStatus(tech), 401);
     const std::vector<std::pair<std::string, std::string>> refusals = {
@@ -214,6 +214,15 @@ TEST_F(WebHost, LoginRefusalsAnswerAlike) {
         EXPECT_EQ(reply.body, kLoginRefused.dump()) << name;
         EXPECT_EQ(reply.cookie, "") << name;
     }
+    // One "locked" line each, however many guesses follow.
+    int locked = 0, ended = 0;
+    for (const Json& event : send("GET", "/api/audit", &admin).json()) {
+        const std::string text = event.value("text", "");
+        locked += text.find("locked <tech>") != std::string::npos;
+        ended += text.find("ended <tech>: account locked") != std::string::npos;
+    }
+    EXPECT_EQ(locked, 1);
+    EXPECT_EQ(ended, 1);
 }
 
 // A change of the account made through another session ends the account's sessions.

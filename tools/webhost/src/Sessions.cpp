@@ -88,10 +88,12 @@ void Sessions::end(const std::string& token) {
     m_byDigest.erase(sha256Hex(token));
 }
 
-void Sessions::endAllOf(unsigned int uid, const std::string& keepToken) {
+std::size_t Sessions::endAllOf(unsigned int uid, const std::string& keepToken) {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::size_t before = m_byDigest.size();
     for (auto it = m_byDigest.begin(); it != m_byDigest.end();)
         it = it->second.uid == uid && it->second.token != keepToken ? m_byDigest.erase(it) : std::next(it);
+    return before - m_byDigest.size();
 }
 
 bool Sessions::csrfMatches(const Session& session, const std::string& presented) {
