@@ -188,6 +188,37 @@ TEST_F(WebHost, LoginFromAnotherSiteIsRefused) {
               200);
 }
 
+// Every answer, the pages and the errors httplib makes included, carries the security headers;
+// the API's never go to a cache.
+TEST_F(WebHost, EveryAnswerCarriesTheSecurityHeaders) {
+    tvc::test::writeFile(::testing::TempDir() + "/probe.js", "let probe;\n");
+    const std::string big(webhost::kBodyLimit + 1, 'x');
+    const std::vector<std::tuple<const char*, std::string, const std::string*, int, const char*>> table = {
+        {"GET", "/probe.js", nullptr, 200, "text/javascript"},
+        {"GET", "/probe.js%00.html", nullptr, 404, "application/json"},
+        {"GET", "/../../etc/shadow", nullptr, 404, "application/json"},
+        {"GET", "/api/session", nullptr, 401, "application/json"},
+        {"GET", "/api/session%00", nullptr, 404, "application/json"},
+        {"OPTIONS", "/api/accounts", nullptr, 405, "application/json"},
+        {"POST", "/api/accounts", &big, 413, "application/json"},
+    };
+    for (const auto& [method, path, body, status, type] : table) {
+        httplib::Client client("127.0.0.1", port);
+        httplib::Request req;
+        req.method = method;
+        req.path = path;
+        if (body) req.body = *body, req.set_header("Content-Type", "application/json");
+        const httplib::Result result = client.send(req);
+        ASSERT_TRUE(result) << path;
+        EXPECT_EQ(result->status, status) << path;
+        EXPECT_EQ(result->get_header_value("Content-Type"), type) << path;
+        EXPECT_EQ(result->get_header_value("Content-Security-Policy"), "default-src 'self'") << path;
+        EXPECT_EQ(result->get_header_value("X-Content-Type-Options"), "nosniff") << path;
+        EXPECT_EQ(result->get_header_value("X-Frame-Options"), "DENY") << path;
+        EXPECT_EQ(result->get_header_value("Cache-Control"), path.rfind("/api/", 0) == 0 ? "no-store" : "") << path;
+    }
+}
+
 TEST_F(WebHost, PlainHttpOnlyOnLoopback) {
     webhost::Settings settings;
     settings.http = true;

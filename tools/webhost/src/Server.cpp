@@ -146,6 +146,17 @@ Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(
     const char* pattern = "/api/.*";
     m_http->Get(pattern, api).Post(pattern, api).Patch(pattern, api).Delete(pattern, api).Put(pattern, api);
     m_http->Options(pattern, api);
+    // httplib opens a static file by the decoded path as a C string but takes its type from the
+    // whole path: "/app.js%00.html" served the script as a page.  No name here holds such bytes.
+    m_http->set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+        for (const char c : req.path) {
+            if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) continue;
+            if (req.path.rfind("/api/", 0) == 0) res.set_header("Cache-Control", "no-store");
+            answerHostError(res, 404, "not found");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
     const std::string dir = m_settings.staticDir.empty() ? defaultStaticDir() : m_settings.staticDir;
     if (!m_http->set_mount_point("/", dir)) std::cerr << "tvc-webd: no pages: cannot serve " << dir << "\n";
     // Errors httplib answers itself (unknown path, body too large...) get a JSON body too.
