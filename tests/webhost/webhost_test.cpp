@@ -256,6 +256,18 @@ TEST_F(WebHost, LoginRefusalsAnswerAlike) {
     EXPECT_EQ(ended, 1);
 }
 
+// An account's logins in a loop do not grow the store: the least recently used session goes.
+TEST(Sessions, AnAccountHoldsABoundedNumber) {
+    webhost::Sessions sessions(std::chrono::seconds(900));
+    const std::string first = sessions.create(10002, 10002, "viewer", false, "").token;
+    const std::string other = sessions.create(10001, 10001, "operator", false, "").token;
+    std::string last;
+    for (std::size_t i = 0; i < webhost::kSessionsPerAccount; ++i) last = sessions.create(10002, 10002, "viewer", false, "").token;
+    EXPECT_FALSE(sessions.find(first));
+    EXPECT_TRUE(sessions.find(last));
+    EXPECT_TRUE(sessions.find(other));
+}
+
 // A change of the account made through another session ends the account's sessions.
 TEST_F(WebHost, ChangesOfTheAccountEndItsSessions) {
     const std::vector<std::tuple<std::string, std::string, std::string, std::string, std::string>> table = {

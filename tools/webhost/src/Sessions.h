@@ -27,6 +27,10 @@ struct Session {
     std::chrono::steady_clock::time_point lastSeen;
 };
 
+// Sessions one account may hold at once; its next login ends the one least recently used.
+// Without a bound, any account holder could fill the server's memory by logging in in a loop.
+constexpr std::size_t kSessionsPerAccount = 16;
+
 class Sessions {
 public:
     explicit Sessions(std::chrono::seconds idleTimeout) : m_idle(idleTimeout) {}
