@@ -194,17 +194,20 @@ TEST_F(WebHost, LoginFromAnotherSiteIsRefused) {
 TEST_F(WebHost, EveryAnswerCarriesTheSecurityHeaders) {
     tvc::test::writeFile(::testing::TempDir() + "/probe.js", "let probe;\n");
     const std::string big(webhost::kBodyLimit + 1, 'x');
-    const std::vector<std::tuple<std::string, std::string, std::string, int, std::string>> table = {
-        {"GET", "/probe.js", "", 200, "text/javascript"},
-        {"GET", "/probe.js%00.html", "", 404, "application/json"},
-        {"GET", "/../../etc/shadow", "", 404, "application/json"},
-        {"GET", "/api/session", "", 401, "application/json"},
-        {"GET", "/api/session%00", "", 404, "application/json"},
-        {"OPTIONS", "/api/accounts", "", 405, "application/json"},
-        {"POST", "/api/accounts", big, 413, "application/json"},
+    using Headers = std::map<std::string, std::string>;
+    const std::vector<std::tuple<std::string, std::string, std::string, Headers, int, std::string>> table = {
+        {"GET", "/probe.js", "", {}, 200, "text/javascript"},
+        {"GET", "/probe.js%00.html", "", {}, 404, "application/json"},
+        {"GET", "/../../etc/shadow", "", {}, 404, "application/json"},
+        {"GET", "/api/session", "", {}, 401, "application/json"},
+        {"GET", "/api/session%00", "", {}, 404, "application/json"},
+        {"OPTIONS", "/api/accounts", "", {}, 405, "application/json"},
+        {"POST", "/api/accounts", big, {}, 413, "application/json"},
+        {"POST", "/api/login", "{}", {{"Content-Encoding", "gzip"}}, 415, "application/json"},
+        {"POST", "/api/login", "{}", {{"Transfer-Encoding", "chunked"}}, 411, "application/json"},
     };
-    for (const auto& [method, path, body, status, type] : table) {
-        const Reply reply = send(method, path, nullptr, body);
+    for (const auto& [method, path, body, headers, status, type] : table) {
+        const Reply reply = send(method, path, nullptr, body, headers);
         const auto header = [&](const char* name) {
             const auto it = reply.headers.find(name);
             return it == reply.headers.end() ? std::string() : it->second;

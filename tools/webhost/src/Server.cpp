@@ -6,6 +6,7 @@
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/UMException.h>
 
+#include <algorithm>
 #include <cctype>
 #include <iostream>
 #include <regex>
@@ -146,16 +147,28 @@ Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(
     const char* pattern = "/api/.*";
     m_http->Get(pattern, api).Post(pattern, api).Patch(pattern, api).Delete(pattern, api).Put(pattern, api);
     m_http->Options(pattern, api);
-    // httplib opens a static file by the decoded path as a C string but takes its type from the
-    // whole path: "/app.js%00.html" served the script as a page.  No name here holds such bytes.
+    // Refused before httplib serves a file or reads a body:
+    //  - a control byte in the path: httplib opens a static file by the decoded path as a C string
+    //    but takes its type from the whole path ("/app.js%00.html" served the script as a page);
+    //  - a compressed or chunked body: httplib holds the body limit against Content-Length only,
+    //    and inflates or joins such a body in memory whatever its size (58 KB of gzip became
+    //    60 MB), before any session is asked for.  The pages send neither.
     m_http->set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
-        for (const char c : req.path) {
-            if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) continue;
-            if (req.path.rfind("/api/", 0) == 0) res.set_header("Cache-Control", "no-store");
-            answerHostError(res, 404, "not found");
-            return httplib::Server::HandlerResponse::Handled;
-        }
-        return httplib::Server::HandlerResponse::Unhandled;
+        const bool control = std::any_of(req.path.begin(), req.path.end(),
+                                         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+        const int status = control                               ? 404
+                           : req.has_header("Content-Encoding")  ? 415
+                           : req.has_header("Transfer-Encoding") ? 411
+                                                                 : 0;
+        if (status == 0) return httplib::Server::HandlerResponse::Unhandled;
+        if (req.path.rfind("/api/", 0) == 0) res.set_header("Cache-Control", "no-store");
+        // The body is left unread: nothing more is taken from this connection.
+        res.set_header("Connection", "close");
+        answerHostError(res, status,
+                        status == 404   ? "not found"
+                        : status == 415 ? "compressed body"
+                                        : "length required");
+        return httplib::Server::HandlerResponse::Handled;
     });
     const std::string dir = m_settings.staticDir.empty() ? defaultStaticDir() : m_settings.staticDir;
     if (!m_http->set_mount_point("/", dir)) std::cerr << "tvc-webd: no pages: cannot serve " << dir << "\n";
