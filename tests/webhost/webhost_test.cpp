@@ -25,11 +25,13 @@ const Json kRefused = {{"classCode", 1}, {"errorCode", 302}};
 const Json kStale = {{"classCode", 0}, {"errorCode", 41}};
 const Json kLoginRefused = {{"classCode", 1}, {"errorCode", 200}};
 const Json kMustChange = {{"classCode", 1}, {"errorCode", 301}};
+const Json kSystemAccount = {{"classCode", 1}, {"errorCode", 305}};
 
 struct Reply {
     int status = -1;
     std::string body;
     std::string cookie;  // the session token a Set-Cookie gave, if any
+    httplib::Headers headers;
     Json json() const { return Json::parse(body, nullptr, false); }
 };
 
@@ -77,7 +79,7 @@ protected:
         for (const auto& [name, value] : headers) req.headers.erase(name), req.set_header(name, value);
         const httplib::Result result = client.send(req);
         if (!result) return {};
-        Reply reply{result->status, result->body, ""};
+        Reply reply{result->status, result->body, "", result->headers};
         const std::string cookie = result->get_header_value("Set-Cookie");
         if (cookie.rfind("tvc_session=", 0) == 0) reply.cookie = cookie.substr(12, cookie.find(';') - 12);
         return reply;
@@ -130,6 +132,8 @@ TEST_F(WebHost, StateChangingRoutesRefuseAndWriteNothing) {
         {Viewer, "POST", "/api/accounts", R"({"name":"carol","profileId":2,"password":"Carol#Pass2027"})", 403, kRefused},
         {Admin, "POST", "/api/accounts", R"({"name":"carol","profileId":2,)", 400, {{"error", "malformed JSON"}}},
         {Admin, "POST", "/api/accounts", R"({"name":"carol","profileId":2,"password":"x","mustchange":true})", 400, {{"error", "unknown field"}}},
+        {Admin, "POST", "/api/accounts", R"({"name":"carol","profileId":18446744073709551615,"password":"Carol#Pass2027"})", 400, {{"error", "wrong type: profileId"}}},
+        {NoSession, "POST", "/api/login", R"({"name":"admin\u0000x","password":"Admin#2026"})", 400, {{"error", "NUL byte in: name"}}},
         {NoSession, "PATCH", "/api/accounts/10004", R"({"name":"guest","newName":"guest2"})", 401, kNoSession},
         {WrongCsrf, "PATCH", "/api/accounts/10004", R"({"name":"guest","newName":"guest2"})", 403, kBadCsrf},
         {Viewer, "PATCH", "/api/accounts/10004", R"({"name":"guest","newName":"guest2"})", 403, kRefused},
@@ -145,6 +149,12 @@ TEST_F(WebHost, StateChangingRoutesRefuseAndWriteNothing) {
         {Viewer, "POST", "/api/accounts/10004/password", R"({"name":"guest","password":"Fresh#Pass2027"})", 403, kRefused},
         {Admin, "POST", "/api/accounts/10004/password", R"({"name":"guest","password":"x","mustChange":"yes"})", 400, {{"error", "wrong type: mustChange"}}},
         {Admin, "POST", "/api/accounts/10004/password", R"({"name":"viewer","password":"Fresh#Pass2027"})", 409, kStale},
+        {Viewer, "POST", "/api/accounts/10002/password", R"({"name":"viewer","password":"Fresh#Pass2027"})", 403, kRefused},
+        {Admin, "POST", "/api/accounts/10000/password", R"({"name":"admin","password":"Fresh#Pass2027"})", 403, kRefused},
+        {Admin, "POST", "/api/accounts/0/password", R"({"name":"root","password":"Fresh#Pass2027"})", 403, kSystemAccount},
+        {Admin, "PATCH", "/api/accounts/2002", R"({"name":"plainuser","active":false})", 403, kSystemAccount},
+        {Admin, "POST", "/api/accounts/2002/unlock", R"({"name":"plainuser"})", 403, kSystemAccount},
+        {Admin, "DELETE", "/api/accounts/33", R"({"name":"www-data"})", 403, kSystemAccount},
         {NoSession, "DELETE", "/api/accounts/10004", R"({"name":"guest"})", 401, kNoSession},
         {WrongCsrf, "DELETE", "/api/accounts/10004", R"({"name":"guest"})", 403, kBadCsrf},
         {Viewer, "DELETE", "/api/accounts/10004", R"({"name":"guest"})", 403, kRefused},
@@ -179,6 +189,36 @@ TEST_F(WebHost, LoginFromAnotherSiteIsRefused) {
               200);
 }
 
+// Every answer, the pages and the errors httplib makes included, carries the security headers;
+// the API's never go to a cache.
+TEST_F(WebHost, EveryAnswerCarriesTheSecurityHeaders) {
+    tvc::test::writeFile(::testing::TempDir() + "/probe.js", "let probe;\n");
+    const std::string big(webhost::kBodyLimit + 1, 'x');
+    using Headers = std::map<std::string, std::string>;
+    const std::vector<std::tuple<std::string, std::string, std::string, Headers, int, std::string>> table = {
+        {"GET", "/probe.js", "", {}, 200, "text/javascript"},
+        {"GET", "/probe.js%00.html", "", {}, 404, "application/json"},
+        {"GET", "/../../etc/shadow", "", {}, 404, "application/json"},
+        {"GET", "/api/session", "", {}, 401, "application/json"},
+        {"GET", "/api/session%00", "", {}, 404, "application/json"},
+        {"OPTIONS", "/api/accounts", "", {}, 405, "application/json"},
+        {"POST", "/api/accounts", big, {}, 413, "application/json"},
+        {"POST", "/api/login", "{}", {{"Content-Encoding", "gzip"}}, 415, "application/json"},
+        {"POST", "/api/login", "{}", {{"Transfer-Encoding", "chunked"}}, 411, "application/json"},
+    };
+    for (const auto& [method, path, body, headers, status, type] : table) {
+        const Reply reply = send(method, path, nullptr, body, headers);
+        const auto header = [&](const char* name) {
+            const auto it = reply.headers.find(name);
+            return it == reply.headers.end() ? std::string() : it->second;
+        };
+        EXPECT_EQ(reply.status, status) << path;
+        EXPECT_EQ(header("Content-Type"), type) << path;
+        EXPECT_EQ(header("Content-Security-Policy") + header("X-Content-Type-Options") + header("X-Frame-Options"), "default-src 'self'nosniffDENY") << path;
+        EXPECT_EQ(header("Cache-Control"), path.rfind("/api/", 0) == 0 ? "no-store" : "") << path;
+    }
+}
+
 // Plain HTTP only on loopback, and no second server shares a port (and its clients' passwords).
 TEST_F(WebHost, ListensOnlyWhereAllowed) {
     webhost::Settings settings;
@@ -194,7 +234,7 @@ TEST_F(WebHost, ListensOnlyWhereAllowed) {
 // The third wrong password locks the account and ends its sessions; then every refusal reads
 // the same and takes the same pause, whatever its reason.
 TEST_F(WebHost, LoginRefusalsAnswerAlike) {
-    const Who tech = login("tech", "Tech#2026");
+    const Who tech = login("tech", "Tech#2026"), admin = login("admin", "Admin#2026");
     for (int attempt = 0; attempt < 3; ++attempt) EXPECT_EQ(tryLogin("tech", "wrong").status, 401);
     EXPECT_EQ(sessionStatus(tech), 401);
     const std::vector<std::pair<std::string, std::string>> refusals = {
@@ -210,6 +250,27 @@ TEST_F(WebHost, LoginRefusalsAnswerAlike) {
         EXPECT_EQ(reply.body, kLoginRefused.dump()) << name;
         EXPECT_EQ(reply.cookie, "") << name;
     }
+    // One "locked" line each, however many guesses follow.
+    int locked = 0, ended = 0;
+    for (const Json& event : send("GET", "/api/audit", &admin).json()) {
+        const std::string text = event.value("text", "");
+        locked += text.find("locked <tech>") != std::string::npos;
+        ended += text.find("ended <tech>: account locked") != std::string::npos;
+    }
+    EXPECT_EQ(locked, 1);
+    EXPECT_EQ(ended, 1);
+}
+
+// An account's logins in a loop do not grow the store: the least recently used session goes.
+TEST(Sessions, AnAccountHoldsABoundedNumber) {
+    webhost::Sessions sessions(std::chrono::seconds(900));
+    const std::string first = sessions.create(10002, 10002, "viewer", false, "").token;
+    const std::string other = sessions.create(10001, 10001, "operator", false, "").token;
+    std::string last;
+    for (std::size_t i = 0; i < webhost::kSessionsPerAccount; ++i) last = sessions.create(10002, 10002, "viewer", false, "").token;
+    EXPECT_FALSE(sessions.find(first));
+    EXPECT_TRUE(sessions.find(last));
+    EXPECT_TRUE(sessions.find(other));
 }
 
 // A change of the account made through another session ends the account's sessions.

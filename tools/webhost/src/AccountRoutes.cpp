@@ -102,8 +102,15 @@ void unlockAccount(Call& call) {
 }
 
 // A reset is called on the target's own object: the library judges the right against it.
+// One's own password changes through /api/me/password, with the current one: the library lets
+// an account holder reset its own password without it, and a session left open in a browser
+// would then be enough to take the account over for good.
 void resetPassword(Call& call) {
     User& target = *call.target;
+    if (target.getUid() == call.session->uid)
+        throw authnz::AuthorizationException(authnz::AuthorizationError::NotAuthorized, "Not authorized",
+                                             "one's own password changes with the current one", call.session->name,
+                                             true);
     target.updateAnyUserPassword(target.getUserName(), call.body["password"].get<std::string>(),
                                  optionalField<bool>(call.body, "mustChange").value_or(false),
                                  umlog::Ctx::getCtx().getIp(), true);

@@ -7,6 +7,7 @@
 #include <systemutilities/LinuxUserSystem.h>
 #include <usermanagement/UMException.h>
 
+#include <algorithm>
 #include <cctype>
 #include <iostream>
 #include <regex>
@@ -62,6 +63,13 @@ std::string cookie(const httplib::Request& req, const std::string& name) {
     return header.substr(start, header.find(';', start) - start);
 }
 
+// nlohmann compares an unsigned number with a signed one as signed: 2^64 - 1 would pass a
+// plain range check as -1 and reach the library as profile -1.
+bool isInt(const Json& value) {
+    if (value.is_number_unsigned()) return value.get<std::uint64_t>() <= INT_MAX;
+    return value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
+}
+
 // The body as the route's table entry describes it: a JSON object with exactly those fields,
 // each of its type.  Anything else is refused before the library is asked: a misspelt field
 // ("mustchange") must not silently leave an account without the forced change.
@@ -85,11 +93,14 @@ Json checkedBody(const httplib::Request& req, const Route& route) {
             continue;
         }
         const Json& value = body[field.name];
-        const bool fits = field.type == Type::String ? value.is_string()
-                          : field.type == Type::Boolean
-                              ? value.is_boolean()
-                              : value.is_number_integer() && value >= INT_MIN && value <= INT_MAX;
+        const bool fits = field.type == Type::String    ? value.is_string()
+                          : field.type == Type::Boolean ? value.is_boolean()
+                                                        : isInt(value);
         if (!fits) throw HostError(400, std::string("wrong type: ") + field.name);
+        // A string goes on as a C string (PAM, the account files): "admin\u0000x" would log in
+        // as admin under a session named otherwise.
+        if (value.is_string() && value.get_ref<const std::string&>().find('\0') != std::string::npos)
+            throw HostError(400, std::string("NUL byte in: ") + field.name);
     }
     return body;
 }
@@ -149,6 +160,29 @@ Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(
     const char* pattern = "/api/.*";
     m_http->Get(pattern, api).Post(pattern, api).Patch(pattern, api).Delete(pattern, api).Put(pattern, api);
     m_http->Options(pattern, api);
+    // Refused before httplib serves a file or reads a body:
+    //  - a control byte in the path: httplib opens a static file by the decoded path as a C string
+    //    but takes its type from the whole path ("/app.js%00.html" served the script as a page);
+    //  - a compressed or chunked body: httplib holds the body limit against Content-Length only,
+    //    and inflates or joins such a body in memory whatever its size (58 KB of gzip became
+    //    60 MB), before any session is asked for.  The pages send neither.
+    m_http->set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+        const bool control = std::any_of(req.path.begin(), req.path.end(),
+                                         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+        const int status = control                               ? 404
+                           : req.has_header("Content-Encoding")  ? 415
+                           : req.has_header("Transfer-Encoding") ? 411
+                                                                 : 0;
+        if (status == 0) return httplib::Server::HandlerResponse::Unhandled;
+        if (req.path.rfind("/api/", 0) == 0) res.set_header("Cache-Control", "no-store");
+        // The body is left unread: nothing more is taken from this connection.
+        res.set_header("Connection", "close");
+        answerHostError(res, status,
+                        status == 404   ? "not found"
+                        : status == 415 ? "compressed body"
+                                        : "length required");
+        return httplib::Server::HandlerResponse::Handled;
+    });
     const std::string dir = m_settings.staticDir.empty() ? defaultStaticDir() : m_settings.staticDir;
     if (!m_http->set_mount_point("/", dir)) std::cerr << "tvc-webd: no pages: cannot serve " << dir << "\n";
     // Errors httplib answers itself (unknown path, body too large...) get a JSON body too.
@@ -294,8 +328,11 @@ void Server::serve(const Route& route, Call& call) {
     try {
         UserDefinition& definition = UserDefinition::GetUserDefinition();
         if (std::string(route.path).find('(') != std::string::npos) {
-            // The API's accounts are the managed ones.
-            if (call.uid < definition.getBaseUid() || call.uid - definition.getBaseUid() >= definition.getMaxUser())
+            // The API shows the managed accounts only.  A change of another account goes on to
+            // the library, whose range guard refuses it (305) and logs who tried it on whom.
+            const bool managed =
+                call.uid >= definition.getBaseUid() && call.uid - definition.getBaseUid() < definition.getMaxUser();
+            if (!managed && !changesState(call.req.method))
                 throw usermanagement::UMException(usermanagement::UMError::UserNotFound, "no such managed account",
                                                   call.session->name, true);
             User& target = call.target.emplace(call.uid);

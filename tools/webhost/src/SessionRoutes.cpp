@@ -74,11 +74,12 @@ bool lockedNow(unsigned int uid) {
 [[noreturn]] void refuse(Call& call, const std::string& name, tarvicexception::TvcException& e) {
     e.logCdsMessage();
     unsigned int uid = 0;
-    if (systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, nullptr) && lockedNow(uid)) {
-        // The failure that locked the account (or an attempt on a locked one) ends its sessions.
-        call.sessions.endAllOf(uid);
+    // The failure that locked the account (or an attempt on a locked one) ends its sessions.
+    // Logged only when there were some: every guess at a locked account would otherwise add
+    // an "account locked" line of its own to the audit trail.
+    if (systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &uid, nullptr) && lockedNow(uid) &&
+        call.sessions.endAllOf(uid) > 0)
         logSessionEvent("Web sessions ended <" + name + ">: account locked");
-    }
     std::this_thread::sleep_until(call.started + call.loginPause);
     authnz::AuthenticationException refused(authnz::AuthenticationError::InvalidCredentials, "Invalid Credentials",
                                             name, false);

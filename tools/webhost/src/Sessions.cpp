@@ -44,8 +44,20 @@ Session Sessions::create(unsigned int uid, unsigned int gid, const std::string& 
                     name,        mustChange,  passwordPrint, std::chrono::steady_clock::now()};
     const std::lock_guard<std::mutex> lock(m_mutex);
     // Idle sessions go whenever one is made, so the store never grows with abandoned ones.
-    for (auto it = m_byDigest.begin(); it != m_byDigest.end();)
-        it = expired(it->second, session.lastSeen) ? m_byDigest.erase(it) : std::next(it);
+    std::size_t held = 0;
+    auto oldest = m_byDigest.end();
+    for (auto it = m_byDigest.begin(); it != m_byDigest.end();) {
+        if (expired(it->second, session.lastSeen)) {
+            it = m_byDigest.erase(it);
+            continue;
+        }
+        if (it->second.uid == uid) {
+            ++held;
+            if (oldest == m_byDigest.end() || it->second.lastSeen < oldest->second.lastSeen) oldest = it;
+        }
+        ++it;
+    }
+    if (held >= kSessionsPerAccount) m_byDigest.erase(oldest);
     m_byDigest[sha256Hex(session.token)] = session;
     return session;
 }
@@ -88,10 +100,12 @@ void Sessions::end(const std::string& token) {
     m_byDigest.erase(sha256Hex(token));
 }
 
-void Sessions::endAllOf(unsigned int uid, const std::string& keepToken) {
+std::size_t Sessions::endAllOf(unsigned int uid, const std::string& keepToken) {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::size_t before = m_byDigest.size();
     for (auto it = m_byDigest.begin(); it != m_byDigest.end();)
         it = it->second.uid == uid && it->second.token != keepToken ? m_byDigest.erase(it) : std::next(it);
+    return before - m_byDigest.size();
 }
 
 bool Sessions::csrfMatches(const Session& session, const std::string& presented) {

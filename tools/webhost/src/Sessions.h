@@ -27,6 +27,10 @@ struct Session {
     std::chrono::steady_clock::time_point lastSeen;
 };
 
+// Sessions one account may hold at once; its next login ends the one least recently used.
+// Without a bound, any account holder could fill the server's memory by logging in in a loop.
+constexpr std::size_t kSessionsPerAccount = 16;
+
 class Sessions {
 public:
     explicit Sessions(std::chrono::seconds idleTimeout) : m_idle(idleTimeout) {}
@@ -39,8 +43,8 @@ public:
     std::optional<Session> renew(const std::string& token, bool mustChange);
     void setPasswordPrint(const std::string& token, const std::string& print);
     void end(const std::string& token);
-    // Ends every session of account `uid` except the one of `keepToken`.
-    void endAllOf(unsigned int uid, const std::string& keepToken = "");
+    // Ends every session of account `uid` except the one of `keepToken`; how many it ended.
+    std::size_t endAllOf(unsigned int uid, const std::string& keepToken = "");
 
     // Whether `presented` is the session's CSRF token, compared in constant time.
     static bool csrfMatches(const Session& session, const std::string& presented);
