@@ -219,6 +219,18 @@ TEST_F(WebHost, EveryAnswerCarriesTheSecurityHeaders) {
     }
 }
 
+// A refused login holds its worker for the pause: a quarter of the workers (here one) log in at
+// a time, and the others go on serving the sessions already open.
+TEST_F(WebHost, LoginsInProgressAreBounded) {
+    const Who admin = login("admin", "Admin#2026");
+    std::thread refused([this] { EXPECT_EQ(tryLogin("guest", "wrong").status, 401); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(tryLogin("viewer", "Viewer#2026").status, 503);
+    EXPECT_EQ(sessionStatus(admin), 200);
+    refused.join();
+    EXPECT_EQ(tryLogin("viewer", "Viewer#2026").status, 200);
+}
+
 // Plain HTTP only on loopback, and no second server shares a port (and its clients' passwords).
 TEST_F(WebHost, ListensOnlyWhereAllowed) {
     webhost::Settings settings;

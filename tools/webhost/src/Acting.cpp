@@ -1,5 +1,7 @@
 #include "Acting.h"
 
+#include "Errors.h"
+
 #include <systemutilities/LinuxUserSystem.h>
 #include <unistd.h>
 
@@ -36,8 +38,12 @@ RequestContext::~RequestContext() {
     context.setUsername(serverAccountName());
 }
 
-ActingAs::ActingAs(const std::string& accountName) {
+ActingAs::ActingAs(const std::string& accountName, unsigned int uid) {
     m_permission.setUserPermission(accountName);
+    // The switch finds the account by name; a rename between the session's check (by uid) and
+    // this lookup could give the name to another account.  Serving under the uid the session
+    // was opened for, or not at all.  (The member's destructor switches back.)
+    if (geteuid() != uid) throw HostError(401, "no session");
     umlog::Ctx::getCtx().setUsername(accountName);
 }
 

@@ -31,7 +31,8 @@ public:
 
 class ActingAs {
 public:
-    explicit ActingAs(const std::string& accountName);
+    // HostError 401 when the name no longer leads to `uid`.
+    ActingAs(const std::string& accountName, unsigned int uid);
     ~ActingAs();
     ActingAs(const ActingAs&) = delete;
     ActingAs& operator=(const ActingAs&) = delete;

@@ -309,6 +309,14 @@ void Server::dispatch(const httplib::Request& req, httplib::Response& res) {
                                                      call.session->name, false);
         }
         call.body = checkedBody(req, *route);
+        // A refused login holds its worker for the login pause: without a bound, a stream of
+        // wrong passwords would hold every worker and shut out the sessions already open.
+        // The refusal says nothing about any account.
+        const LoginSlot slot(route->handle == login ? &m_loginsInFlight : nullptr, loginLimit());
+        if (!slot.taken()) {
+            res.set_header("Retry-After", "1");
+            throw HostError(503, "too many logins at once");
+        }
         serve(*route, call);
         if (call.renewedToken) {
             User account(call.session->uid);
@@ -324,7 +332,7 @@ void Server::dispatch(const httplib::Request& req, httplib::Response& res) {
 // scope then puts the server's identity back.
 void Server::serve(const Route& route, Call& call) {
     std::optional<ActingAs> acting;
-    if (call.session) acting.emplace(call.session->name);
+    if (call.session) acting.emplace(call.session->name, call.session->uid);
     try {
         UserDefinition& definition = UserDefinition::GetUserDefinition();
         if (std::string(route.path).find('(') != std::string::npos) {

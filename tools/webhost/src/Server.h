@@ -40,6 +40,29 @@ bool isLoopback(const std::string& address);
 // Installs the sample device's catalogue, configuration and tvc-webd's log sink; once.
 void installDevice();
 
+// A place among the logins in progress, held for its lifetime; none is needed (always taken)
+// without a counter.
+class LoginSlot {
+public:
+    LoginSlot(std::atomic<int>* counter, int limit) : m_counter(counter) {
+        if (m_counter && ++*m_counter > limit) {
+            --*m_counter;
+            m_counter = nullptr;
+            m_refused = true;
+        }
+    }
+    ~LoginSlot() {
+        if (m_counter) --*m_counter;
+    }
+    LoginSlot(const LoginSlot&) = delete;
+    LoginSlot& operator=(const LoginSlot&) = delete;
+    bool taken() const { return !m_refused; }
+
+private:
+    std::atomic<int>* m_counter;
+    bool m_refused = false;
+};
+
 class Server {
 public:
     // std::runtime_error for settings it refuses: plain HTTP on an address other than loopback,
@@ -67,6 +90,9 @@ private:
     std::unique_ptr<httplib::Server> m_http;
     Sessions m_sessions;
     const IdentityGuard m_guard;
+    // At most a quarter of the workers (at least one) run a login at a time.
+    int loginLimit() const { return m_settings.threads > 3 ? m_settings.threads / 4 : 1; }
+    std::atomic<int> m_loginsInFlight{0};
     int m_listening = -1;  // the listening socket, once bound (owned by httplib)
     std::atomic<bool> m_mismatched{false};
     std::atomic<bool> m_stopRequested{false}, m_running{false}, m_finished{false};

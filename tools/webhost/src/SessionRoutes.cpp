@@ -119,7 +119,7 @@ void login(Call& call) {
     const Session session = call.sessions.create(uid, gid, name, mustChange, passwordPrint(account));
     logSessionEvent("Web session - opened <" + name + ">" + (mustChange ? ": password must change" : ""));
     setSessionCookie(call, session.token);
-    const ActingAs acting(name);
+    const ActingAs acting(name, uid);
     answer(call.res, 200, sessionJson(session));
 }
 
