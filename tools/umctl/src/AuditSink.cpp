@@ -22,6 +22,7 @@
 #include <usermanagement/Logger.h>
 
 #include "Command.h"
+#include "hostlog/Severity.h"
 
 namespace umctl {
 
@@ -32,29 +33,8 @@ using usermanagement::LogSeverity;
 
 constexpr const char* kLogSocket = "/dev/log";
 
-const char* severityName(LogSeverity severity) {
-    switch (severity) {
-        case LogSeverity::Warning:
-            return "warning";
-        case LogSeverity::Notice:
-            return "notice";
-        case LogSeverity::Debug:
-            return "debug";
-    }
-    return "unknown";
-}
-
-int syslogPriority(LogSeverity severity) {
-    switch (severity) {
-        case LogSeverity::Warning:
-            return LOG_WARNING;
-        case LogSeverity::Notice:
-            return LOG_NOTICE;
-        case LogSeverity::Debug:
-            return LOG_DEBUG;
-    }
-    return LOG_WARNING;
-}
+using tvc::hostlog::severityName;
+using tvc::hostlog::syslogPriority;
 
 class AuditSink : public usermanagement::Logger {
 public:

@@ -4,6 +4,8 @@
 #include <syslog.h>
 #include <umlog/Ctx.h>
 
+#include "hostlog/Severity.h"
+
 namespace webhost {
 
 using usermanagement::LogCategory;
@@ -11,24 +13,11 @@ using usermanagement::LogSeverity;
 
 namespace {
 
+using tvc::hostlog::severityName;
+using tvc::hostlog::syslogPriority;
+
 // Message ids of the host's events, above the library's.
 constexpr int kSessionEvent = 900;
-
-const char* severityName(LogSeverity severity) {
-    switch (severity) {
-        case LogSeverity::Warning:
-            return "warning";
-        case LogSeverity::Notice:
-            return "notice";
-        case LogSeverity::Debug:
-            return "debug";
-    }
-    return "unknown";
-}
-
-int syslogPriority(LogSeverity severity) {
-    return severity == LogSeverity::Notice ? LOG_NOTICE : severity == LogSeverity::Debug ? LOG_DEBUG : LOG_WARNING;
-}
 
 // One line for syslog: the fields a reader needs, control characters replaced so that one
 // event stays one line whatever bytes a name holds.
