@@ -374,4 +374,48 @@ TEST_F(WebHost, IdentityIsTheServersAfterEveryRequest) {
     EXPECT_EQ(sessionStatus(admin), 200);
 }
 
+// Clients at once on the three workers, each logging in and out round after round: requests
+// served at the same time share the session store, the audit ring and the account files, and
+// each worker acts as its own session's account.  The ThreadSanitizer build runs it too.
+TEST_F(WebHost, ClientsAtOnce) {
+    struct Step {
+        const char* method;
+        const char* path;
+        const char* body;
+        int status;
+    };
+    const std::vector<std::tuple<std::string, std::string, std::vector<Step>>> table = {
+        {"admin", "Admin#2026",
+         {{"PATCH", "/api/accounts/10004", R"({"name":"guest","active":false})", 200},
+          {"GET", "/api/audit", "", 200},
+          {"PATCH", "/api/accounts/10004", R"({"name":"guest","active":true})", 200}}},
+        {"operator", "Operator#2026",
+         {{"GET", "/api/profiles", "", 200}, {"PATCH", "/api/accounts/10004", R"({"name":"guest","active":false})", 403}}},
+        {"viewer", "Viewer#2026", {{"GET", "/api/accounts", "", 200}, {"GET", "/api/accounts/10004", "", 200}}},
+        {"plainuser", "Plain#2026", {{"GET", "/api/session", "", 200}, {"GET", "/api/profiles", "", 200}}},
+    };
+    std::vector<std::thread> clients;
+    for (const auto& [name, password, steps] : table) {
+        clients.emplace_back([this, &name = name, &password = password, &steps = steps] {
+            for (int round = 0; round < 5; ++round) {
+                Reply logged = tryLogin(name, password);
+                // One login at a time here (a quarter of three workers): the others are told to retry.
+                for (int retry = 0; logged.status == 503 && retry < 500; ++retry) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                    logged = tryLogin(name, password);
+                }
+                ASSERT_EQ(logged.status, 200) << name << ": " << logged.body;
+                const Who who{logged.cookie, logged.json().value("csrf", "")};
+                for (const Step& step : steps)
+                    EXPECT_EQ(send(step.method, step.path, &who, step.body).status, step.status)
+                        << name << " " << step.method << " " << step.path;
+                EXPECT_EQ(send("POST", "/api/logout", &who).status, 204) << name;
+                EXPECT_EQ(sessionStatus(who), 401) << name;
+            }
+        });
+    }
+    for (std::thread& client : clients) client.join();
+    EXPECT_FALSE(server->identityMismatched());
+}
+
 }  // namespace
