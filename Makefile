@@ -132,18 +132,42 @@ suites: umctl webhost
 	if [ "$(ARMHF)" != 0 ]; then $(MAKE) armhf-suites || status=1; fi; \
 	exit $$status
 
+# The web host under the sanitizer of the library's build $(1) (asan, tsan): that build
+# installed into a stage of its own, tools/webhost built against it with the same
+# instrumentation (TVC_WEBHOST_SANITIZE=$(2)) and the sample device's PAM modules of that build.
+# Only the HTTP-level suite, whose server serves from several workers in the test's process;
+# the browser test is left to the plain build.
+define sanitized_webhost
+	rm -rf $(BUILD)/$(1)-stage
+	cmake --install $(BUILD)/$(1) --prefix $(BUILD)/$(1)-stage
+	cmake -S tools/webhost -B $(BUILD)/$(1)-webhost -DCMAKE_PREFIX_PATH=$(BUILD)/$(1)-stage \
+	    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVC_WEBHOST_SANITIZE=$(2) -DTVC_PAM_DIR=$(BUILD)/$(1)/tools/sampledevice/pam
+	cmake --build $(BUILD)/$(1)-webhost -j$(JOBS) --target webhost_tests
+endef
+
+# Every suite of the library and the web host's under AddressSanitizer and
+# UndefinedBehaviorSanitizer; both run even when the first fails.
 asan:
 	cmake -S . -B $(BUILD)/asan -DTVC_SANITIZE=ON -DTVC_BUILD_BENCH=OFF -DTVC_BUILD_TESTS=ON
 	cmake --build $(BUILD)/asan -j$(JOBS)
-	ctest --test-dir $(BUILD)/asan --output-on-failure
+	$(call sanitized_webhost,asan,address)
+	@status=0; \
+	ctest --test-dir $(BUILD)/asan --output-on-failure || status=1; \
+	ctest --test-dir $(BUILD)/asan-webhost --output-on-failure || status=1; \
+	exit $$status
 
-# Every suite under ThreadSanitizer, the soak of sixteen acting threads included; the failure
-# injections into a single driver process are left to the other builds (tests/CMakeLists.txt
-# says why), and tests/tsan.supp holds the reports of code outside the project.
+# Every suite under ThreadSanitizer, the soak of sixteen acting threads and the web host's
+# clients at once included; the failure injections into a single driver process are left to
+# the other builds (tests/CMakeLists.txt says why), and tests/tsan.supp holds the reports of
+# code outside the project.
 tsan:
 	cmake -S . -B $(BUILD)/tsan -DTVC_TSAN=ON -DTVC_BUILD_BENCH=OFF -DTVC_BUILD_TESTS=ON
 	cmake --build $(BUILD)/tsan -j$(JOBS)
-	ctest --test-dir $(BUILD)/tsan --output-on-failure
+	$(call sanitized_webhost,tsan,thread)
+	@status=0; \
+	ctest --test-dir $(BUILD)/tsan --output-on-failure || status=1; \
+	ctest --test-dir $(BUILD)/tsan-webhost --output-on-failure || status=1; \
+	exit $$status
 
 # The soak alone, as long as SOAK_S says, on the default build.
 soak: library
