@@ -141,7 +141,7 @@ define sanitized_webhost
 	rm -rf $(BUILD)/$(1)-stage
 	cmake --install $(BUILD)/$(1) --prefix $(BUILD)/$(1)-stage
 	cmake -S tools/webhost -B $(BUILD)/$(1)-webhost -DCMAKE_PREFIX_PATH=$(BUILD)/$(1)-stage \
-	    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVC_WEBHOST_SANITIZE=$(2) -DTVC_PAM_DIR=$(BUILD)/$(1)/tools/sampledevice/pam
+	    -DTVC_WEBHOST_SANITIZE=$(2) -DTVC_PAM_DIR=$(BUILD)/$(1)/tools/sampledevice/pam
 	cmake --build $(BUILD)/$(1)-webhost -j$(JOBS) --target webhost_tests
 endef
 
