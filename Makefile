@@ -1,6 +1,7 @@
 # Entry points: `make demo` (build, then a short umctl session on the sample device) and
 # `make test` (build, install into build/stage, run every suite).  The other targets are
-# their steps.  SANITIZE=0 leaves out the AddressSanitizer run of `make test`; TSAN=0 its
+# their steps; `make help` lists them all.  The first comment line above each target is its
+# summary, which `make help` prints (and refuses a target without one).  SANITIZE=0 leaves out the AddressSanitizer run of `make test`; TSAN=0 its
 # ThreadSanitizer run; ARMHF=0 leaves out the device's architecture (the cross build for
 # 32-bit ARM and its suites under qemu).  SOAK_S sets the duration of the threads' soak test in
 # seconds (20 by default); `make soak` runs it alone for SOAK_S (default 600) seconds.
@@ -45,7 +46,15 @@ HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 .PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
-.PHONY: armhf-webhost bench-web
+.PHONY: armhf-webhost bench-web help
+
+# One line per target: its name and the first line of the comment above it.
+help:
+	@awk '/^# / && !/^# ---/ { if (!incomment) block = substr($$0, 3); incomment = 1; next } { incomment = 0 } \
+	    /^[a-z][a-z0-9-]*:([^=]|$$)/ { name = $$1; sub(/:.*/, "", name); if (name == "help" || seen[name]++) next; \
+	        if (!block) { print "make help: " name " has no comment" >"/dev/stderr"; bad = 1 } \
+	        printf "  %-15s %s\n", name, block; block = "" } \
+	    END { exit bad }' $(firstword $(MAKEFILE_LIST))
 
 # Runs the suites target $(1) between two checksums of the host's account files.
 define guarded
@@ -59,6 +68,7 @@ define guarded
 	exit $$status
 endef
 
+# Every suite (see README, Quick start), between two checksums of the host's account files.
 test: deps
 	$(call guarded,suites)
 
@@ -66,18 +76,25 @@ test: deps
 test-armhf: deps
 	$(call guarded,armhf-suites)
 
+# The demo builds only what it runs: the library and the sample device's PAM stack, no test
+# binaries and no benchmarks.
+DEMO_TARGETS := tvc_usermanagement tvc_pam_stack
 ifeq ($(ARCH),armhf)
-demo: deps armhf-umctl armhf-binfmt
+# umctl's short session on the sample device, in the sandbox (armhf: under qemu).
+demo: deps armhf-binfmt
+	$(MAKE) armhf-umctl LIBRARY_TARGETS="$(DEMO_TARGETS)"
 	QEMU_LD_PREFIX=$(ARMHF_SYSROOT) TVC_PAM_DIR=$(ARMHF_PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/armhf-umctl/umctl
 else
-demo: deps umctl
+# umctl's short session on the sample device, in the sandbox (armhf: under qemu).
+demo: deps
+	$(MAKE) umctl LIBRARY_TARGETS="$(DEMO_TARGETS)"
 	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/demo.sh $(BUILD)/umctl/umctl
 endif
 
-# Installs what is missing; apt-get runs only then.  Installing libpam-pwquality would switch
-# it on in the host's /etc/pam.d/common-password (pam-auth-update enables a new default
-# profile); only the sandbox's services use it, so its profile is marked as seen first and the
-# host's PAM configuration stays as it is.
+# The Debian packages the builds and tests need; apt-get runs only when one is missing.
+# Installing libpam-pwquality would switch it on in the host's /etc/pam.d/common-password
+# (pam-auth-update enables a new default profile); only the sandbox's services use it, so its
+# profile is marked as seen first and the host's PAM configuration stays as it is.
 deps:
 	@missing=; \
 	for package in $(PACKAGES); do dpkg -s $$package >/dev/null 2>&1 || missing="$$missing $$package"; done; \
@@ -89,27 +106,33 @@ deps:
 	    apt-get update && apt-get install -y $$missing; \
 	fi
 
+# The library with its tests and benchmarks in build/default (LIBRARY_TARGETS narrows it).
+LIBRARY_TARGETS ?= all
 library:
 	cmake -S . -B $(BUILD)/default -DTVC_BUILD_TESTS=ON
-	cmake --build $(BUILD)/default -j$(JOBS)
+	cmake --build $(BUILD)/default -j$(JOBS) --target $(LIBRARY_TARGETS)
 
+# The library installed into build/stage, as a host finds it.
 # Staged from scratch, so that nothing left over from an earlier install hides a gap.
 stage: library
 	rm -rf $(BUILD)/stage
 	cmake --install $(BUILD)/default --prefix $(BUILD)/stage
 
+# umctl, the command-line host, in build/umctl.
 # umctl is built against the staged package, as any host would be.
 umctl: stage
 	cmake -S tools/umctl -B $(BUILD)/umctl -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR)
 	cmake --build $(BUILD)/umctl -j$(JOBS)
 
-# tvc-webd, the reference web host, likewise built against the staged package.
+# tvc-webd, the reference web host, in build/webhost.
+# It is likewise built against the staged package.
 webhost: stage
 	cmake -S tools/webhost -B $(BUILD)/webhost -DCMAKE_PREFIX_PATH=$(BUILD)/stage -DTVC_PAM_DIR=$(PAM_DIR) \
 	    -DTVC_WEBHOST_SCREENSHOTS=$(BUILD)/webhost-screenshots
 	cmake --build $(BUILD)/webhost -j$(JOBS)
 
-# The web host on the sample device, in the sandbox: plain HTTP on the loopback address only
+# tvc-webd on the sample device, in the sandbox, over HTTP on 127.0.0.1 (WEB_PORT, 8080).
+# Plain HTTP on the loopback address only
 # (WEB_PORT, 8080 by default), with the sample accounts to log in with.  Ctrl-C stops it, and
 # the sandbox forgets every change made through it.
 WEB_PORT ?= 8080
@@ -121,9 +144,11 @@ web: deps webhost
 	@echo "  plainuser / Plain#2026    user manager outside the managed accounts"
 	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(BUILD)/webhost/tvc-webd --http --listen 127.0.0.1 --port $(WEB_PORT)
 
+# Every suite, without the host-file checksums of `test`.
 # Every suite runs even when an earlier one failed.
 suites: umctl webhost
 	@status=0; \
+	$(MAKE) help >/dev/null || status=1; \
 	ctest --test-dir $(BUILD)/default --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/umctl --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/webhost --output-on-failure || status=1; \
@@ -145,6 +170,7 @@ define sanitized_webhost
 	cmake --build $(BUILD)/$(1)-webhost -j$(JOBS) --target webhost_tests
 endef
 
+# The library's and the web host's suites under AddressSanitizer and UBSan (build/asan).
 # Every suite of the library and the web host's under AddressSanitizer and
 # UndefinedBehaviorSanitizer; both run even when the first fails.
 asan:
@@ -156,6 +182,7 @@ asan:
 	ctest --test-dir $(BUILD)/asan-webhost --output-on-failure || status=1; \
 	exit $$status
 
+# The suites under ThreadSanitizer (build/tsan).
 # Every suite under ThreadSanitizer, the soak of sixteen acting threads and the web host's
 # clients at once included; the failure injections into a single driver process are left to
 # the other builds (tests/CMakeLists.txt says why), and tests/tsan.supp holds the reports of
@@ -169,10 +196,12 @@ tsan:
 	ctest --test-dir $(BUILD)/tsan-webhost --output-on-failure || status=1; \
 	exit $$status
 
+# The threads' soak test alone, for SOAK_S seconds (600).
 # The soak alone, as long as SOAK_S says, on the default build.
 soak: library
 	SOAK_S=$(or $(SOAK_S),600) $(BUILD)/default/tests/accounts/accounts_tests --gtest_filter='Soak.*'
 
+# The library's benchmarks, optimised, in the sandbox (build/bench).
 # Rewrite cost against a copy-and-fsync baseline, the account operations against shadow-utils,
 # and the cost of reading an account and of a rights check (see README, Performance); an
 # optimised build of its own, run inside the sandbox because transactions take /etc/.pwd.lock
@@ -184,15 +213,18 @@ bench: deps pam-stack
 	cmake --build $(BUILD)/bench -j$(JOBS) --target tvc_bench
 	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(BUILD)/bench/bench/tvc_bench $(BENCH_ARGS)
 
+# The sample device's PAM modules and pam_tally2 only.
 # Only the sample device's PAM modules and pam_tally2 (PAM_DIR) out of the library's build.
 pam-stack:
 	cmake -S . -B $(BUILD)/default -DTVC_BUILD_TESTS=ON
 	cmake --build $(BUILD)/default -j$(JOBS) --target tvc_pam_stack
 
 # --- the device's architecture: 32-bit ARM hard-float ---------------------------------------------
+# The armhf sysroot of Debian's packages in build/armhf-sysroot (downloads once).
 armhf-sysroot:
 	$(CURDIR)/tools/armhf/make-sysroot.sh $(ARMHF_SYSROOT)
 
+# Lets the host run armhf programs through qemu (binfmt_misc).
 # An armhf program that starts another one (a test binary re-executed in the sandbox, fiu's
 # drivers, pam_tally2, umctl from a script) goes through binfmt_misc to qemu.  The entry's F
 # flag opens the interpreter now, so it also works inside the sandbox's mount namespace.
@@ -202,20 +234,24 @@ armhf-binfmt:
 	@grep -qx enabled /proc/sys/fs/binfmt_misc/qemu-arm
 	@grep -q '^flags: .*F' /proc/sys/fs/binfmt_misc/qemu-arm
 
+# The library and its tests cross-built for armhf (build/armhf; LIBRARY_TARGETS narrows it).
 armhf-library: armhf-sysroot
 	cmake -S . -B $(BUILD)/armhf $(ARMHF_CMAKE) -DTVC_BUILD_TESTS=ON -DTVC_BUILD_BENCH=OFF
-	cmake --build $(BUILD)/armhf -j$(JOBS)
+	cmake --build $(BUILD)/armhf -j$(JOBS) --target $(LIBRARY_TARGETS)
 
+# The armhf library installed into build/armhf-stage.
 armhf-stage: armhf-library
 	rm -rf $(BUILD)/armhf-stage
 	cmake --install $(BUILD)/armhf --prefix $(BUILD)/armhf-stage
 
+# umctl for armhf, in build/armhf-umctl.
 # With the sysroot as the only find root, a package outside it is named by its directory.
 armhf-umctl: armhf-stage
 	cmake -S tools/umctl -B $(BUILD)/armhf-umctl $(ARMHF_CMAKE) \
 	    -Dtvc_usermanagement_DIR=$(BUILD)/armhf-stage/lib/cmake/tvc_usermanagement -DTVC_PAM_DIR=$(ARMHF_PAM_DIR)
 	cmake --build $(BUILD)/armhf-umctl -j$(JOBS)
 
+# tvc-webd for armhf, in build/armhf-webhost.
 # The reference web host for the device, against the armhf install like umctl; cpp-httplib and
 # the JSON library come from the sysroot.
 armhf-webhost: armhf-stage
@@ -223,6 +259,7 @@ armhf-webhost: armhf-stage
 	    -Dtvc_usermanagement_DIR=$(BUILD)/armhf-stage/lib/cmake/tvc_usermanagement
 	cmake --build $(BUILD)/armhf-webhost -j$(JOBS) --target tvc-webd
 
+# The armhf suites under qemu, the armhf web host's smoke test and the interface check.
 # The same suites as on the host, each under qemu (ctest runs them through the toolchain file's
 # emulator), the armhf web host's smoke test in the sandbox, then the installed library's
 # interface against the host build's.
@@ -235,10 +272,12 @@ armhf-suites: armhf-umctl armhf-webhost armhf-binfmt
 	$(MAKE) armhf-abi || status=1; \
 	exit $$status
 
+# The installed armhf library's interface against the host build's.
 armhf-abi: stage armhf-library armhf-binfmt
 	$(CURDIR)/tools/armhf/check-abi.sh $(BUILD)/stage $(BUILD)/armhf $(ARMHF_SYSROOT) $(BUILD)/armhf-abi
 
 # --- the web host under load ----------------------------------------------------------------------
+# tvc-webd under load: requests per second, latency, and a login next to bare PAM.
 # Requests per second and latency of 64 logged-in clients (wrk, tools/webhost/bench/web.lua) for
 # BENCH_S seconds (20), then a login's latency next to the bare PAM transaction's
 # (tools/webhost/bench/login_bench.cpp); tvc-webd optimised, in a build of its own, in the sandbox
