@@ -66,7 +66,7 @@ constexpr Words kWords[] = {
     {Situation::PasswordExpired, "password expired; it must be changed first", true},
     {Situation::NotAuthorized, "not authorized", false},
     {Situation::ConcurrentSession, "another session is already open", false},
-    {Situation::SystemAccount, "not authorized: a system account is changed by root only", true},
+    {Situation::SystemAccount, "not authorized to change a system account", true},
     {Situation::PasswordsDiffer, "the two passwords differ", false},
     {Situation::LibraryFailure, "the library failed", false},
 };

@@ -180,11 +180,15 @@ std::string invokingUser() {
 }
 
 // The operator's message for a command line CLI11 refused.
-std::string usageMessage(const CLI::App& app, const CLI::ParseError& error) {
+std::string usageMessage(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
     const std::vector<CLI::App*> chosen = app.get_subcommands();
-    const std::string command = chosen.empty() ? std::string() : chosen.front()->get_name();
-    const std::string help = command.empty() ? "umctl --help" : "umctl " + command + " --help";
+    std::string command = chosen.empty() ? std::string() : chosen.front()->get_name();
     const std::vector<std::string> extras = app.remaining(true);
+    // An unknown option before the command is not the command's.
+    if (!command.empty() && !extras.empty())
+        for (int i = 1; i < argc && argv[i] != command; ++i)
+            if (argv[i] == extras.front()) command.clear();
+    const std::string help = command.empty() ? "umctl --help" : "umctl " + command + " --help";
     // Without a command, a word CLI11 left over is what it could not take for one.
     if (dynamic_cast<const CLI::ExtrasError*>(&error) || (command.empty() && !extras.empty())) {
         const std::string word = extras.empty() ? std::string() : extras.front();
@@ -226,7 +230,6 @@ int main(int argc, char** argv) {
     app.fallthrough();  // the global options also after the command
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.get_formatter()->label("SUBCOMMANDS", "COMMANDS");
-    app.get_formatter()->label("Subcommands", "Commands");
     app.add_flag("--json", options.json, "every answer, error included, as one JSON object on one line of stdout");
     app.add_option("--as", options.actingAs, "run the command acting as account NAME (the rights checks judge it)")
         ->type_name("NAME");
@@ -237,7 +240,7 @@ int main(int argc, char** argv) {
     Run selected;
     bool switchesItself = false;
     for (const Command& command : allCommands()) {
-        CLI::App* sub = app.add_subcommand(command.name, command.description);
+        CLI::App* sub = app.add_subcommand(command.name, command.description)->group("Commands");
         sub->footer(std::string("Example:\n  ") + command.example + "\n" + kCommandFooter);
         const Run run = command.define(*sub);
         const bool itself = command.switchesItself;
@@ -246,7 +249,7 @@ int main(int argc, char** argv) {
             switchesItself = itself;
         });
     }
-    CLI::App* help = app.add_subcommand("help", "describe every command, or one");
+    CLI::App* help = app.add_subcommand("help", "describe every command, or one")->group("Commands");
     help->footer("Example:\n  umctl help create");
     const auto topic = optionalOperand(*help, "COMMAND", "the command to describe");
     help->callback([&] {
@@ -277,7 +280,7 @@ int main(int argc, char** argv) {
             std::cout << app.help();
             return kOk;
         }
-        return reportUsage(usageMessage(app, e));
+        return reportUsage(usageMessage(app, e, argc, argv));
     } catch (...) {
         return reportFailure();
     }
