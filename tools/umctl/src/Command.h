@@ -104,6 +104,7 @@ enum class Situation {
     IdentitySwitch,
     PasswordNotStorable,
     WrongPassword,
+    LoginRefused,
     PasswordTooLong,
     PasswordRules,
     RootLogin,

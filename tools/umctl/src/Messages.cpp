@@ -58,6 +58,8 @@ constexpr Words kWords[] = {
     {Situation::IdentitySwitch, "could not act as the --as account", false},
     {Situation::PasswordNotStorable, "the password cannot be stored", true},
     {Situation::WrongPassword, "wrong password", true},
+    // The login service gives one answer for all three, as it does to a web client.
+    {Situation::LoginRefused, "login refused (wrong password, or the account is locked or disabled)", true},
     {Situation::PasswordTooLong, "password too long", false},
     {Situation::PasswordRules, "password refused by the password rules", false},
     {Situation::RootLogin, "root may not log in here", false},
@@ -114,10 +116,10 @@ constexpr Meaning kMeanings[] = {
     {Family::Session, AuthNZError::SetUserUidFailed, Situation::LoginService},
     {Family::Session, AuthNZError::InitError, Situation::LoginService},
     {Family::Session, AuthNZError::InvalidPAM, Situation::LoginService},
-    {Family::Authentication, AuthenticationError::InvalidCredentials, Situation::WrongPassword},
+    {Family::Authentication, AuthenticationError::InvalidCredentials, Situation::LoginRefused},
     {Family::Authentication, AuthenticationError::NoToken, Situation::TokenRefused},
     {Family::Authentication, AuthenticationError::InvalidToken, Situation::TokenRefused},
-    {Family::Authentication, AuthenticationError::StrongAuthenticationWrongPassword, Situation::WrongPassword},
+    {Family::Authentication, AuthenticationError::StrongAuthenticationWrongPassword, Situation::LoginRefused},
     {Family::Authentication, AuthenticationError::TokenRefused, Situation::TokenRefused},
     {Family::Authorization, AuthorizationError::ExpiredCredentials, Situation::PasswordExpired},
     {Family::Authorization, AuthorizationError::NotAuthorized, Situation::NotAuthorized},
@@ -236,7 +238,7 @@ int reportFailure() {
         Situation situation = situationOf(familyOf(e), e.getErrorId());
         // A login refused for a name the system does not know is an unknown account, as
         // everywhere else; the web client's answer (in the detail) stays the library's.
-        if (situation == Situation::WrongPassword && !subject().empty() && !accountExists(subject()))
+        if (situation == Situation::LoginRefused && !subject().empty() && !accountExists(subject()))
             situation = Situation::NoSuchAccount;
         Json detail{{"answer", Json::parse(e.getJsonAnswer(), nullptr, false)}, {"text", e.what()}};
         if (*e.getErrorDescription()) detail["description"] = e.getErrorDescription();

@@ -207,7 +207,7 @@ expect 2 "" "umctl: unknown action: Fly (one of CreateUser, *UpdatePassword)" --
 # Logins through the sample device's login service (password on stdin): accepted, refused
 # with the audit line of the failure, and the web client's answer in the JSON detail.
 expect 0 "login ok: viewer" "" -- login viewer --password-stdin <<<'Viewer#2026'
-expect 1 "" "umctl: log: category=9 id=4 severity=notice *<viewer>\"${nl}umctl: wrong password: viewer" -- login viewer --password-stdin <<<'Wrong#2026'
+expect 1 "" "umctl: log: category=9 id=4 severity=notice *<viewer>\"${nl}umctl: login refused (wrong password, or the account is locked or disabled): viewer" -- login viewer --password-stdin <<<'Wrong#2026'
 expect 1 '{"error":"root may not log in here","code":0,*"answer":{"classCode":1,"errorCode":0}*}' "umctl: root may not log in here" -- --json login root --password-stdin <<<'Root#2026'
 
 # The life cycle, each step run as root on a fresh device, with its audit line and its effect
@@ -301,7 +301,7 @@ before="plant \$'e\\e[31mx' 10005" expect 0 "*${nl}guest *10004 *viewers *yes *n
 forged='a" text="forged'
 q='a\\" text=\\"forged' # the name as the log line writes it, as a pattern
 before="plant '$forged' 10005" \
-    expect 1 "" "umctl: log: category=9 id=4 severity=notice ip=\"cli\" user=\"$q\" text=\"Session - Authentication failed  <$q>\"${nl}umctl: wrong password: $forged" \
+    expect 1 "" "umctl: log: category=9 id=4 severity=notice ip=\"cli\" user=\"$q\" text=\"Session - Authentication failed  <$q>\"${nl}umctl: login refused (*): $forged" \
     -- --as "$forged" login "$forged" --password-stdin <<<'Wrong#2026'
 before="plant \$'caf\\351' 10005" after=one_json expect 0 '{"accounts":[[]{"name":"admin",*,{"name":"caf'"$replacement"'","uid":10005,*}]}' "" -- --json list
 before="plant \$'caf\\351' 10005" after=one_json expect 0 '{"name":"caf'"$replacement"'","uid":10005,*}' "" -- --json show 10005
