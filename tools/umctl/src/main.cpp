@@ -272,15 +272,14 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         if (app.count("--as") != 0 && options.actingAs.empty()) throw UsageError("--as needs an account name");
         options.configGiven = app.count("--config") != 0;
-    } catch (const CLI::CallForHelp&) {
-        std::cout << app.help();
-        return kOk;
     } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0) {
+        if (e.get_exit_code() != 0) return reportUsage(usageMessage(app, e, argc, argv));
+        // --help, of umctl or of the command given
+        if (options.json)
+            emit({{"help", app.help()}});
+        else
             std::cout << app.help();
-            return kOk;
-        }
-        return reportUsage(usageMessage(app, e, argc, argv));
+        return kOk;
     } catch (...) {
         return reportFailure();
     }
