@@ -20,7 +20,9 @@ SANDBOX := $(CURDIR)/tools/sandbox/tvc-sandbox
 PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgtest-dev \
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
             libpam-pwquality cracklib-runtime locales \
-            libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium curl wrk
+            libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium curl wrk \
+            libcli11-dev
+# umctl: CLI11 (its command line, header-only) and nlohmann-json (its --json answers).
 # The web host: cpp-httplib (HTTP server, OpenSSL inside) and nlohmann-json; its browser test
 # drives Debian's Chromium through its ChromeDriver with Debian's Selenium; curl: the armhf web
 # host's smoke test; wrk: the web host's load (`make bench-web`).

@@ -78,7 +78,7 @@ show profiles
 show groups admin
 show settings
 show --json user nosuch
-show hash 'Demo#2026'
+feed 'Demo#2026' -- hash
 
 # One account from creation to removal.  The user manager admin does the managing (--as admin),
 # so the rights checks and the audit lines name admin; a viewer is refused the same.

@@ -21,7 +21,9 @@ packages=(libc6 libc6-dev libstdc++6 libgcc-s1 linux-libc-dev
     libgtest-dev googletest libfiu0 libfiu-dev fiu-utils
     # The reference web host (tools/webhost): cpp-httplib with the packages its .pc file
     # requires (OpenSSL, zlib, brotli), and the header-only JSON library.
-    libcpp-httplib-dev zlib1g-dev libbrotli-dev nlohmann-json3-dev)
+    libcpp-httplib-dev zlib1g-dev libbrotli-dev nlohmann-json3-dev
+    # umctl's command line (header-only); it shares the JSON library with the web host.
+    libcli11-dev)
 [[ -f $sysroot/.complete && $(<"$sysroot/.complete") == "${packages[*]}" ]] && exit 0
 # Dependencies that only matter on an installed system (package management, debconf's perl);
 # the sysroot is never booted.

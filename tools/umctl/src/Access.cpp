@@ -22,16 +22,36 @@ namespace umctl {
 
 namespace {
 
+Json groupJson(const UmGroup& group) { return {{"gid", group.getGid()}, {"name", group.getName()}}; }
+
+Json profileJson(const UmProfile& profile) {
+    Json roles = Json::array();
+    for (const usermanagement::UmRole& role : profile.getRoles()) {
+        Json granted = Json::array();
+        for (const UmGroup& group : role.getGroups()) granted.push_back(groupJson(group));
+        roles.push_back({{"name", role.getName()}, {"id", role.getId()}, {"gid", role.getGid()}, {"groups", granted}});
+    }
+    Json groups = Json::array();
+    for (const auto& [gid, name] : profile.m_groupNames) groups.push_back({{"gid", gid}, {"name", name}});
+    return {{"name", profile.getName()}, {"id", profile.getId()}, {"gid", profile.getGid()},
+            {"roles", roles},            {"groups", groups}};
+}
+
 // Every profile in id order in the library's own diagnostic form: the profile line, its roles
 // with the groups they grant, then the flattened group list; a blank line between profiles.
 // Each line of that form is printed through printable(), as every name umctl prints.
-int profiles(const Args&) {
+int profiles() {
     const std::map<int, UmProfile> all = ProfileDefinition::GetProfileDefinition().getProfiles(false);
+    Json list = Json::array();
     bool first = true;
     for (const auto& entry : all) {
         // Catalogue copies never carry the flattened list; rebuild it for the printout.
         UmProfile profile = entry.second;
         profile.updateList();
+        if (jsonOutput()) {
+            list.push_back(profileJson(profile));
+            continue;
+        }
         if (!first) std::cout << "\n";
         std::ostringstream form;
         form << profile;
@@ -39,23 +59,35 @@ int profiles(const Args&) {
         for (std::string line; std::getline(lines, line);) std::cout << printable(line) << "\n";
         first = false;
     }
+    if (jsonOutput()) emit({{"profiles", list}});
     return kOk;
 }
 
 // One "<gid> <name>" line per group of the account, profile group first.
-int groups(const Args& args) {
+int groups(const std::string& nameOrUid) {
+    const Account account = resolveUser(nameOrUid);
     std::vector<UmGroup> list;
-    unsigned int uid = 0;
-    const bool found = parseId(args[0], uid) ? LinuxUserSystem::getGroups(uid, list)
-                                             : LinuxUserSystem::getGroups(args[0].c_str(), list);
-    if (!found) notFound(usermanagement::UMError::UserNotFound, "no such user: " + args[0]);
+    if (!LinuxUserSystem::getGroups(account.uid, list)) throw Failure(Situation::DatabaseLookup, nameOrUid);
+    if (jsonOutput()) {
+        Json groups = Json::array();
+        for (const UmGroup& group : list) groups.push_back(groupJson(group));
+        emit({{"groups", groups}});
+        return kOk;
+    }
     for (const UmGroup& group : list) std::cout << group.m_gid << " " << printable(group.m_name) << "\n";
     return kOk;
 }
 
+Run defineProfiles(CLI::App&) { return profiles; }
+
+Run defineGroups(CLI::App& app) {
+    const auto account = operand(app, "ACCOUNT", "account name or uid");
+    return [account] { return groups(*account); };
+}
+
 }  // namespace
 
-void installCatalogue() {
+void installConfiguration() {
     static tvc::sample::SampleCatalogue catalogue;
     catalogue.setProfileDefinition(catalogue);
     static tvc::sample::SampleDefinition definition;
@@ -64,8 +96,9 @@ void installCatalogue() {
 
 std::vector<Command> accessCommands() {
     return {
-        {"profiles", "", 0, 0, profiles},
-        {"groups", "NAME|UID", 1, 1, groups},
+        {"profiles", "the device's profiles with their roles and the groups they grant", "umctl profiles",
+         defineProfiles},
+        {"groups", "the groups an account belongs to, profile group first", "umctl groups admin", defineGroups},
     };
 }
 

@@ -25,14 +25,14 @@ namespace umctl {
 
 namespace {
 
-// One account looked up by NAME or UID.
+// One account looked up by NAME or UID, resolved at once first (Command.h: resolveUser).
 User lookUp(const std::string& nameOrUid) {
     unsigned int uid = 0;
+    resolveUser(nameOrUid);
     return parseId(nameOrUid, uid) ? User(uid) : User(nameOrUid);
 }
 
 const char* yesNo(bool value) { return value ? "yes" : "no"; }
-const char* jsonBool(bool value) { return value ? "true" : "false"; }
 
 // The account's groups, primary group first, as "<gid> <name>"; a group without an entry by its id.
 std::vector<std::string> groupsOf(const User& user) {
@@ -47,30 +47,33 @@ std::vector<std::string> groupsOf(const User& user) {
     return lines;
 }
 
-std::string json(const User& user, bool withGroups) {
-    std::string text =
-        "{\"name\":" + jsonString(user.getUserName()) + ",\"uid\":" + std::to_string(user.getUid()) +
-        ",\"gid\":" + std::to_string(user.getGid()) + ",\"profile\":" + jsonString(user.getProfile().getName()) +
-        ",\"profileId\":" + std::to_string(user.getProfile().getId()) + ",\"active\":" + jsonBool(user.isActive()) +
-        ",\"passwordExpired\":" + jsonBool(user.isPasswordExpired()) + ",\"locked\":" + jsonBool(user.isLocked()) +
-        ",\"accountExpired\":" + jsonBool(user.isAccountExpired());
+Json json(const User& user, bool withGroups) {
+    Json answer{{"name", user.getUserName()},
+                {"uid", user.getUid()},
+                {"gid", user.getGid()},
+                {"profile", user.getProfile().getName()},
+                {"profileId", user.getProfile().getId()},
+                {"active", user.isActive()},
+                {"passwordExpired", user.isPasswordExpired()},
+                {"locked", user.isLocked()},
+                {"accountExpired", user.isAccountExpired()}};
     if (withGroups) {
-        text += ",\"groups\":[";
+        Json groups = Json::array();
         int count = 0;
-        const gid_t* groups = user.getUserGroupsIds(count);
-        for (int i = 0; groups != nullptr && i < count; ++i) text += (i ? "," : "") + std::to_string(groups[i]);
-        text += "]";
+        const gid_t* ids = user.getUserGroupsIds(count);
+        for (int i = 0; ids != nullptr && i < count; ++i) groups.push_back(ids[i]);
+        answer["groups"] = groups;
     }
-    return text + "}";
+    return answer;
 }
 
-int list(const Args&) {
+int list() {
     std::vector<User> users = usermanagement::utilities::getUserList();
     for (User& user : users) user.updateState();
-    if (options().json) {
-        std::string text = "[";
-        for (std::size_t i = 0; i < users.size(); ++i) text += (i ? "," : "") + json(users[i], false);
-        std::cout << text << "]\n";
+    if (jsonOutput()) {
+        Json accounts = Json::array();
+        for (const User& user : users) accounts.push_back(json(user, false));
+        emit({{"accounts", accounts}});
         return kOk;
     }
     const auto row = [](const std::string& name, const std::string& uid, const std::string& profile,
@@ -97,11 +100,11 @@ int list(const Args&) {
     return kOk;
 }
 
-int show(const Args& args) {
-    User user = lookUp(args[0]);
+int show(const std::string& nameOrUid) {
+    User user = lookUp(nameOrUid);
     user.updateState();
-    if (options().json) {
-        std::cout << json(user, true) << "\n";
+    if (jsonOutput()) {
+        emit(json(user, true));
         return kOk;
     }
     std::cout << "name: " << printable(user.getUserName()) << "\nuid: " << user.getUid() << "\ngid: " << user.getGid()
@@ -120,43 +123,65 @@ constexpr std::pair<const char*, UserDefinition::Action> kActions[] = {
     {"UpdateUser", UserDefinition::UpdateUser}, {"UpdatePassword", UserDefinition::UpdatePassword},
 };
 
-UserDefinition::Action actionNamed(const std::string& name) {
+std::pair<std::string, UserDefinition::Action> actionNamed(const std::string& name) {
     const auto lower = [](std::string text) {
         for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         return text;
     };
     std::string known;
     for (const auto& [actionName, action] : kActions) {
-        if (lower(name) == lower(actionName)) return action;
+        if (lower(name) == lower(actionName)) return {actionName, action};
         known += std::string(known.empty() ? "" : ", ") + actionName;
     }
     throw UsageError("unknown action: " + name + " (one of " + known + ")");
 }
 
 // The target is looked up under umctl's own identity: the question is what the --as account
-// may do to it, not whether that account may look it up first.
-int can(const Args& args) {
-    const UserDefinition::Action action = actionNamed(args[0]);
+// may do to it, not whether that account may look it up first.  A refusal is an answer, not
+// a failure: "refused", exit status 1.
+int can(const std::string& actionName, const std::string& targetName) {
+    const auto [name, action] = actionNamed(actionName);
     std::optional<User> target;
-    if (args.size() > 1) target = lookUp(args[1]);
+    if (!targetName.empty()) target = lookUp(targetName);
     const ActingAs scope;
+    bool allowed = true;
     try {
         UserDefinition::GetUserDefinition().checkRight(action, target ? &*target : nullptr);
     } catch (const authnz::AuthorizationException&) {
-        std::cout << "refused\n";
-        return kFailed;
+        allowed = false;
     }
-    std::cout << "allowed\n";
-    return kOk;
+    if (jsonOutput()) {
+        Json answer{{"action", name}};
+        if (target) answer["target"] = target->getUserName();
+        answer["allowed"] = allowed;
+        emit(answer);
+    } else {
+        std::cout << (allowed ? "allowed" : "refused") << "\n";
+    }
+    return allowed ? kOk : kFailed;
+}
+
+Run defineList(CLI::App&) { return list; }
+
+Run defineShow(CLI::App& app) {
+    const auto account = operand(app, "ACCOUNT", "account name or uid");
+    return [account] { return show(*account); };
+}
+
+Run defineCan(CLI::App& app) {
+    const auto action = operand(app, "ACTION", "CreateUser, RemoveUser, ReadUser, ManageUsers, UpdateUser or UpdatePassword");
+    const auto target = optionalOperand(app, "TARGET", "the account acted on, by name or uid");
+    return [action, target] { return can(*action, *target); };
 }
 
 }  // namespace
 
 std::vector<Command> accountCommands() {
     return {
-        {"list", "", 0, 0, list},
-        {"show", "NAME|UID", 1, 1, show},
-        {"can", "ACTION [NAME|UID]", 1, 2, can, true},
+        {"list", "the managed accounts with their profile and state", "umctl --json list", defineList},
+        {"show", "one account in detail: ids, profile, state, groups", "umctl show operator", defineShow},
+        {"can", "whether the calling account (or the --as account) may do ACTION, to TARGET if given",
+         "umctl --as viewer can UpdatePassword viewer", defineCan, true},
     };
 }
 

@@ -15,27 +15,51 @@ namespace umctl {
 
 namespace {
 
-int whoami(const Args&) {
+int whoami() {
     const usermanagement::SystemPermission snapshot;
+    const int groups = getgroups(0, nullptr);
+    if (jsonOutput()) {
+        emit({{"ruid", snapshot.getRuid()},
+              {"euid", snapshot.getEuid()},
+              {"suid", snapshot.getSuid()},
+              {"rgid", snapshot.getRgid()},
+              {"egid", snapshot.getEgid()},
+              {"sgid", snapshot.getSgid()},
+              {"groups", groups}});
+        return kOk;
+    }
     std::cout << "ruid: " << snapshot.getRuid() << "\neuid: " << snapshot.getEuid() << "\nsuid: " << snapshot.getSuid()
               << "\nrgid: " << snapshot.getRgid() << "\negid: " << snapshot.getEgid()
-              << "\nsgid: " << snapshot.getSgid() << "\ngroups: " << getgroups(0, nullptr) << "\n";
+              << "\nsgid: " << snapshot.getSgid() << "\ngroups: " << groups << "\n";
     return kOk;
 }
 
-int tally(const Args& args) {
-    const unsigned int uid = resolveUser(args[0]).uid;
+int tally(const std::string& nameOrUid) {
+    const unsigned int uid = resolveUser(nameOrUid).uid;
     const std::string path = usermanagement::UserDefinition::GetUserDefinition().getTallyFilePath();
-    std::cout << "uid: " << uid << "\nfailures: " << usermanagement::utilities::getLockCount(uid, path) << "\n";
+    const auto failures = usermanagement::utilities::getLockCount(uid, path);
+    if (jsonOutput()) {
+        emit({{"uid", uid}, {"failures", failures}});
+        return kOk;
+    }
+    std::cout << "uid: " << uid << "\nfailures: " << failures << "\n";
     return kOk;
+}
+
+Run defineWhoami(CLI::App&) { return whoami; }
+
+Run defineTally(CLI::App& app) {
+    const auto account = operand(app, "ACCOUNT", "account name or uid");
+    return [account] { return tally(*account); };
 }
 
 }  // namespace
 
 std::vector<Command> identityCommands() {
     return {
-        {"whoami", "", 0, 0, whoami},
-        {"tally", "NAME|UID", 1, 1, tally},
+        {"whoami", "the real, effective and saved ids of the thread that runs the command",
+         "umctl --as viewer whoami", defineWhoami},
+        {"tally", "an account's failed-login count", "umctl tally operator", defineTally},
     };
 }
 

@@ -11,32 +11,49 @@ namespace umctl {
 
 namespace {
 
-int user(const Args& args) {
-    const Account account = resolveUser(args[0]);
+int user(const std::string& nameOrUid) {
+    const Account account = resolveUser(nameOrUid);
+    if (jsonOutput()) {
+        emit({{"uid", account.uid}, {"name", account.name}, {"profileGid", account.profileGid}});
+        return kOk;
+    }
     std::cout << "uid: " << account.uid << "\nname: " << printable(account.name)
               << "\nprofile gid: " << account.profileGid << "\n";
     return kOk;
 }
 
-// An unknown group is reported as usermanagement::UMException code 2, "Role error", since
-// the device's groups are its profiles and roles.
-
-int group(const Args& args) {
+int group(const std::string& nameOrGid) {
+    setSubject(nameOrGid);
     unsigned int gid = 0;
-    std::string name = args[0];
-    bool found = parseId(args[0], gid) ? LinuxUserSystem::getGroupName(gid, name)
-                                       : LinuxUserSystem::getGroupGid(name.c_str(), gid);
-    if (!found) notFound(usermanagement::UMError::RoleError, "no such group: " + args[0]);
+    std::string name = nameOrGid;
+    const bool found = parseId(nameOrGid, gid) ? LinuxUserSystem::getGroupName(gid, name)
+                                               : LinuxUserSystem::getGroupGid(name.c_str(), gid);
+    if (!found) throw Failure(Situation::NoSuchGroup, nameOrGid);
+    if (jsonOutput()) {
+        emit({{"gid", gid}, {"name", name}});
+        return kOk;
+    }
     std::cout << "gid: " << gid << "\nname: " << printable(name) << "\n";
     return kOk;
+}
+
+Run defineUser(CLI::App& app) {
+    const auto account = operand(app, "ACCOUNT", "account name or uid");
+    return [account] { return user(*account); };
+}
+
+Run defineGroup(CLI::App& app) {
+    const auto group_ = operand(app, "GROUP", "group name or gid");
+    return [group_] { return group(*group_); };
 }
 
 }  // namespace
 
 std::vector<Command> lookupCommands() {
     return {
-        {"user", "NAME|UID", 1, 1, user},
-        {"group", "NAME|GID", 1, 1, group},
+        {"user", "an account's uid, name and profile group, from the system's account database",
+         "umctl user admin", defineUser},
+        {"group", "a group's gid and name, from the system's group database", "umctl group 4101", defineGroup},
     };
 }
 

@@ -109,7 +109,7 @@ void PasswordInput::readNew(const char* prompt, Secret& password) const {
     if (!m_prompt) return;
     Secret again;
     read("Retype it: ", again);
-    if (again.text() != password.text()) throw std::runtime_error("the two passwords differ");
+    if (again.text() != password.text()) throw Failure(Situation::PasswordsDiffer, "");
 }
 
 }  // namespace umctl

@@ -26,49 +26,75 @@ namespace {
 
 std::string clientAddress() { return umlog::Ctx::getCtx().getIp(); }
 
-int passwd(const Args& args) {
-    const CommandLine line = splitOptions("passwd", args, 1, {"--password-stdin"});
-    User holder(line.operands[0]);
-    const PasswordInput input(line.has("--password-stdin"));
+int confirm(const std::string& text, const Json& answer) {
+    if (jsonOutput())
+        emit(answer);
+    else
+        std::cout << text << "\n";
+    return kOk;
+}
+
+int passwd(const std::string& name, bool fromStdin) {
+    resolveName(name);
+    User holder(name);
+    const PasswordInput input(fromStdin);
     Secret current, next;
     input.read("Current password: ", current);
     input.readNew("New password: ", next);
     holder.updatePassword(current.text(), next.text(), clientAddress());
-    std::cout << "password changed: " << printable(holder.getUserName()) << "\n";
-    return kOk;
+    return confirm("password changed: " + printable(holder.getUserName()),
+                   {{"result", "password changed"}, {"name", holder.getUserName()}});
 }
 
 // The library judges the UpdatePassword right with the object the reset is called on as its
 // target, so the call goes to the target's own object: on the caller's object, an account
 // allowed to change its own password would pass the check for any account.
-int resetPassword(const Args& args) {
-    const CommandLine line = splitOptions("reset-password", args, 1, {"--must-change", "--password-stdin"});
-    const std::string& name = line.operands[0];
+int resetPassword(const std::string& name, bool mustChange, bool fromStdin) {
+    resolveName(name);
     User target(name);
     Secret password;
-    PasswordInput(line.has("--password-stdin")).readNew("New password: ", password);
-    target.updateAnyUserPassword(name, password.text(), line.has("--must-change"), clientAddress(), true);
-    std::cout << "password reset: " << printable(name) << "\n";
-    return kOk;
+    PasswordInput(fromStdin).readNew("New password: ", password);
+    target.updateAnyUserPassword(name, password.text(), mustChange, clientAddress(), true);
+    return confirm("password reset: " + printable(name), {{"result", "password reset"}, {"name", name}});
 }
 
 // The rules the password-rules PAM service applies to the acting account (root without --as).
-int checkPassword(const Args& args) {
-    const CommandLine line = splitOptions("check-password", args, 0, {"--password-stdin"});
+int checkPassword(bool fromStdin) {
     Secret password;
-    PasswordInput(line.has("--password-stdin")).read("Password: ", password);
+    PasswordInput(fromStdin).read("Password: ", password);
     User().checkPasswordStrenght(password.text());
-    std::cout << "password accepted\n";
-    return kOk;
+    return confirm("password accepted", {{"result", "password accepted"}});
+}
+
+Run definePasswd(CLI::App& app) {
+    const auto name = operand(app, "NAME", "the account's name");
+    const auto fromStdin = passwordStdinFlag(app);
+    return [name, fromStdin] { return passwd(*name, *fromStdin); };
+}
+
+Run defineResetPassword(CLI::App& app) {
+    const auto name = operand(app, "NAME", "the account's name");
+    const auto mustChange = flag(app, "--must-change", "the password must be changed at the next login");
+    const auto fromStdin = passwordStdinFlag(app);
+    return [name, mustChange, fromStdin] { return resetPassword(*name, *mustChange, *fromStdin); };
+}
+
+Run defineCheckPassword(CLI::App& app) {
+    const auto fromStdin = passwordStdinFlag(app);
+    return [fromStdin] { return checkPassword(*fromStdin); };
 }
 
 }  // namespace
 
 std::vector<Command> passwordCommands() {
     return {
-        {"passwd", "NAME [--password-stdin]", 1, 2, passwd},
-        {"reset-password", "NAME [--must-change] [--password-stdin]", 1, 3, resetPassword},
-        {"check-password", "[--password-stdin]", 0, 1, checkPassword},
+        {"passwd", "the holder's own password change: the current password, then the new one",
+         "printf '%s\\n' 'Maple#Harbor42' 'Cedar#Window57' | umctl --as carol passwd carol", definePasswd},
+        {"reset-password", "a manager's reset of an account's password, without the current one",
+         "printf '%s\\n' 'Cedar#Window57' | umctl --as admin reset-password carla --must-change",
+         defineResetPassword},
+        {"check-password", "whether the password rules accept a password; nothing is stored",
+         "printf '%s\\n' 'Tulip#Garden42' | umctl check-password", defineCheckPassword},
     };
 }
 

@@ -1,6 +1,7 @@
 // umctl settings: the effective value of every setting of the installed UserDefinition.
 // Strings are quoted so that blanks stay visible (the default update script is "false "), with
-// quotes, backslashes and control characters escaped as in the log line (quoted()).
+// quotes, backslashes and control characters escaped as in the log line (quoted()).  With
+// --json: one object, each setting a member of its own type.
 #include <iostream>
 #include <string>
 
@@ -13,12 +14,30 @@ namespace umctl {
 
 namespace {
 
-void print(const char* name, const std::string& value) { std::cout << name << ": " << quoted(value) << "\n"; }
-void print(const char* name, const char* value) { print(name, std::string(value ? value : "")); }
-void print(const char* name, long long value) { std::cout << name << ": " << value << "\n"; }
-void print(const char* name, bool value) { std::cout << name << ": " << (value ? "true" : "false") << "\n"; }
+// With --json the settings are collected into one object, printed at the end.
+Json g_answer;
 
-int settings(const Args&) {
+void print(const char* name, const std::string& value) {
+    if (jsonOutput())
+        g_answer[name] = value;
+    else
+        std::cout << name << ": " << quoted(value) << "\n";
+}
+void print(const char* name, const char* value) { print(name, std::string(value ? value : "")); }
+void print(const char* name, long long value) {
+    if (jsonOutput())
+        g_answer[name] = value;
+    else
+        std::cout << name << ": " << value << "\n";
+}
+void print(const char* name, bool value) {
+    if (jsonOutput())
+        g_answer[name] = value;
+    else
+        std::cout << name << ": " << (value ? "true" : "false") << "\n";
+}
+
+int settings() {
     usermanagement::UserDefinition& d = usermanagement::UserDefinition::GetUserDefinition();
     print("maxUser", static_cast<long long>(d.getMaxUser()));
     print("baseUid", static_cast<long long>(d.getBaseUid()));
@@ -56,11 +75,17 @@ int settings(const Args&) {
     print("groupTmpFilePath", d.getGroupTmpFilePath());
     print("rootProfile", d.hasRootProfile());
     print("updateFileScript", d.getUpdateFileScript());
+    if (jsonOutput()) emit(g_answer);
     return kOk;
 }
 
+Run defineSettings(CLI::App&) { return settings; }
+
 }  // namespace
 
-std::vector<Command> settingsCommands() { return {{"settings", "", 0, 0, settings}}; }
+std::vector<Command> settingsCommands() {
+    return {{"settings", "the effective value of every setting of the installed configuration", "umctl settings",
+             defineSettings}};
+}
 
 }  // namespace umctl

@@ -1,24 +1,24 @@
 // umctl: command-line host of libtvc_usermanagement.
 //
-//     umctl [--json] [--as NAME] COMMAND [ARGS...]
+//     umctl [--json] [--as NAME] [--config FILE] COMMAND [ARGS...]
 //
-// Exit status 0 on success, 1 when something is not found or the library refuses, 2 on a bad
-// command line.  Every error is one line on stderr, the names and texts it echoes made
-// printable (control characters escaped); with --json a library failure also prints the
-// library's JSON answer on stdout, as the web front end would receive it.  With --as the
-// command runs with the thread acting as account NAME, as a device's web server serves a
-// logged-in operator: the library's rights checks judge that account.
+// The global options go before or after the command.  Exit status 0 on success, 1 when
+// something is not found or the library refuses, 2 on a bad command line or configuration.
+// Every error is one line on stderr, "umctl: <message>", the names it echoes made printable
+// (control characters escaped); with --json every answer, success or failure, is also one JSON
+// object on one line of stdout.  With --as the command runs with the thread acting as account
+// NAME, as a device's web server serves a logged-in operator: the library's rights checks
+// judge that account.
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 
 #include <systemutilities/LinuxUserSystem.h>
-#include <tarvicexception/TvcException.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/UMException.h>
 
@@ -36,45 +36,30 @@ std::vector<Command> allCommands() {
     return all;
 }
 
-namespace {
-
-std::string usageLine(const Command& command) {
-    std::string line = std::string("umctl [--json] [--as NAME] ") + command.name;
-    if (*command.arguments) line += std::string(" ") + command.arguments;
-    return line;
+std::shared_ptr<std::string> operand(CLI::App& app, const char* name, const char* help) {
+    auto value = std::make_shared<std::string>();
+    app.add_option(name, *value, help)->required()->type_name("");
+    return value;
 }
 
-}  // namespace
-
-void badUsage(const std::string& command) {
-    for (const Command& entry : allCommands())
-        if (command == entry.name) throw UsageError("usage: " + usageLine(entry));
-    throw UsageError("unknown command: " + command);
+std::shared_ptr<std::string> optionalOperand(CLI::App& app, const char* name, const char* help) {
+    auto value = std::make_shared<std::string>();
+    app.add_option(name, *value, help)->type_name("");
+    return value;
 }
 
-CommandLine splitOptions(const std::string& command, const Args& args, std::size_t operands,
-                         std::initializer_list<const char*> switches, std::initializer_list<const char*> valued) {
-    const auto among = [](const std::string& word, std::initializer_list<const char*> names) {
-        for (const char* name : names)
-            if (word == name) return true;
-        return false;
-    };
-    CommandLine line;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& word = args[i];
-        if (word.rfind("--", 0) != 0) {
-            line.operands.push_back(word);
-        } else if (among(word, switches)) {
-            line.options[word];
-        } else if (among(word, valued)) {
-            if (i + 1 == args.size()) throw UsageError(word + " needs a value");
-            line.options[word] = args[++i];
-        } else {
-            throw UsageError("unknown option: " + word);
-        }
-    }
-    if (line.operands.size() != operands) badUsage(command);
-    return line;
+std::shared_ptr<bool> flag(CLI::App& app, const char* name, const char* help) {
+    auto value = std::make_shared<bool>(false);
+    app.add_flag(name, *value, help);
+    return value;
+}
+
+std::shared_ptr<bool> passwordStdinFlag(CLI::App& app) {
+    return flag(app, "--password-stdin", "read passwords as lines of standard input even from a terminal");
+}
+
+void emit(const Json& answer) {
+    std::cout << answer.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
 bool parseId(const std::string& text, unsigned int& id) {
@@ -86,18 +71,33 @@ bool parseId(const std::string& text, unsigned int& id) {
     return true;
 }
 
-void notFound(int code, const std::string& message) {
-    throw usermanagement::UMException(code, message, umlog::Ctx::getCtx().getUsername(), true);
+namespace {
+
+[[noreturn]] void noSuchAccount(const std::string& name) {
+    throw usermanagement::UMException(usermanagement::UMError::UserNotFound, "no such account: " + name,
+                                      umlog::Ctx::getCtx().getUsername(), true);
 }
 
+}  // namespace
+
 Account resolveUser(const std::string& nameOrUid) {
+    setSubject(nameOrUid);
     Account account;
     account.name = nameOrUid;
     const bool found =
         parseId(nameOrUid, account.uid)
             ? systemutilities::LinuxUserSystem::getUserName(account.uid, account.name, account.profileGid)
             : systemutilities::LinuxUserSystem::getUserIds(nameOrUid.c_str(), &account.uid, &account.profileGid);
-    if (!found) notFound(usermanagement::UMError::UserNotFound, "no such user: " + nameOrUid);
+    if (!found) noSuchAccount(nameOrUid);
+    return account;
+}
+
+Account resolveName(const std::string& name) {
+    setSubject(name);
+    Account account;
+    account.name = name;
+    if (!systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &account.uid, &account.profileGid))
+        noSuchAccount(name);
     return account;
 }
 
@@ -111,39 +111,14 @@ const Options& options() { return mutableOptions(); }
 ActingAs::ActingAs() {
     const std::string& name = options().actingAs;
     if (name.empty()) return;
-    resolveUser(name);  // "no such user" rather than the switch's own failure
+    const std::string about = subject();
+    resolveUser(name);  // at once, rather than the switch's own failure after the pause
+    setSubject(about);
     m_permission.setUserPermission(name);
     umlog::Ctx::getCtx().setUsername(name);
 }
 
 namespace {
-
-// The length of the valid UTF-8 sequence that starts at `at`, or 0 when the byte there starts
-// none: overlong forms, surrogates (U+D800-U+DFFF) and code points beyond U+10FFFF are invalid.
-std::size_t utf8Length(const std::string& text, std::size_t at) {
-    const auto byte = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
-    const unsigned int lead = byte(at);
-    std::size_t length = 0;
-    unsigned int low = 0x80, high = 0xbf;  // the range of the second byte
-    if (lead < 0x80) return 1;
-    if (lead >= 0xc2 && lead <= 0xdf) {
-        length = 2;
-    } else if (lead >= 0xe0 && lead <= 0xef) {
-        length = 3;
-        if (lead == 0xe0) low = 0xa0;   // overlong below U+0800
-        if (lead == 0xed) high = 0x9f;  // surrogates
-    } else if (lead >= 0xf0 && lead <= 0xf4) {
-        length = 4;
-        if (lead == 0xf0) low = 0x90;   // overlong below U+10000
-        if (lead == 0xf4) high = 0x8f;  // beyond U+10FFFF
-    } else {
-        return 0;  // a continuation byte, an overlong lead (0xc0, 0xc1) or 0xf5-0xff
-    }
-    if (byte(at + 1) < low || byte(at + 1) > high) return 0;
-    for (std::size_t i = 2; i < length; ++i)
-        if (byte(at + i) < 0x80 || byte(at + i) > 0xbf) return 0;
-    return length;
-}
 
 bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
 
@@ -174,41 +149,27 @@ std::string escaped(const std::string& text, bool quote) {
 
 }  // namespace
 
-std::string jsonString(const std::string& text) {
-    std::string json = "\"";
-    for (std::size_t i = 0; i < text.size();) {
-        const char c = text[i];
-        const std::size_t length = utf8Length(text, i);
-        if (length == 0) {
-            json += "\\ufffd";
-            ++i;
-            continue;
-        }
-        if (c == '"' || c == '\\') {
-            json += '\\';
-            json += c;
-        } else if (isControl(static_cast<unsigned char>(c))) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
-            json += escape;
-        } else {
-            json.append(text, i, length);
-        }
-        i += length;
-    }
-    return json + "\"";
-}
-
 std::string printable(const std::string& text) { return escaped(text, false); }
 
 std::string quoted(const std::string& text) { return '"' + escaped(text, true) + '"'; }
 
 namespace {
 
-void printHelp(const std::vector<Command>& commands) {
-    std::cout << "usage:\n";
-    for (const Command& command : commands) std::cout << "  " << usageLine(command) << "\n";
-}
+constexpr const char* kDefaultConfig = "/etc/tvc-usermanagement/device.conf";
+
+constexpr const char* kFooter =
+    "Global options go before or after the command.  Passwords are never taken from the\n"
+    "command line: umctl asks for them without echo, or reads one line each from standard input.\n"
+    "\n"
+    "Exit status: 0 done; 1 not found, or the library refused; 2 bad command line or bad\n"
+    "configuration file.  Errors are one line on stderr, \"umctl: <message>\"; with --json\n"
+    "every answer is one JSON object on one line of stdout, an error as\n"
+    "{\"error\":MESSAGE,\"code\":LIBRARY-ERROR-ID,\"status\":EXIT-STATUS,\"detail\":{...}}.\n"
+    "\n"
+    "umctl help COMMAND (or umctl COMMAND --help) describes one command.";
+
+constexpr const char* kCommandFooter =
+    "\nGlobal options, before or after the command: --json, --as NAME, --config FILE (umctl --help).";
 
 // Who runs umctl, for the exceptions and log lines of this run.
 std::string invokingUser() {
@@ -218,19 +179,39 @@ std::string invokingUser() {
     return std::to_string(getuid());
 }
 
-int run(const std::vector<Command>& commands, const Args& words) {
-    if (words.empty())
-        throw UsageError("usage: umctl [--json] [--as NAME] COMMAND [ARGS...] (umctl --help lists them)");
-    for (const Command& command : commands) {
-        if (words[0] != command.name) continue;
-        const Args args(words.begin() + 1, words.end());
-        if (args.size() < command.minArgs || args.size() > command.maxArgs)
-            throw UsageError("usage: " + usageLine(command));
-        if (command.switchesItself) return command.run(args);
-        const ActingAs scope;
-        return command.run(args);
+// The operator's message for a command line CLI11 refused.
+std::string usageMessage(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+    const std::vector<CLI::App*> chosen = app.get_subcommands();
+    std::string command = chosen.empty() ? std::string() : chosen.front()->get_name();
+    const std::vector<std::string> extras = app.remaining(true);
+    // An unknown option before the command is not the command's.
+    if (!command.empty() && !extras.empty())
+        for (int i = 1; i < argc && argv[i] != command; ++i)
+            if (argv[i] == extras.front()) command.clear();
+    const std::string help = command.empty() ? "umctl --help" : "umctl " + command + " --help";
+    // Without a command, a word CLI11 left over is what it could not take for one.
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) || (command.empty() && !extras.empty())) {
+        const std::string word = extras.empty() ? std::string() : extras.front();
+        if (command.empty())
+            return (word.rfind('-', 0) == 0 ? "unknown option: " : "unknown command: ") + word + " (" + help +
+                   " lists them)";
+        return (word.rfind('-', 0) == 0 ? "unknown option for " : "unexpected argument for ") + command + ": " +
+               word + " (" + help + ")";
     }
-    throw UsageError("unknown command: " + words[0] + " (umctl --help lists them)");
+    if (command.empty() && dynamic_cast<const CLI::RequiredError*>(&error))
+        return "usage: umctl [OPTIONS] COMMAND [ARGS...] (umctl --help lists the commands)";
+    return (command.empty() ? std::string() : command + ": ") + error.what() + " (" + help + ")";
+}
+
+// --json, found before CLI11 has parsed anything, so that a refused command line is answered
+// in JSON too.
+bool wantsJson(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--") return false;
+        if (word == "--json") return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -239,48 +220,81 @@ int run(const std::vector<Command>& commands, const Args& words) {
 
 int main(int argc, char** argv) {
     using namespace umctl;
-    const std::vector<Command> commands = allCommands();
     Options& options = mutableOptions();
-    Args words;
+    options.json = wantsJson(argc, argv);
+    options.config = kDefaultConfig;
+
+    CLI::App app("umctl: the accounts of the device, through libtvc_usermanagement.", "umctl");
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    app.fallthrough();  // the global options also after the command
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("SUBCOMMANDS", "COMMANDS");
+    app.add_flag("--json", options.json, "every answer, error included, as one JSON object on one line of stdout");
+    app.add_option("--as", options.actingAs, "run the command acting as account NAME (the rights checks judge it)")
+        ->type_name("NAME");
+    app.add_option("--config", options.config, "the device configuration file")
+        ->type_name("FILE")
+        ->default_str(kDefaultConfig);
+
+    Run selected;
+    bool switchesItself = false;
+    for (const Command& command : allCommands()) {
+        CLI::App* sub = app.add_subcommand(command.name, command.description)->group("Commands");
+        sub->footer(std::string("Example:\n  ") + command.example + "\n" + kCommandFooter);
+        const Run run = command.define(*sub);
+        const bool itself = command.switchesItself;
+        sub->callback([&selected, &switchesItself, run, itself] {
+            selected = run;
+            switchesItself = itself;
+        });
+    }
+    CLI::App* help = app.add_subcommand("help", "describe every command, or one")->group("Commands");
+    help->footer("Example:\n  umctl help create");
+    const auto topic = optionalOperand(*help, "COMMAND", "the command to describe");
+    help->callback([&] {
+        selected = [&app, topic] {
+            std::string text;
+            if (topic->empty()) text = app.get_formatter()->make_help(&app, "umctl", CLI::AppFormatMode::Normal);
+            for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; }))
+                if (!topic->empty() && sub->get_name() == *topic) text = sub->help("umctl");
+            if (text.empty()) throw UsageError("unknown command: " + *topic + " (umctl --help lists them)");
+            if (jsonOutput())
+                emit({{"help", text}});
+            else
+                std::cout << text;
+            return kOk;
+        };
+        switchesItself = true;
+    });
+
     try {
-        for (int i = 1; i < argc; ++i) {
-            const std::string word = argv[i];
-            if (word == "--json") {
-                options.json = true;
-            } else if (word == "--as") {
-                if (i + 1 == argc || *argv[i + 1] == '\0') throw UsageError("--as needs an account name");
-                options.actingAs = argv[++i];
-            } else if (word == "-h" || word == "--help") {
-                printHelp(commands);
-                return kOk;
-            } else {
-                words.push_back(word);
-            }
-        }
-    } catch (const UsageError& e) {
-        std::cerr << "umctl: " << printable(e.what()) << "\n";
-        return kUsage;
+        app.parse(argc, argv);
+        if (app.count("--as") != 0 && options.actingAs.empty()) throw UsageError("--as needs an account name");
+        options.configGiven = app.count("--config") != 0;
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() != 0) return reportUsage(usageMessage(app, e, argc, argv));
+        // --help, of umctl or of the command given
+        if (options.json)
+            emit({{"help", app.help()}});
+        else
+            std::cout << app.help();
+        return kOk;
+    } catch (...) {
+        return reportFailure();
     }
 
-    installAuditSink();
-    installCatalogue();
     umlog::Ctx& context = umlog::Ctx::getCtx();
-    context.setIP("cli");
-    context.setProtocol(umlog::Ctx::Cli);
-
     try {
+        installAuditSink();
+        installConfiguration();
+        context.setIP("cli");
+        context.setProtocol(umlog::Ctx::Cli);
         context.setUsername(invokingUser());
-        return run(commands, words);
-    } catch (const UsageError& e) {
-        std::cerr << "umctl: " << printable(e.what()) << "\n";
-        return kUsage;
-    } catch (tarvicexception::TvcException& e) {
-        e.logCdsMessage();
-        std::cerr << "umctl: " << printable(e.what()) << "\n";
-        if (options.json) std::cout << e.getJsonAnswer() << "\n";
-        return kFailed;
-    } catch (const std::exception& e) {
-        std::cerr << "umctl: " << printable(e.what()) << "\n";
-        return kFailed;
+        if (switchesItself) return selected();
+        const ActingAs scope;
+        return selected();
+    } catch (...) {
+        return reportFailure();
     }
 }
