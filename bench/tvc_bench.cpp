@@ -67,7 +67,7 @@
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
-#include "sampledevice/SampleCatalogue.h"
+#include "sampledevice/SampleConfiguration.h"
 #include "system/IdSyscalls.h"
 
 #ifndef TVC_SANDBOX_SCRIPT
@@ -214,7 +214,7 @@ BENCHMARK(BM_CopyAndSync)->Apply(overFileSizes);
 // pause for unknown names is the real one; the benchmarks check beforehand that every name
 // they look up exists, so a run that hit the pause would be a broken run, not a slow one.
 UserDefinition device;
-tvc::sample::SampleCatalogue catalogue;
+tvc::sample::SampleProfiles catalogue;
 
 // The account whose lookups BM_UserUpdateState measures and whose identity BM_CheckRight/admin
 // takes; with generated accounts it is the last entry of passwd and shadow.
@@ -430,7 +430,7 @@ BENCHMARK(BM_UserUpdateState)->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond)
 //
 // The sample device's configuration, which leaves five managed uids free (10005-10009): the
 // benchmarks create one account at a time and remove it again.
-tvc::sample::SampleDefinition lifeCycle;
+tvc::sample::SampleSettings lifeCycle;
 
 const char* const kNewAccount = "benchnew";
 // viewers: a profile of the catalogue.

@@ -14,7 +14,7 @@
 #include <usermanagement/UmGroup.h>
 #include <usermanagement/UserDefinition.h>
 
-#include "sampledevice/SampleCatalogue.h"
+#include "sampledevice/SampleConfiguration.h"
 #include "sampledevice/SampleDevice.h"
 #include "support/Sandbox.h"
 
@@ -215,16 +215,16 @@ TEST_F(CatalogueTest, BuiltInCatalogueAddProfileAndNogroup) {
     EXPECT_TRUE(ProfileDefinition::g_profiles.empty());
 }
 
-// The sample catalogue and the group file agree: a managed account is a member of exactly the
+// The sample device's configured catalogue and the group file agree: a managed account is a member of exactly the
 // role and right groups its profile grants, so rights checks through either give the same
 // answer, and the managed accounts fill the default limit.  The installed catalogue is built by
 // the first lookup and again only on refresh; nothing clears the tables before a host's
 // buildProfiles runs, so a failed rebuild keeps them.
-TEST_F(CatalogueTest, SampleCatalogueGrantsWhatTheGroupFileHoldsAndIsRebuiltOnlyOnRefresh) {
-    struct : tvc::sample::SampleCatalogue {
+TEST_F(CatalogueTest, ConfiguredCatalogueGrantsWhatTheGroupFileHoldsAndIsRebuiltOnlyOnRefresh) {
+    struct : tvc::sample::SampleProfiles {
         void buildProfiles() override {
             ++builds;
-            SampleCatalogue::buildProfiles();
+            SampleProfiles::buildProfiles();
             m_init = false;  // as a host that leaves the bookkeeping to the library
         }
         int builds = 0;
@@ -267,9 +267,9 @@ TEST_F(CatalogueTest, SampleCatalogueGrantsWhatTheGroupFileHoldsAndIsRebuiltOnly
 // lock as hosts do): lookups meanwhile answer the whole catalogue before it, then the new one.
 // A host that overrides the getter is searched through it.
 TEST_F(CatalogueTest, LookupsSeeWholeCataloguesWhileAnotherThreadRebuilds) {
-    struct : tvc::sample::SampleCatalogue {
+    struct : tvc::sample::SampleProfiles {
         void buildProfiles() override {
-            if (++builds == 1) return SampleCatalogue::buildProfiles();
+            if (++builds == 1) return SampleProfiles::buildProfiles();
             std::lock_guard<std::mutex> lock(m_mtx);
             g_profiles.clear();
             g_roles.clear();

@@ -24,7 +24,7 @@ using namespace tvc::test;
 
 namespace {
 
-using Migration = DeviceTest<tvc::sample::SampleDefinition>;
+using Migration = DeviceTest<tvc::sample::SampleSettings>;
 
 TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     // A device whose shadow file lists admin last, unlike its passwd file.
@@ -55,7 +55,7 @@ TEST_F(Migration, CarriesTheManagedAccountsOverToTheNextVersion) {
     }
     EXPECT_EQ(names, expectedNames);
     EXPECT_EQ(readFile("/etc/group"), readFile("/etc/group.orig"));
-    EXPECT_EQ(catalogue.getProfiles(true).count(sampleDevice().profiles.at(3).id), 0u) << "maintainers";
+    EXPECT_EQ(catalogue.getProfiles(true).count(tvc::sample::sampleConfiguration()->profiles.at(3).id), 0u) << "maintainers";
     EXPECT_EQ(std::system("/usr/sbin/pwck -r >/dev/null 2>&1 && /usr/sbin/grpck -r >/dev/null 2>&1"), 0);
     // gshadow, where newgrp reads member lists, lists the new version's groups with their members.
     const auto members = [](const char* path) {

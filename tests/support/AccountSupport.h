@@ -17,14 +17,14 @@
 #include <usermanagement/SystemPermission.h>
 #include <usermanagement/User.h>
 
-#include "sampledevice/SampleCatalogue.h"
+#include "sampledevice/SampleConfiguration.h"
 #include "support/DeviceFixture.h"
 #include "support/RecordingLogger.h"
 #include "support/Sandbox.h"
 
 namespace tvc::test {
 
-struct QuickDefinition : tvc::sample::SampleDefinition {
+struct QuickDefinition : tvc::sample::SampleSettings {
     unsigned int getDBDelayWrongCredential() override { return 0; }
 };
 

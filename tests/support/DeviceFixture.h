@@ -1,5 +1,6 @@
 // A fixture installing a configuration of type `Definition` and the sample device's profile
-// catalogue (the binary compiles tools/sampledevice/SampleCatalogue.cpp) for each test; afterwards
+// catalogue (device.conf through the configuration reader, which the binary compiles in) for
+// each test; afterwards
 // the previous providers come back and the next test starts from an unbuilt catalogue.
 #pragma once
 
@@ -8,7 +9,7 @@
 #include <usermanagement/ProfileDefinition.h>
 #include <usermanagement/UserDefinition.h>
 
-#include "sampledevice/SampleCatalogue.h"
+#include "sampledevice/SampleConfiguration.h"
 #include "support/Sandbox.h"
 
 namespace tvc::test {
@@ -32,7 +33,7 @@ protected:
     }
 
     Definition definition;
-    tvc::sample::SampleCatalogue catalogue;
+    tvc::sample::SampleProfiles catalogue;
 
 private:
     usermanagement::UserDefinition* const m_savedDefinition =

@@ -1,6 +1,6 @@
 // The sample device as data, read from sample-device.txt, the one description that the
-// sandbox builds /etc from: the profile catalogue and the tests take accounts, groups,
-// passwords and profiles from here instead of writing them out again.
+// sandbox builds /etc from: the tests take accounts, groups and passwords from here instead of
+// writing them out again.  The profile catalogue is the device's configuration (device.conf).
 //
 // The description is compiled in (the file is a C++ string literal), so a host such as umctl
 // needs nothing but this header, and a change to the file rebuilds whatever includes it.
@@ -29,22 +29,9 @@ struct Group {
     std::vector<std::string> members;
 };
 
-struct Role {
-    std::string name;
-    std::vector<std::string> grants;
-};
-
-struct Profile {
-    std::string name;
-    int id = 0;
-    std::vector<std::string> roles;
-};
-
 struct SampleDevice {
     std::vector<Account> accounts;
     std::vector<Group> groups;
-    std::vector<Role> roles;
-    std::vector<Profile> profiles;
     std::string aging;  // the shadow fields after the password field
     // The next software version (the migration's reference copies): what it adds and drops.
     std::vector<Account> nextAccounts;
@@ -113,12 +100,6 @@ inline SampleDevice parse(const std::string& text) {
         } else if (f[0] == "next-drop") {
             want(2);
             device.nextDrops.push_back(f[1]);
-        } else if (f[0] == "role") {
-            want(3);
-            device.roles.push_back(Role{f[1], list(f[2])});
-        } else if (f[0] == "profile") {
-            want(4);
-            device.profiles.push_back(Profile{f[1], static_cast<int>(number(f[2], line)), list(f[3])});
         } else if (f[0] == "aging") {
             device.aging = line.substr(line.find(':') + 1);
         } else {

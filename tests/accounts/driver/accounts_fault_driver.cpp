@@ -26,7 +26,7 @@
 #include <usermanagement/User.h>
 #include <usermanagement/Utilities.h>
 
-#include "sampledevice/SampleCatalogue.h"
+#include "sampledevice/SampleConfiguration.h"
 #include "support/RecordingLogger.h"
 
 #ifdef FIU_ENABLE  // built with libfiu
@@ -44,7 +44,7 @@ constexpr const char* kReadyHash =
 constexpr int kViewers = 2;
 
 // The sample device without the pause after an unknown name.
-struct DriverDefinition : tvc::sample::SampleDefinition {
+struct DriverDefinition : tvc::sample::SampleSettings {
     unsigned int getDBDelayWrongCredential() override { return 0; }
 };
 
@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
     unsetenv("LD_PRELOAD");
     std::vector<std::string> args(argv + 1, argv + argc);
     DriverDefinition definition;
-    tvc::sample::SampleCatalogue catalogue;
+    tvc::sample::SampleProfiles catalogue;
     definition.setUserDefinition(definition);
     catalogue.setProfileDefinition(catalogue);
     tvc::test::RecordingLogger events;

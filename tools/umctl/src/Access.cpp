@@ -1,5 +1,5 @@
 // umctl profiles, umctl groups USER: the access model of the device.  umctl installs the
-// sample device's catalogue at start-up, as a device host installs its own.
+// device's configuration file (catalogue and settings) at start-up, as a device host does.
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -11,7 +11,7 @@
 #include <usermanagement/UmGroup.h>
 
 #include "Command.h"
-#include "sampledevice/SampleCatalogue.h"
+#include "deviceconfig/DeviceConfig.h"
 
 using systemutilities::LinuxUserSystem;
 using usermanagement::ProfileDefinition;
@@ -88,10 +88,8 @@ Run defineGroups(CLI::App& app) {
 }  // namespace
 
 void installConfiguration() {
-    static tvc::sample::SampleCatalogue catalogue;
-    catalogue.setProfileDefinition(catalogue);
-    static tvc::sample::SampleDefinition definition;
-    definition.setUserDefinition(definition);
+    // The default file may be missing (the library's defaults); one named with --config may not.
+    tvc::deviceconfig::installDeviceConfiguration(options().config, options().configGiven);
 }
 
 std::vector<Command> accessCommands() {

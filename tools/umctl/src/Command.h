@@ -166,7 +166,8 @@ std::vector<Command> lifeCycleCommands();
 std::vector<Command> passwordCommands();
 std::vector<Command> migrationCommands();
 
-// Installs the device's profile catalogue and configuration; called once at start-up.
+// Installs the device configuration file of --config (its catalogue and settings); called once
+// at start-up.  Throws tvc::deviceconfig::ConfigError.
 void installConfiguration();
 // Installs umctl's log sink (stderr, and syslog where a log socket exists); called once.
 void installAuditSink();

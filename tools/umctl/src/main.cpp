@@ -23,6 +23,7 @@
 #include <usermanagement/UMException.h>
 
 #include "Command.h"
+#include "deviceconfig/DeviceConfig.h"
 
 namespace umctl {
 
@@ -155,7 +156,7 @@ std::string quoted(const std::string& text) { return '"' + escaped(text, true) +
 
 namespace {
 
-constexpr const char* kDefaultConfig = "/etc/tvc-usermanagement/device.conf";
+constexpr const char* kDefaultConfig = tvc::deviceconfig::kDefaultPath;
 
 constexpr const char* kFooter =
     "Global options go before or after the command.  Passwords are never taken from the\n"
@@ -287,7 +288,11 @@ int main(int argc, char** argv) {
     umlog::Ctx& context = umlog::Ctx::getCtx();
     try {
         installAuditSink();
-        installConfiguration();
+        try {
+            installConfiguration();
+        } catch (const tvc::deviceconfig::ConfigError& e) {
+            return reportUsage(e.what());  // "FILE:LINE: reason", status 2
+        }
         context.setIP("cli");
         context.setProtocol(umlog::Ctx::Cli);
         context.setUsername(invokingUser());

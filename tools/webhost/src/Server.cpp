@@ -10,13 +10,13 @@
 #include <algorithm>
 #include <cctype>
 #include <iostream>
+#include <mutex>
 #include <regex>
 #include <stdexcept>
 #include <thread>
 
 #include "AuditLog.h"
 #include "Certificate.h"
-#include "sampledevice/SampleCatalogue.h"
 
 namespace webhost {
 
@@ -39,16 +39,12 @@ bool isLoopback(const std::string& address) {
     return address == "localhost";
 }
 
-void installDevice() {
-    static bool installed = [] {
+void installDevice(const std::string& configFile, bool required) {
+    static std::once_flag once;
+    std::call_once(once, [&] {
         AuditLog::installed();
-        static tvc::sample::SampleCatalogue catalogue;
-        catalogue.setProfileDefinition(catalogue);
-        static tvc::sample::SampleDefinition definition;
-        definition.setUserDefinition(definition);
-        return true;
-    }();
-    (void)installed;
+        tvc::deviceconfig::installDeviceConfiguration(configFile, required);
+    });
 }
 
 namespace {
@@ -122,7 +118,7 @@ const std::vector<CompiledRoute>& compiledRoutes() {
 }  // namespace
 
 Server::Server(Settings settings) : m_settings(std::move(settings)), m_sessions(m_settings.idleTimeout) {
-    installDevice();
+    installDevice(m_settings.configFile, m_settings.configRequired);
     compiledRoutes();
     serverAccountName();
     // Plain HTTP carries passwords and session cookies in the clear: only where no other host

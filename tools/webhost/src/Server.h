@@ -13,6 +13,7 @@
 
 #include "Acting.h"
 #include "Routes.h"
+#include "deviceconfig/DeviceConfig.h"
 #include "Sessions.h"
 
 namespace webhost {
@@ -29,6 +30,10 @@ struct Settings {
     // How long every refused login takes, from its start; -1: the configured pause for an unknown
     // name (UserDefinition::getDBDelayWrongCredential).
     int loginPauseSeconds = -1;
+    // The device configuration file; without configRequired a missing file means the
+    // library's defaults.
+    std::string configFile = tvc::deviceconfig::kDefaultPath;
+    bool configRequired = false;
 };
 
 constexpr std::size_t kBodyLimit = 64 * 1024;
@@ -37,8 +42,10 @@ constexpr int kListenBacklog = 128;
 std::string defaultStaticDir();
 // Whether `address` is a loopback address (127.0.0.0/8, ::1, localhost).
 bool isLoopback(const std::string& address);
-// Installs the sample device's catalogue, configuration and tvc-webd's log sink; once.
-void installDevice();
+// Installs tvc-webd's log sink and the device configuration file (catalogue and settings); once:
+// later calls change nothing, whatever file they name.  Throws tvc::deviceconfig::ConfigError,
+// and then a later call tries again.
+void installDevice(const std::string& configFile = tvc::deviceconfig::kDefaultPath, bool required = false);
 
 // A place among the logins in progress, held for its lifetime; none is needed (always taken)
 // without a counter.

@@ -2,7 +2,10 @@
 //
 //     tvc-webd [--listen ADDR] [--port N] [--http] [--cert FILE --key FILE] [--state-dir DIR]
 //              [--static DIR] [--idle-timeout S] [--threads N] [--login-pause S] [--port-file FILE]
+//              [--config FILE]
 //
+// The device's configuration comes from FILE, by default /etc/tvc-usermanagement/device.conf
+// (no file there: the library's defaults); one it cannot use ends tvc-webd with status 2.
 // Serves the device's account pages and their JSON API over HTTPS (a self-signed certificate
 // is made under --state-dir when none is given), or over plain HTTP on a loopback address.
 // Runs as root: each request's worker thread acts as the logged-in account.  SIGTERM and SIGINT
@@ -27,7 +30,8 @@ constexpr int kIdentityLost = 70;
 int usage(const std::string& why) {
     std::cerr << "tvc-webd: " << why
               << "\nusage: tvc-webd [--listen ADDR] [--port N] [--http] [--cert FILE --key FILE] [--state-dir DIR]"
-                 " [--static DIR] [--idle-timeout S] [--threads N] [--login-pause S] [--port-file FILE]\n";
+                 " [--static DIR] [--idle-timeout S] [--threads N] [--login-pause S] [--port-file FILE]"
+                 " [--config FILE]\n";
     return kUsage;
 }
 
@@ -72,8 +76,17 @@ int main(int argc, char** argv) {
             settings.loginPauseSeconds = n;
         else if (option == "--port-file")
             portFile = value;
+        else if (option == "--config")
+            settings.configFile = value, settings.configRequired = true;
         else
             return usage("bad option: " + option + " " + value);
+    }
+
+    try {
+        webhost::installDevice(settings.configFile, settings.configRequired);
+    } catch (const tvc::deviceconfig::ConfigError& e) {
+        std::cerr << "tvc-webd: " << e.what() << "\n";
+        return kUsage;
     }
 
     // A peer that hangs up must not kill the server through a write; SIGTERM and SIGINT are
