@@ -190,14 +190,17 @@ TEST_F(DeviceConfigTest, MissingFileMeansDefaultsUnlessRequired) {
     const std::string path = scratch("") + ".absent";
     installDeviceConfiguration(path, false);
     EXPECT_EQ(usermanagement::UserDefinition::m_ptrDefaultUserDefinition, before);
-    EXPECT_THROW(installDeviceConfiguration(path, true), ConfigError);
+    const auto refused = [&](bool required) -> std::string {
+        try {
+            installDeviceConfiguration(path, required);
+            return "installed";
+        } catch (const ConfigError& e) {
+            return e.what();
+        }
+    };
+    EXPECT_EQ(refused(true), path + ": No such file or directory");
     tvc::test::writeFile(path, "[settings]\nmaxUser = 7\n[role r]\n[profile p]\nroles = r\n");
-    try {
-        installDeviceConfiguration(path, false);
-        ADD_FAILURE() << "installed a profile without id";
-    } catch (const ConfigError& e) {
-        EXPECT_EQ(std::string(e.what()), path + ":4: profile p has no id");
-    }
+    EXPECT_EQ(refused(false), path + ":4: profile p has no id");
     EXPECT_EQ(usermanagement::UserDefinition::m_ptrDefaultUserDefinition, before);
 }
 
@@ -217,21 +220,21 @@ TEST_F(DeviceConfigTest, RootReadsOnlyWhatOnlyRootCanWrite) {
     const auto sh = [](const std::string& command) { ASSERT_EQ(tvc::test::run(command).status, 0) << command; };
     EXPECT_EQ(outcome(path), "7");
     sh("chown 10001 " + path);
-    EXPECT_EQ(outcome(path), path + ": " + path + " is not owned by root");
+    EXPECT_EQ(outcome(path), path + ": not owned by root");
     sh("chown 0 " + path + " && chmod 0664 " + path);
-    EXPECT_EQ(outcome(path), path + ": " + path + " can be written by accounts other than root");
+    EXPECT_EQ(outcome(path), path + ": writable by accounts other than root");
     sh("chmod 0646 " + path);
-    EXPECT_EQ(outcome(path), path + ": " + path + " can be written by accounts other than root");
+    EXPECT_EQ(outcome(path), path + ": writable by accounts other than root");
     sh("chmod 0644 " + path + " && chmod 0777 " + dir);
-    EXPECT_EQ(outcome(path), path + ": " + dir + " can be written by accounts other than root");
+    EXPECT_EQ(outcome(path), path + ": " + dir + ": writable by accounts other than root");
     sh("chmod 0755 " + dir + " && chown 10001 " + dir);
-    EXPECT_EQ(outcome(path), path + ": " + dir + " is not owned by root");
+    EXPECT_EQ(outcome(path), path + ": " + dir + ": not owned by root");
     sh("chown 0 " + dir + " && mkdir " + dir + "/open && chmod 0777 " + dir + "/open && cp -p " + path + " " + dir +
        "/open/ && ln -s device.conf " + dir + "/good && ln -s open/device.conf " + dir + "/bad");
     EXPECT_EQ(outcome(dir + "/good"), "7");
-    EXPECT_EQ(outcome(dir + "/bad"), dir + "/bad: " + dir + "/open can be written by accounts other than root");
+    EXPECT_EQ(outcome(dir + "/bad"), dir + "/bad: " + dir + "/open: writable by accounts other than root");
     sh("chown -h 10001 " + dir + "/good");
-    EXPECT_EQ(outcome(dir + "/good"), dir + "/good: " + dir + "/good is not owned by root");
+    EXPECT_EQ(outcome(dir + "/good"), dir + "/good: not owned by root");
     EXPECT_EQ(outcome(dir), dir + ": not a regular file");
 }
 

@@ -32,6 +32,10 @@ constexpr int kMaxLinks = 16;
 [[noreturn]] void failFile(const std::string& file, const std::string& reason) {
     throw ConfigError(file + ": " + reason);
 }
+// "FILE: reason", or "FILE: PART: reason" when the part of the path at fault is another one.
+[[noreturn]] void failPart(const std::string& file, const std::string& part, const std::string& reason) {
+    failFile(file, part == file ? reason : part + ": " + reason);
+}
 
 // What a value must look like.
 enum class Kind { Number, Flag, Path, Service, Group, Gecos, Command };
@@ -310,11 +314,11 @@ private:
 // passes).  A symlink on the way is followed when it belongs to root: its target is walked the
 // same way, so a link passes only where a copy of its target would.  ACLs are not looked at.
 void checkOwnership(const std::string& path, const struct stat& status, const std::string& file) {
-    if (status.st_uid != 0) failFile(file, path + " is not owned by root");
+    if (status.st_uid != 0) failPart(file, path, "not owned by root");
     // A symlink's own mode means nothing: whoever may write its directory may replace it.
     const bool exempt = S_ISLNK(status.st_mode) || (S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX));
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) && !exempt)
-        failFile(file, path + " can be written by accounts other than root");
+        failPart(file, path, "writable by accounts other than root");
 }
 
 // The final path of `path` after walking it as described above.
@@ -342,13 +346,13 @@ std::string walkTrusted(const std::string& path) {
             continue;
         }
         const std::string next = done + "/" + part;
-        if (lstat(next.c_str(), &status) != 0) failFile(path, next + ": " + std::strerror(errno));
+        if (lstat(next.c_str(), &status) != 0) failPart(path, next, std::strerror(errno));
         checkOwnership(next, status, path);
         if (S_ISLNK(status.st_mode)) {
             if (++links > kMaxLinks) failFile(path, "too many symbolic links");
             std::string target(PATH_MAX, '\0');
             const ssize_t length = readlink(next.c_str(), &target[0], target.size());
-            if (length < 0) failFile(path, next + ": " + std::strerror(errno));
+            if (length < 0) failPart(path, next, std::strerror(errno));
             target.resize(static_cast<std::size_t>(length));
             if (target[0] == '/') done.clear();
             pending = target + "/" + pending;
