@@ -259,8 +259,7 @@ private:
         if (value.empty()) fail("empty value");
         if (kind == Kind::Path && value[0] != '/') fail("not an absolute path: " + value);
         if (kind == Kind::Group && !isGroupName(value)) fail("not a group name: " + value);
-        if (kind == Kind::Service && (!isGroupName(value) || value.find('/') != std::string::npos))
-            fail("not a PAM service name: " + value);
+        if (kind == Kind::Service && !isGroupName(value)) fail("not a PAM service name: " + value);
         // The account files separate fields with ':' and the gecos subfields with ','.
         if (kind == Kind::Gecos && value.find_first_of(":,") != std::string::npos)
             fail("':' or ',' in the gecos field: " + value);

@@ -7,7 +7,8 @@
 //     [settings]
 //     dbLockCount = 3
 //     maxUser = 10
-//     updateFileScript = "sudo /usr/sbin/tvc-install "   (quotes keep outer blanks)
+//     # blanks around a value go, unless the value is quoted (no quote inside)
+//     updateFileScript = "sudo /usr/sbin/tvc-install "
 //
 //     [role role-network-configure]
 //     grants = net-admin
@@ -19,7 +20,11 @@
 //
 // The settings carry the names `umctl settings` prints (userShell is the shell of a profile
 // without a shell of its own).  A section [role NAME] may be empty; a profile needs an id.
-// Anything the reader does not know or cannot use is refused, with the file and line.
+// Lists are comma-separated; role, profile and group names are names the group file can hold.
+// Anything the reader does not know or cannot use is refused, with the file and line: an
+// unknown section or key, a key, role, profile or profile id given twice, a profile naming a
+// role the file lacks, a number that is not one or is out of its range, a flag other than
+// true/false, a line over 1024 bytes, a NUL or other control character, text that is not UTF-8.
 #pragma once
 
 #include <memory>
