@@ -501,9 +501,16 @@ void installDeviceConfiguration(const std::string& path, bool required) {
     struct stat status {};
     if (!required && lstat(path.c_str(), &status) != 0 && errno == ENOENT) return;
     const auto configuration = std::make_shared<const DeviceConfiguration>(readDeviceConfiguration(path));
-    // Installed for the rest of the process: the library keeps only their addresses.
-    auto* definition = new ConfiguredDefinition(configuration);
-    auto* catalogue = new ConfiguredCatalogue(configuration);
+    // Installed for the rest of the process: the library keeps only their addresses, so they
+    // are never destroyed, and kept in a list that is not either (a leak checker sees them held
+    // even after a test has put other providers back).
+    static std::mutex mutex;
+    static auto* const installed = new std::vector<std::shared_ptr<void>>;
+    auto definition = std::make_shared<ConfiguredDefinition>(configuration);
+    auto catalogue = std::make_shared<ConfiguredCatalogue>(configuration);
+    std::lock_guard<std::mutex> lock(mutex);
+    installed->push_back(definition);
+    installed->push_back(catalogue);
     definition->setUserDefinition(*definition);
     catalogue->setProfileDefinition(*catalogue);
     // A catalogue built before (the built-in one) is not this device's: the next use builds.
