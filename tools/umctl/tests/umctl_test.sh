@@ -177,6 +177,15 @@ expect 0 "*${nl}userHome: \"/home/admin\"${nl}*" "" -- settings
 expect 0 "*${nl}selfAccountRole: \"role-user-configure-self\"${nl}*" "" -- settings
 expect 0 "*${nl}dbLockCount: 3${nl}*${nl}rootProfile: true${nl}updateFileScript: \"false \"" "" -- settings
 
+# The device configuration file: the sandbox's sample at the default path; none there, the
+# library's defaults; one named with --config must exist; a file umctl cannot use is refused
+# with its line, or the reason it is not trusted, before any command runs.
+conf=/etc/tvc-usermanagement/device.conf
+before="rm $conf" expect 0 "maxUser: 5${nl}*" "" -- settings
+expect 2 "" "umctl: /nonexistent.conf: No such file or directory" -- --config /nonexistent.conf settings
+before="printf '[settings]\\nmaxUser = 0\\n' >$conf" expect 2 "" "umctl: $conf:2: 0 is out of range 1..60000" -- profiles
+before="chmod 0666 $conf" expect 2 "" "umctl: $conf: writable by accounts other than root" -- profiles
+
 # The sample catalogue and the groups an account holds.
 expect 0 "10000 administrators${nl}4101 role-user-manager*4201 log-read" "" -- groups admin
 expect 0 "10002 viewers${nl}4101 role-user-manager" "" -- groups 2002
