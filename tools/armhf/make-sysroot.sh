@@ -10,6 +10,12 @@
 # runs.  SYSROOT/.complete holds the package list of a finished sysroot: a second run with the
 # same list does nothing, a changed list makes the sysroot again, downloading only the .deb
 # files that the cache next to it (SYSROOT/../armhf-apt) does not hold yet.
+#
+# SYSROOT/../armhf-apt/dpkg is a dpkg database of what was unpacked (status, file lists, the
+# packages' symbols and shlibs files), for dpkg-shlibdeps --admindir when the Debian packages
+# are cross-built: it finds the sysroot's libraries through -l, asks this database which package
+# holds each one, and reads that package's symbols file.  The file lists therefore name the
+# files where they are, under SYSROOT; the database describes this sysroot and no other.
 set -euo pipefail
 
 sysroot=$(realpath -m "${1:?usage: make-sysroot.sh SYSROOT}")
@@ -24,13 +30,14 @@ packages=(libc6 libc6-dev libstdc++6 libgcc-s1 linux-libc-dev
     libcpp-httplib-dev zlib1g-dev libbrotli-dev nlohmann-json3-dev
     # umctl's command line (header-only); it shares the JSON library with the web host.
     libcli11-dev)
-[[ -f $sysroot/.complete && $(<"$sysroot/.complete") == "${packages[*]}" ]] && exit 0
+work=$(dirname "$sysroot")/armhf-apt
+admindir=$work/dpkg
+[[ -f $sysroot/.complete && $(<"$sysroot/.complete") == "${packages[*]}" && -f $admindir/status ]] && exit 0
 # Dependencies that only matter on an installed system (package management, debconf's perl);
 # the sysroot is never booted.
 skip='^(debconf|perl-base|dpkg|tar|install-info|libpam-runtime|debianutils|base-files|cdebconf|libdebconfclient0|usrmerge|libc-bin|file|libmagic.*|gcc-12-base)$'
 
-work=$(dirname "$sysroot")/armhf-apt
-rm -rf "$sysroot" "$work"/etc "$work/status"
+rm -rf "$sysroot" "$work"/etc "$work/status" "$admindir"
 mkdir -p "$work"/{etc/apt.conf.d,etc/preferences.d,etc/sources.list.d,lists/partial,cache/archives/partial,debs} "$sysroot"
 : >"$work/status"
 # The same archive the host uses (Debian 12), read with the host's keyring.
@@ -68,8 +75,28 @@ fi
 for deb in "$work"/debs/*.deb; do
     [[ " ${files[*]} " == *" ${deb##*/} "* ]] || rm -f "$deb"
 done
+mkdir -p "$admindir"/{info,updates}
+echo armhf >"$admindir/arch"
+# The database's layout with architecture-qualified names.
+echo 1 >"$admindir/info/format"
+control=$(mktemp -d)
+trap 'rm -rf "$control"' EXIT
 for file in "${files[@]}"; do
-    dpkg-deb -x "$work/debs/$file" "$sysroot"
+    deb=$work/debs/$file
+    dpkg-deb -x "$deb" "$sysroot"
+    # The package's status entry: its control fields, installed.
+    dpkg-deb -f "$deb" | sed '/^Package:/a Status: install ok installed' >>"$admindir/status"
+    echo >>"$admindir/status"
+    # dpkg names a Multi-Arch: same package's files after package and architecture.
+    name=$(dpkg-deb -f "$deb" Package)
+    if [[ $(dpkg-deb -f "$deb" Multi-Arch) == same ]]; then name+=:armhf; fi
+    dpkg-deb --fsys-tarfile "$deb" | tar -t | sed -e 's|^\.||' -e 's|/$||' -e "s|^|$sysroot|" \
+        >"$admindir/info/$name.list"
+    rm -rf "$control"/*
+    dpkg-deb -e "$deb" "$control"
+    for part in symbols shlibs; do
+        if [[ -f $control/$part ]]; then cp "$control/$part" "$admindir/info/$name.$part"; fi
+    done
 done
 
 # Only libraries, headers and programs belong here.  Under qemu -L every absolute path is
