@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""cxx-symbols.py - the library's symbols file, demangled, from the symbols of several builds.
+
+Usage: cxx-symbols.py SYMBOLS:ARCHES... >debian/libtvc-usermanagement1.symbols
+
+Each SYMBOLS is a file written by dpkg-gensymbols -O for one architecture, ARCHES the Debian
+architecture tag that stands for it ("64" or "32" for arch-bits, or an architecture name).
+C++ symbols are written as (c++) lines with their demangled names, so that one file serves
+every architecture; a symbol only some of the builds export is tagged with the builds' tags
+(size_t and friends demangle differently on 32 and 64 bits).  Every symbol gets the version
+it has in the first file.
+"""
+import subprocess
+import sys
+
+
+def read(path):
+    header, symbols = None, {}
+    for line in open(path):
+        if not line.startswith(" "):
+            if header is None and line.strip():
+                header = line.rstrip("\n")
+            continue
+        name, version = line.split()[:2]
+        symbols[name] = version
+    return header, symbols
+
+
+def demangle(names):
+    out = subprocess.run(["c++filt"], input="\n".join(names) + "\n", capture_output=True,
+                         text=True, check=True).stdout.splitlines()
+    return dict(zip(names, out))
+
+
+def main(args):
+    builds = []
+    for arg in args:
+        path, tag = arg.rsplit(":", 1)
+        header, symbols = read(path)
+        names = [s.rsplit("@", 1)[0] for s in symbols]
+        plain = demangle(names)
+        entries = {}
+        for symbol, version in symbols.items():
+            name, at = symbol.rsplit("@", 1)
+            text = plain[name]
+            key = ("c++", text + "@" + at) if text != name else ("", symbol)
+            entries[key] = version
+        builds.append((tag, header, entries))
+    header = builds[0][1]
+    keys = sorted(set().union(*(b[2] for b in builds)), key=lambda k: (k[0] == "", k[1]))
+    print(header)
+    print("* Build-Depends-Package: libtvc-usermanagement-dev")
+    for key in keys:
+        having = [b[0] for b in builds if key in b[2]]
+        version = next(b[2][key] for b in builds if key in b[2])
+        tags = []
+        if len(having) != len(builds):
+            if all(t in ("32", "64") for t in having):
+                tags.append("arch-bits=" + "|".join(having))
+            else:
+                tags.append("arch=" + " ".join(having))
+        if key[0]:
+            tags.append("c++")
+            name = '"' + key[1] + '"'
+        else:
+            name = key[1]
+        prefix = "(" + "|".join(tags) + ")" if tags else ""
+        print(" " + prefix + name + " " + version)
+
+
+main(sys.argv[1:])
