@@ -5,7 +5,8 @@
 # ThreadSanitizer run; ARMHF=0 leaves out the device's architecture (the cross build for
 # 32-bit ARM and its suites under qemu).  SOAK_S sets the duration of the threads' soak test in
 # seconds (20 by default); `make soak` runs it alone for SOAK_S (default 600) seconds.
-# `make demo ARCH=armhf` runs the demo with the armhf umctl.
+# `make demo ARCH=armhf` runs the demo with the armhf umctl.  DEB=0 leaves out the Debian
+# packages' build and their install test.
 SHELL := /bin/bash
 # Quiet the nested makes that cmake --build starts.
 MAKEFLAGS += --no-print-directory
@@ -13,6 +14,7 @@ JOBS ?= 2
 SANITIZE ?= 1
 TSAN ?= 1
 ARMHF ?= 1
+DEB ?= 1
 ARCH ?= $(shell dpkg --print-architecture)
 
 BUILD := $(CURDIR)/build
@@ -21,11 +23,12 @@ PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgt
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
             libpam-pwquality cracklib-runtime locales \
             libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium curl wrk \
-            libcli11-dev
+            libcli11-dev dpkg-dev debhelper lintian
 # umctl: CLI11 (its command line, header-only) and nlohmann-json (its --json answers).
 # The web host: cpp-httplib (HTTP server, OpenSSL inside) and nlohmann-json; its browser test
 # drives Debian's Chromium through its ChromeDriver with Debian's Selenium; curl: the armhf web
 # host's smoke test; wrk: the web host's load (`make bench-web`).
+# dpkg-dev, debhelper, lintian: the Debian packages (`make deb`).
 # locales: the definitions from which the build makes the German locale of the PAM test (a
 # host thread in another language; the translations come with libpam-pwquality's packages).
 # The build writes it into its own tree; the host's locales are left as they are.
@@ -48,7 +51,7 @@ HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 .PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
-.PHONY: armhf-webhost bench-web help
+.PHONY: armhf-webhost bench-web help deb deb-amd64 deb-armhf deb-test
 
 # One line per target: its name and the first line of the comment above it.
 help:
@@ -157,6 +160,7 @@ suites: umctl webhost
 	if [ "$(SANITIZE)" != 0 ]; then $(MAKE) asan || status=1; fi; \
 	if [ "$(TSAN)" != 0 ]; then $(MAKE) tsan || status=1; fi; \
 	if [ "$(ARMHF)" != 0 ]; then $(MAKE) armhf-suites || status=1; fi; \
+	if [ "$(DEB)" != 0 ]; then $(MAKE) deb-test || status=1; fi; \
 	exit $$status
 
 # The web host under the sanitizer of the library's build $(1) (asan, tsan): that build
@@ -292,3 +296,26 @@ bench-web: deps stage
 	cmake --build $(BUILD)/webbench -j$(JOBS)
 	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/webhost/bench/bench-web.sh \
 	    $(BUILD)/webhost-bench/tvc-webd $(BUILD)/webbench/login_bench
+
+# --- Debian packages ------------------------------------------------------------------------------
+# libtvc-usermanagement1, -dev, umctl and tvc-webd for amd64 (build/deb/amd64) and cross-built for armhf (build/deb/armhf), each checked by lintian.
+ifeq ($(ARMHF),0)
+deb: deb-amd64
+else
+deb: deb-amd64 deb-armhf
+endif
+
+# The Debian packages for amd64 alone, under build/deb/amd64.
+deb-amd64: deps
+	JOBS=$(JOBS) $(CURDIR)/tools/deb/build-packages.sh amd64 $(BUILD)/deb/amd64
+
+# The Debian packages cross-built for armhf alone, under build/deb/armhf; the sysroot's dpkg
+# database (make-sysroot.sh writes it next to the sysroot) gives their dependencies.
+deb-armhf: deps armhf-sysroot
+	JOBS=$(JOBS) $(CURDIR)/tools/deb/build-packages.sh armhf $(BUILD)/deb/armhf $(ARMHF_SYSROOT) \
+	    $(BUILD)/armhf-apt/dpkg
+
+# The amd64 packages installed with dpkg into a throw-away root and used by a host there;
+# the host's /usr and dpkg database are checked unchanged afterwards.
+deb-test: deb-amd64
+	$(CURDIR)/tests/packaging/install-test.sh $(BUILD)/deb/amd64

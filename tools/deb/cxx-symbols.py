@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
 """cxx-symbols.py - the library's symbols file, demangled, from the symbols of several builds.
 
-Usage: cxx-symbols.py SYMBOLS:ARCHES... >debian/libtvc-usermanagement1.symbols
+Usage: cxx-symbols.py VERSION SYMBOLS:ARCH... >debian/libtvc-usermanagement1.symbols
 
-Each SYMBOLS is a file written by dpkg-gensymbols -O for one architecture, ARCHES the Debian
-architecture tag that stands for it ("64" or "32" for arch-bits, or an architecture name).
+Each SYMBOLS is a file written by dpkg-gensymbols -O for one architecture, ARCH the Debian
+architecture it was built for ("64" or "32" stand for arch-bits instead).
 C++ symbols are written as (c++) lines with their demangled names, so that one file serves
 every architecture; a symbol only some of the builds export is tagged with the builds' tags
-(size_t and friends demangle differently on 32 and 64 bits).  Every symbol gets the version
-it has in the first file.
+(size_t and friends demangle differently on 32 and 64 bits).  Every symbol gets VERSION, the
+first version that exports it, with a trailing ~ (1.0.0~): dpkg-gensymbols reports a symbol
+as lost only when the package is newer than the symbol's version, so a symbol dated by the
+package's own version could vanish unnoticed in that very version.
 """
 import subprocess
 import sys
@@ -33,6 +35,7 @@ def demangle(names):
 
 
 def main(args):
+    since = args.pop(0) + "~"
     builds = []
     for arg in args:
         path, tag = arg.rsplit(":", 1)
@@ -52,7 +55,7 @@ def main(args):
     print("* Build-Depends-Package: libtvc-usermanagement-dev")
     for key in keys:
         having = [b[0] for b in builds if key in b[2]]
-        version = next(b[2][key] for b in builds if key in b[2])
+        version = since
         tags = []
         if len(having) != len(builds):
             if all(t in ("32", "64") for t in having):
