@@ -298,7 +298,7 @@ bench-web: deps stage
 	    $(BUILD)/webhost-bench/tvc-webd $(BUILD)/webbench/login_bench
 
 # --- Debian packages ------------------------------------------------------------------------------
-# libtvc-usermanagement1, -dev, umctl and tvc-webd for amd64 (build/deb/amd64) and cross-built for armhf (build/deb/armhf), each checked by lintian.
+# Debian packages (library, -dev, umctl, tvc-webd) for amd64 and armhf in build/deb/, linted.
 ifeq ($(ARMHF),0)
 deb: deb-amd64
 else
@@ -309,13 +309,15 @@ endif
 deb-amd64: deps
 	JOBS=$(JOBS) $(CURDIR)/tools/deb/build-packages.sh amd64 $(BUILD)/deb/amd64
 
-# The Debian packages cross-built for armhf alone, under build/deb/armhf; the sysroot's dpkg
-# database (make-sysroot.sh writes it next to the sysroot) gives their dependencies.
+# The Debian packages cross-built for armhf alone, under build/deb/armhf.
+# The sysroot's dpkg database (make-sysroot.sh writes it next to the sysroot) gives their
+# dependencies.
 deb-armhf: deps armhf-sysroot
 	JOBS=$(JOBS) $(CURDIR)/tools/deb/build-packages.sh armhf $(BUILD)/deb/armhf $(ARMHF_SYSROOT) \
 	    $(BUILD)/armhf-apt/dpkg
 
-# The amd64 packages installed with dpkg into a throw-away root and used by a host there;
-# the host's /usr and dpkg database are checked unchanged afterwards.
+# The amd64 packages installed into a throw-away root and used there by a host.
+# dpkg installs them for real in a private mount namespace; the host's /usr and dpkg
+# database are checked unchanged afterwards.
 deb-test: deb-amd64
 	$(CURDIR)/tests/packaging/install-test.sh $(BUILD)/deb/amd64
