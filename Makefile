@@ -319,5 +319,6 @@ deb-armhf: deps armhf-sysroot
 # The amd64 packages installed into a throw-away root and used there by a host.
 # dpkg installs them for real in a private mount namespace; the host's /usr and dpkg
 # database are checked unchanged afterwards.
-deb-test: deb-amd64
-	$(CURDIR)/tests/packaging/install-test.sh $(BUILD)/deb/amd64
+# The README's host example runs there on the sample device, with its PAM stack.
+deb-test: deb-amd64 pam-stack
+	$(CURDIR)/tests/packaging/install-test.sh $(BUILD)/deb/amd64 $(PAM_DIR)

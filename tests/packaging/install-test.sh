@@ -1,23 +1,25 @@
 #!/usr/bin/env bash
 # install-test.sh - the Debian packages installed for real, into a throw-away root.
 #
-# Usage: install-test.sh DEBDIR
+# Usage: install-test.sh DEBDIR [PAM_DIR]
 #
 # In a private mount namespace /usr, /etc and /var are overlays whose upper layers live on a
 # tmpfs of that namespace only; there `dpkg -i` installs DEBDIR's libtvc-usermanagement1,
 # libtvc-usermanagement-dev, umctl and tvc-webd, their dependencies checked against the host's
-# installed packages.  Inside, a host program is built against the installed library with plain
-# pkg-config and with CMake's find_package (no path options) and run; umctl prints its
-# settings; tvc-webd serves its installed pages on a loopback port.  Afterwards the host's
-# package list (dpkg -l) and dpkg database must be as before and nothing under /usr or
-# /var/lib/dpkg may be newer than the start of the test.  Needs root, unshare and overlayfs;
+# installed packages.  Inside, the README's host example (tests/examples/readme-examples.sh
+# --installed, in the device sandbox with PAM_DIR's PAM modules) is built against the
+# installed library with plain pkg-config and with CMake's find_package (no path options) and
+# run; umctl prints its settings; tvc-webd serves its installed pages on a loopback port.
+# Afterwards the host's package list (dpkg -l) and dpkg database must be as before and nothing
+# under /usr or /var/lib/dpkg may be newer than the start of the test.  Needs root, unshare and overlayfs;
 # exits 77 (skipped) without them.
 set -Eeuo pipefail
 
 readonly INNER_MARKER=__tvc_install_test_inner__
 SELF=$(readlink -f "${BASH_SOURCE[0]}")
 HERE=$(dirname "$SELF")
-readonly SELF HERE
+README_EXAMPLES=$HERE/../examples/readme-examples.sh
+readonly SELF HERE README_EXAMPLES
 packages=(libtvc-usermanagement1 libtvc-usermanagement-dev umctl tvc-webd)
 
 fail() {
@@ -30,8 +32,8 @@ step() {
 }
 
 # Runs inside the namespace: mounts the throw-away root, installs, builds, runs.
-inner() { # scratch debdir
-    local scratch=$1 debdir=$2 dir
+inner() { # scratch debdir pam_dir
+    local scratch=$1 debdir=$2 pam_dir=$3 dir
     mount -n -t tmpfs tvc-install-test "$scratch"
     for dir in /usr /etc /var; do
         mkdir -p "$scratch$dir"/{upper,work}
@@ -50,20 +52,15 @@ inner() { # scratch debdir
 
     local work=$scratch/work
     mkdir -p "$work"
-    cp "$HERE"/host/* "$work"/
-    cd "$work"
-    step "pkg-config: $(pkg-config --cflags --libs tvc_usermanagement)"
-    # shellcheck disable=SC2046
-    g++ -std=c++17 -o app-pkgconfig app.cpp $(pkg-config --cflags --libs tvc_usermanagement) ||
-        fail "the host does not build with pkg-config"
-    ./app-pkgconfig root || fail "the pkg-config host does not run"
-    step "CMake: find_package(tvc_usermanagement)"
-    cmake -S . -B build-cmake >cmake.log 2>&1 || { cat cmake.log; fail "the host does not configure with CMake"; }
-    cmake --build build-cmake >>cmake.log 2>&1 || { cat cmake.log; fail "the host does not build with CMake"; }
-    grep -q '^tvc_usermanagement_DIR:PATH=/usr/lib/' build-cmake/CMakeCache.txt ||
-        fail "CMake found the package elsewhere than in /usr/lib: $(grep tvc_usermanagement_DIR build-cmake/CMakeCache.txt)"
-    ./build-cmake/app root || fail "the CMake host does not run"
-
+    step "the README's host example against the installed packages"
+    local args=(--installed) result=0
+    if [[ -n $pam_dir ]]; then args+=(--pam-dir "$pam_dir"); fi
+    "$README_EXAMPLES" "${args[@]}" || result=$?
+    case $result in
+    0) ;;
+    77) step "the README's host example skipped: no device sandbox" ;;
+    *) fail "readme-examples.sh ${args[*]}" ;;
+    esac
     step "umctl settings"
     /usr/sbin/umctl settings || fail "umctl settings"
     if [[ -f /usr/share/doc/umctl/examples/device.conf ]]; then
@@ -98,7 +95,8 @@ if [[ ${1:-} == "$INNER_MARKER" ]]; then
     exit 0
 fi
 
-debdir=$(realpath "${1:?usage: install-test.sh DEBDIR}")
+debdir=$(realpath "${1:?usage: install-test.sh DEBDIR [PAM_DIR]}")
+pam_dir=${2:+$(realpath "$2")}
 for package in "${packages[@]}"; do
     compgen -G "$debdir/${package}_*.deb" >/dev/null || fail "no $package package in $debdir"
 done
@@ -117,7 +115,7 @@ touch "$state/start"
 sleep 1
 
 status=0
-unshare --mount --propagation private -- "$SELF" "$INNER_MARKER" "$scratch" "$debdir" || status=$?
+unshare --mount --propagation private -- "$SELF" "$INNER_MARKER" "$scratch" "$debdir" "$pam_dir" || status=$?
 
 dpkg -l >"$state/dpkg-l.after"
 (cd /var/lib/dpkg && find . -xdev -type f -print0 | sort -z | xargs -0 sha256sum) >"$state/dpkg-db.after"
