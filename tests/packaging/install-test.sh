@@ -63,16 +63,18 @@ inner() { # scratch debdir pam_dir
     esac
     step "umctl settings"
     /usr/sbin/umctl settings || fail "umctl settings"
-    if [[ -f /usr/share/doc/umctl/examples/device.conf ]]; then
-        step "umctl --config /usr/share/doc/umctl/examples/device.conf settings"
-        /usr/sbin/umctl --config /usr/share/doc/umctl/examples/device.conf settings ||
-            fail "umctl with the example configuration"
+    # The sample device's configuration, shipped as umctl's example.
+    local example=/usr/share/doc/umctl/examples/device.conf
+    if [[ -f $example ]]; then
+        step "umctl --config $example settings"
+        /usr/sbin/umctl --config "$example" settings >/dev/null || fail "umctl with the example configuration"
     fi
 
     step "tvc-webd serves its installed pages"
-    local portfile=$work/port pid port page
+    local portfile=$work/port pid port page config=()
+    if [[ -f $example ]]; then config=(--config "$example"); fi
     /usr/sbin/tvc-webd --http --listen 127.0.0.1 --port 0 --port-file "$portfile" \
-        --state-dir "$work/webd-state" >"$work/webd.log" 2>&1 &
+        --state-dir "$work/webd-state" "${config[@]}" >"$work/webd.log" 2>&1 &
     pid=$!
     for _ in $(seq 100); do
         [[ -s $portfile ]] && break
