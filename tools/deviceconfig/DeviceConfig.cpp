@@ -258,6 +258,16 @@ private:
     void checkText(const std::string& value, Kind kind) const {
         if (value.empty()) fail("empty value");
         if (kind == Kind::Path && value[0] != '/') fail("not an absolute path: " + value);
+        // A path goes into the account files (':' separates their fields) and, for the account
+        // files themselves, unquoted onto the update command's shell line: a blank, a quote, ';'
+        // or '$' there would split or run as a command.  So a path holds only these characters.
+        if (kind == Kind::Path &&
+            value.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._+-") !=
+                std::string::npos)
+            fail("a path may hold only letters, digits and / . _ + -: " + value);
+        // The library appends the two paths to the command as they are.
+        if (kind == Kind::Command && value.back() != ' ')
+            fail("the update command must end with a blank (quote the value): " + value);
         if (kind == Kind::Group && !isGroupName(value)) fail("not a group name: " + value);
         if (kind == Kind::Service && !isGroupName(value)) fail("not a PAM service name: " + value);
         // The account files separate fields with ':' and the gecos subfields with ','.

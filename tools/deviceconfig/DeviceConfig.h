@@ -24,7 +24,9 @@
 // Anything the reader does not know or cannot use is refused, with the file and line: an
 // unknown section or key, a key, role, profile or profile id given twice, a profile naming a
 // role the file lacks, a number that is not one or is out of its range, a flag other than
-// true/false, a line over 1024 bytes, a NUL or other control character, text that is not UTF-8.
+// true/false, a line over 1024 bytes, a NUL or other control character, text that is not UTF-8,
+// a path with characters other than letters, digits and / . _ + -, an update command that does
+// not end with a blank.
 #pragma once
 
 #include <memory>
