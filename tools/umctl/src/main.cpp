@@ -113,7 +113,9 @@ ActingAs::ActingAs() {
     const std::string& name = options().actingAs;
     if (name.empty()) return;
     const std::string about = subject();
-    resolveUser(name);  // at once, rather than the switch's own failure after the pause
+    // At once, rather than the switch's own failure after the pause.  A name only: the switch
+    // takes its argument as a name, so digits naming another account's uid must not pass here.
+    resolveName(name);
     setSubject(about);
     m_permission.setUserPermission(name);
     umlog::Ctx::getCtx().setUsername(name);

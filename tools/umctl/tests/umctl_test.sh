@@ -106,6 +106,7 @@ for words in "user nosuch" "show nosuch" "rename nosuch x" "set-profile nosuch 1
     within=2 expect 1 "" "umctl: no such account: nosuch" -- $words <<<'Tulip#Garden42'
 done
 within=2 expect 1 "" "umctl: no such account: 4242" -- user 4242
+within=2 expect 1 "" "umctl: no such account: 10000" -- --as 10000 whoami
 expect 1 "" "umctl: log: *Authentication failed  <nosuch>\"${nl}umctl: no such account: nosuch" \
     -- login nosuch --password-stdin <<<'Tulip#Garden42'
 after=one_json expect 1 '{"error":"no such account: nosuch","code":5,"status":1,"detail":{"answer":{"classCode":0,"errorCode":5},*}}' \
