@@ -192,6 +192,15 @@ std::string usageMessage(const CLI::App& app, const CLI::ParseError& error, int 
         for (int i = 1; i < argc && argv[i] != command; ++i)
             if (argv[i] == extras.front()) command.clear();
     const std::string help = command.empty() ? "umctl --help" : "umctl " + command + " --help";
+    // A command that reads passwords never echoes an operand it refused, nor the value given to
+    // one of its flags: that may well be a password typed on the command line, and the message
+    // goes to terminals and logs.  A misspelt option is still named.
+    const bool extraOperand = dynamic_cast<const CLI::ExtrasError*>(&error) && !extras.empty() &&
+                              extras.front().rfind('-', 0) != 0;
+    if (!command.empty() && chosen.front()->get_option_no_throw("--password-stdin") != nullptr &&
+        (extraOperand || dynamic_cast<const CLI::ConversionError*>(&error)))
+        return "unexpected argument for " + command +
+               " (passwords are never taken from the command line; " + help + ")";
     // Without a command, a word CLI11 left over is what it could not take for one.
     if (dynamic_cast<const CLI::ExtrasError*>(&error) || (command.empty() && !extras.empty())) {
         const std::string word = extras.empty() ? std::string() : extras.front();

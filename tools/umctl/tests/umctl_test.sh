@@ -124,6 +124,8 @@ expect 0 "umctl: *Commands:*settings*Exit status: 0 done; 1 not found, or the li
 expect 2 "" "umctl: unknown command: nosuch (umctl --help lists them)" -- help nosuch
 expect 2 "" "umctl: user: ACCOUNT is required (umctl user --help)" -- user
 expect 2 "" "umctl: unexpected argument for group: b (umctl group --help)" -- group a b
+expect 2 "" "umctl: unexpected argument for passwd (passwords are never taken from the command line; umctl passwd --help)" -- passwd admin Secret#2026
+expect 2 "" "umctl: unexpected argument for create (passwords are never taken from the command line; umctl create --help)" -- create carol --profile 2 --password-stdin=Secret#2026
 expect 2 "" "umctl: unknown command: bogus (umctl --help lists them)" -- bogus
 expect 2 "" "umctl: usage: umctl [[]OPTIONS] COMMAND*" --
 expect 2 "" "umctl: id out of range: 99999999999" -- user 99999999999
