@@ -1,7 +1,6 @@
 #include "DeviceConfig.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,8 @@
 #include <map>
 #include <mutex>
 #include <set>
+
+#include <systemutilities/LinuxUserSystem.h>
 
 using usermanagement::UmGroup;
 using usermanagement::UmProfile;
@@ -442,13 +443,13 @@ TVC_TEXT_SETTING(getUpdateFileScript, const char*, updateFileScript)
 #undef TVC_TEXT_SETTING
 
 // The shell of the profile whose group is `gid`, else the userShell setting, else the default.
+// The library's lookup, not a fixed buffer: the group file's lines can be longer than any buffer
+// chosen here, and a lookup that ran out of room would read as "no such group".
 const char* ConfiguredDefinition::getUserShell(unsigned int gid) {
-    struct group entry {};
-    struct group* found = nullptr;
-    std::vector<char> buffer(16384);
-    if (getgrgid_r(gid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
+    std::string name;
+    if (systemutilities::LinuxUserSystem::getGroupName(gid, name))
         for (const Profile& profile : m_configuration->profiles)
-            if (profile.name == found->gr_name && !profile.shell.empty()) return profile.shell.c_str();
+            if (profile.name == name && !profile.shell.empty()) return profile.shell.c_str();
     const auto& shell = m_configuration->settings.userShell;
     return shell ? shell->c_str() : UserDefinition::getUserShell(gid);
 }
@@ -472,11 +473,11 @@ ConfiguredCatalogue::ConfiguredCatalogue(std::shared_ptr<const DeviceConfigurati
 
 namespace {
 
+// Through the library's lookup, as getUserShell: a long line anywhere before the group in the
+// group file must not make the group, and its profile, disappear.
 bool hasGroup(const std::string& name) {
-    struct group entry {};
-    struct group* found = nullptr;
-    std::vector<char> buffer(16384);
-    return getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+    unsigned int gid = 0;
+    return systemutilities::LinuxUserSystem::getGroupGid(name.c_str(), gid);
 }
 
 }  // namespace

@@ -193,6 +193,9 @@ before="chmod 0666 $conf" expect 2 "" "umctl: $conf: writable by accounts other 
 expect 0 "10000 administrators${nl}4101 role-user-manager*4201 log-read" "" -- groups admin
 expect 0 "10002 viewers${nl}4101 role-user-manager" "" -- groups 2002
 expect 0 "Profile:[[]www-data] id[[]-2] gid[[]33]*Profile:[[]viewers] id[[]2] gid[[]10002]*" "" -- profiles
+# A group line longer than any fixed lookup buffer hides neither its own profile nor the ones after it.
+before="sed -i \"s/^viewers:x:10002:.*/&$(printf ',member%05d' $(seq 2000))/\" /etc/group" \
+    expect 0 "*Profile:[[]viewers] id[[]2]*Profile:[[]maintainers] id[[]3]*" "" -- profiles
 
 # The ids of the calling thread; the failed-login count of an account (the sample device
 # records none), by name or uid.
