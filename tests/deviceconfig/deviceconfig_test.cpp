@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -16,7 +15,7 @@
 
 #include "deviceconfig/DeviceConfig.h"
 #include "sampledevice/SampleConfiguration.h"
-#include "support/Sandbox.h"
+#include "support/DeviceFixture.h"
 
 using namespace tvc::deviceconfig;
 
@@ -99,16 +98,10 @@ std::string answers(usermanagement::UserDefinition& d) {
            (d.hasRootProfile() ? "root" : "-") + " [" + d.getUpdateFileScript() + "]";
 }
 
-class DeviceConfigTest : public tvc::test::SandboxTest {
+class DeviceConfigTest : public tvc::test::ProvidersRestored {
 protected:
     void TearDown() override {
-        using usermanagement::ProfileDefinition;
-        usermanagement::UserDefinition::m_ptrDefaultUserDefinition = m_savedDefinition;
-        ProfileDefinition::m_ptrDefaultProfileDefinition = m_savedCatalogue;
-        std::lock_guard<std::mutex> lock(ProfileDefinition::m_mtx);
-        ProfileDefinition::g_profiles.clear();
-        ProfileDefinition::g_roles.clear();
-        ProfileDefinition::m_init = false;
+        ProvidersRestored::TearDown();
         if (!m_dir.empty()) tvc::test::run("rm -rf " + m_dir);
     }
     // A scratch directory of root's under /tmp (root's and sticky), holding `text` as device.conf.
@@ -119,12 +112,6 @@ protected:
         return m_dir + "/device.conf";
     }
     std::string m_dir;
-
-private:
-    usermanagement::UserDefinition* const m_savedDefinition =
-        usermanagement::UserDefinition::m_ptrDefaultUserDefinition;
-    usermanagement::ProfileDefinition* const m_savedCatalogue =
-        usermanagement::ProfileDefinition::m_ptrDefaultProfileDefinition;
 };
 
 // The settings a file gives, the library's defaults for the rest: the sample device, and a

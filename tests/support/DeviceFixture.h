@@ -14,14 +14,10 @@
 
 namespace tvc::test {
 
-template <class Definition>
-class DeviceTest : public SandboxTest {
+// Puts back, after each test, the configuration and catalogue installed before it, and leaves
+// the catalogue unbuilt for the next test.
+class ProvidersRestored : public SandboxTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        definition.setUserDefinition(definition);
-        catalogue.setProfileDefinition(catalogue);
-    }
     void TearDown() override {
         using usermanagement::ProfileDefinition;
         usermanagement::UserDefinition::m_ptrDefaultUserDefinition = m_savedDefinition;
@@ -32,14 +28,24 @@ protected:
         ProfileDefinition::m_init = false;
     }
 
-    Definition definition;
-    tvc::sample::SampleProfiles catalogue;
-
 private:
     usermanagement::UserDefinition* const m_savedDefinition =
         usermanagement::UserDefinition::m_ptrDefaultUserDefinition;
     usermanagement::ProfileDefinition* const m_savedCatalogue =
         usermanagement::ProfileDefinition::m_ptrDefaultProfileDefinition;
+};
+
+template <class Definition>
+class DeviceTest : public ProvidersRestored {
+protected:
+    void SetUp() override {
+        ProvidersRestored::SetUp();
+        definition.setUserDefinition(definition);
+        catalogue.setProfileDefinition(catalogue);
+    }
+
+    Definition definition;
+    tvc::sample::SampleProfiles catalogue;
 };
 
 }  // namespace tvc::test

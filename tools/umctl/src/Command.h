@@ -61,6 +61,8 @@ const Options& options();
 inline bool jsonOutput() { return options().json; }
 // Prints `answer` as one line of JSON on stdout; bytes that are not UTF-8 become U+FFFD.
 void emit(const Json& answer);
+// A command's success: the confirmation line `text`, or with --json the object `answer`; kOk.
+int confirm(const std::string& text, const Json& answer);
 
 // For its lifetime the calling thread acts as the --as account through the library's switch
 // (SystemPermission::setUserPermission), and the log context names that account.  Nothing

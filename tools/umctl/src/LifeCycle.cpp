@@ -34,15 +34,6 @@ int parseProfileId(const std::string& text) {
     return static_cast<int>(value);
 }
 
-// Prints the confirmation `text`, or with --json the object `answer`.
-int confirm(const std::string& text, const Json& answer) {
-    if (jsonOutput())
-        emit(answer);
-    else
-        std::cout << text << "\n";
-    return kOk;
-}
-
 struct CreateArgs {
     std::string name, profile;
     bool disabled = false, mustChange = false, passwordStdin = false;

@@ -26,14 +26,6 @@ namespace {
 
 std::string clientAddress() { return umlog::Ctx::getCtx().getIp(); }
 
-int confirm(const std::string& text, const Json& answer) {
-    if (jsonOutput())
-        emit(answer);
-    else
-        std::cout << text << "\n";
-    return kOk;
-}
-
 int passwd(const std::string& name, bool fromStdin) {
     resolveName(name);
     User holder(name);

@@ -63,6 +63,14 @@ void emit(const Json& answer) {
     std::cout << answer.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
+int confirm(const std::string& text, const Json& answer) {
+    if (jsonOutput())
+        emit(answer);
+    else
+        std::cout << text << "\n";
+    return kOk;
+}
+
 bool parseId(const std::string& text, unsigned int& id) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
     errno = 0;
