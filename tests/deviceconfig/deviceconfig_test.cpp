@@ -185,15 +185,22 @@ TEST_F(DeviceConfigTest, MissingFileMeansDefaultsUnlessRequired) {
     const std::string path = scratch("") + ".absent";
     installDeviceConfiguration(path, false);
     EXPECT_EQ(usermanagement::UserDefinition::m_ptrDefaultUserDefinition, before);
-    const auto refused = [&](bool required) -> std::string {
+    const auto refused = [&](bool required, const std::string& at = "") -> std::string {
         try {
-            installDeviceConfiguration(path, required);
+            installDeviceConfiguration(at.empty() ? path : at, required);
             return "installed";
         } catch (const ConfigError& e) {
             return e.what();
         }
     };
     EXPECT_EQ(refused(true), path + ": No such file or directory");
+    // Where another account could have deleted it, no file is no answer: the nearest existing
+    // directory above it is walked like the file's own.
+    ASSERT_EQ(tvc::test::run("chmod 0777 " + m_dir).status, 0);
+    EXPECT_EQ(refused(false), path + ": " + m_dir + ": writable by accounts other than root");
+    EXPECT_EQ(refused(false, m_dir + "/a/b/device.conf"),
+              m_dir + "/a/b/device.conf: " + m_dir + ": writable by accounts other than root");
+    ASSERT_EQ(tvc::test::run("chmod 0755 " + m_dir).status, 0);
     tvc::test::writeFile(path, "[settings]\nmaxUser = 7\n[role r]\n[profile p]\nroles = r\n");
     EXPECT_EQ(refused(false), path + ":4: profile p has no id");
     EXPECT_EQ(usermanagement::UserDefinition::m_ptrDefaultUserDefinition, before);

@@ -331,19 +331,19 @@ void checkOwnership(const std::string& path, const struct stat& status, const st
         failPart(file, path, "writable by accounts other than root");
 }
 
-// The final path of `path` after walking it as described above.
-std::string walkTrusted(const std::string& path) {
+// The final path of `path` after walking it as described above; refusals name `file`.
+std::string walkTrusted(const std::string& path, const std::string& file) {
     std::string pending = path;
     if (pending.empty() || pending[0] != '/') {
         char cwd[PATH_MAX];
-        if (getcwd(cwd, sizeof cwd) == nullptr) failFile(path, std::string("cannot resolve: ") + std::strerror(errno));
+        if (getcwd(cwd, sizeof cwd) == nullptr) failFile(file, std::string("cannot resolve: ") + std::strerror(errno));
         pending = std::string(cwd) + "/" + pending;
     }
     std::string done;  // resolved so far, "" standing for "/"
     int links = 0;
     struct stat status {};
-    if (lstat("/", &status) != 0) failFile(path, "cannot inspect /");
-    checkOwnership("/", status, path);
+    if (lstat("/", &status) != 0) failFile(file, "cannot inspect /");
+    checkOwnership("/", status, file);
     while (!pending.empty()) {
         const std::size_t start = pending.find_first_not_of('/');
         if (start == std::string::npos) break;
@@ -356,13 +356,13 @@ std::string walkTrusted(const std::string& path) {
             continue;
         }
         const std::string next = done + "/" + part;
-        if (lstat(next.c_str(), &status) != 0) failPart(path, next, std::strerror(errno));
-        checkOwnership(next, status, path);
+        if (lstat(next.c_str(), &status) != 0) failPart(file, next, std::strerror(errno));
+        checkOwnership(next, status, file);
         if (S_ISLNK(status.st_mode)) {
-            if (++links > kMaxLinks) failFile(path, "too many symbolic links");
+            if (++links > kMaxLinks) failFile(file, "too many symbolic links");
             std::string target(PATH_MAX, '\0');
             const ssize_t length = readlink(next.c_str(), &target[0], target.size());
-            if (length < 0) failPart(path, next, std::strerror(errno));
+            if (length < 0) failPart(file, next, std::strerror(errno));
             target.resize(static_cast<std::size_t>(length));
             if (target[0] == '/') done.clear();
             pending = target + "/" + pending;
@@ -373,6 +373,26 @@ std::string walkTrusted(const std::string& path) {
     return done.empty() ? "/" : done;
 }
 
+// A missing file means the library's defaults, but only where no other account can have
+// removed it: the nearest directory above it that exists must pass the same walk.  Otherwise
+// whoever may write that directory could turn the device back to the defaults (no failed-login
+// limit, the built-in catalogue) by deleting the file.
+std::string parentOf(const std::string& path) {
+    const std::size_t end = path.find_last_not_of('/');
+    if (end == std::string::npos) return "/";
+    const std::size_t slash = path.rfind('/', end);
+    if (slash == std::string::npos) return ".";
+    const std::size_t keep = path.find_last_not_of('/', slash);
+    return keep == std::string::npos ? "/" : path.substr(0, keep + 1);
+}
+
+void checkAbsenceTrusted(const std::string& path) {
+    struct stat status {};
+    std::string dir = parentOf(path);
+    while (dir != "/" && dir != "." && lstat(dir.c_str(), &status) != 0 && errno == ENOENT) dir = parentOf(dir);
+    walkTrusted(dir, path);
+}
+
 }  // namespace
 
 DeviceConfiguration parseDeviceConfiguration(const std::string& text, const std::string& name) {
@@ -381,7 +401,7 @@ DeviceConfiguration parseDeviceConfiguration(const std::string& text, const std:
 
 DeviceConfiguration readDeviceConfiguration(const std::string& path) {
     const bool root = geteuid() == 0;
-    const std::string target = root ? walkTrusted(path) : path;
+    const std::string target = root ? walkTrusted(path, path) : path;
     const int fd = open(target.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (root ? O_NOFOLLOW : 0));
     if (fd < 0) failFile(path, std::strerror(errno));
     struct stat status {};
@@ -510,7 +530,10 @@ void ConfiguredCatalogue::buildProfiles() {
 
 void installDeviceConfiguration(const std::string& path, bool required) {
     struct stat status {};
-    if (!required && lstat(path.c_str(), &status) != 0 && errno == ENOENT) return;
+    if (!required && lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
+        if (geteuid() == 0) checkAbsenceTrusted(path);
+        return;
+    }
     const auto configuration = std::make_shared<const DeviceConfiguration>(readDeviceConfiguration(path));
     // Installed for the rest of the process: the library keeps only their addresses, so they
     // are never destroyed, and kept in a list that is not either (a leak checker sees them held
