@@ -14,38 +14,21 @@ namespace umctl {
 
 namespace {
 
-// With --json the settings are collected into one object, printed at the end.
-Json g_answer;
-
-void print(const char* name, const std::string& value) {
-    if (jsonOutput())
-        g_answer[name] = value;
-    else
-        std::cout << name << ": " << quoted(value) << "\n";
-}
-void print(const char* name, const char* value) { print(name, std::string(value ? value : "")); }
-void print(const char* name, long long value) {
-    if (jsonOutput())
-        g_answer[name] = value;
-    else
-        std::cout << name << ": " << value << "\n";
-}
-void print(const char* name, bool value) {
-    if (jsonOutput())
-        g_answer[name] = value;
-    else
-        std::cout << name << ": " << (value ? "true" : "false") << "\n";
-}
+std::string text(const char* value) { return value ? value : ""; }
 
 int settings() {
     usermanagement::UserDefinition& d = usermanagement::UserDefinition::GetUserDefinition();
+    // Every setting goes into one object, in order; --json prints it as it is, and the plain
+    // answer is one "name: value" line per member.
+    Json answer;
+    const auto print = [&answer](const std::string& name, auto value) { answer[name] = value; };
     print("maxUser", static_cast<long long>(d.getMaxUser()));
     print("baseUid", static_cast<long long>(d.getBaseUid()));
     // The shell depends on the profile; show the one of the first profile group.
     const unsigned int profile = systemutilities::LinuxUserSystem::kProfileGidFirst;
-    print(("userShell(" + std::to_string(profile) + ")").c_str(), d.getUserShell(profile));
-    print("userHome", d.getUserHome());
-    print("userGecos", d.getUserGecos());
+    print("userShell(" + std::to_string(profile) + ")", std::string(d.getUserShell(profile)));
+    print("userHome", text(d.getUserHome()));
+    print("userGecos", text(d.getUserGecos()));
     print("webPam", d.getWebPam());
     print("passwordPam", d.getPasswordPam());
     print("tallyFilePath", d.getTallyFilePath());
@@ -67,15 +50,22 @@ int settings() {
 
     print("dbDelayWrongCredential", static_cast<long long>(d.getDBDelayWrongCredential()));
     print("dbPasswordMaxLen", static_cast<long long>(d.getDBPasswordMaxLen()));
-    print("passwordFilePath", d.getPasswordFilePath());
-    print("passwordTmpFilePath", d.getPasswordTmpFilePath());
-    print("shadowFilePath", d.getShadowFilePath());
-    print("shadowTmpFilePath", d.getShadowTmpFilePath());
-    print("groupFilePath", d.getGroupFilePath());
-    print("groupTmpFilePath", d.getGroupTmpFilePath());
+    print("passwordFilePath", text(d.getPasswordFilePath()));
+    print("passwordTmpFilePath", text(d.getPasswordTmpFilePath()));
+    print("shadowFilePath", text(d.getShadowFilePath()));
+    print("shadowTmpFilePath", text(d.getShadowTmpFilePath()));
+    print("groupFilePath", text(d.getGroupFilePath()));
+    print("groupTmpFilePath", text(d.getGroupTmpFilePath()));
     print("rootProfile", d.hasRootProfile());
-    print("updateFileScript", d.getUpdateFileScript());
-    if (jsonOutput()) emit(g_answer);
+    print("updateFileScript", text(d.getUpdateFileScript()));
+    if (jsonOutput()) {
+        emit(answer);
+        return kOk;
+    }
+    for (const auto& member : answer.items())
+        std::cout << member.key() << ": "
+                  << (member.value().is_string() ? quoted(member.value().get<std::string>()) : member.value().dump())
+                  << "\n";
     return kOk;
 }
 
