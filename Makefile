@@ -6,7 +6,8 @@
 # 32-bit ARM and its suites under qemu).  SOAK_S sets the duration of the threads' soak test in
 # seconds (20 by default); `make soak` runs it alone for SOAK_S (default 600) seconds.
 # `make demo ARCH=armhf` runs the demo with the armhf umctl.  DEB=0 leaves out the Debian
-# packages' build and their install test.
+# packages' build and their install test.  FUZZ=0 leaves out the fuzz targets' regression run;
+# `make fuzz` runs their campaign for FUZZ_S seconds (60) per target.
 SHELL := /bin/bash
 # Quiet the nested makes that cmake --build starts.
 MAKEFLAGS += --no-print-directory
@@ -15,6 +16,7 @@ SANITIZE ?= 1
 TSAN ?= 1
 ARMHF ?= 1
 DEB ?= 1
+FUZZ ?= 1
 ARCH ?= $(shell dpkg --print-architecture)
 
 BUILD := $(CURDIR)/build
@@ -23,12 +25,13 @@ PACKAGES := cmake g++ make pkg-config libpam0g-dev libcrypt-dev libssl-dev libgt
             libbenchmark-dev fiu-utils libfiu-dev passwd util-linux libpam-modules openssl \
             libpam-pwquality cracklib-runtime locales \
             libcpp-httplib-dev nlohmann-json3-dev chromium chromium-driver python3-selenium curl wrk \
-            libcli11-dev dpkg-dev debhelper lintian
+            libcli11-dev dpkg-dev debhelper lintian clang-14 libclang-rt-14-dev
 # umctl: CLI11 (its command line, header-only) and nlohmann-json (its --json answers).
 # The web host: cpp-httplib (HTTP server, OpenSSL inside) and nlohmann-json; its browser test
 # drives Debian's Chromium through its ChromeDriver with Debian's Selenium; curl: the armhf web
 # host's smoke test; wrk: the web host's load (`make bench-web`).
 # dpkg-dev, debhelper, lintian: the Debian packages (`make deb`).
+# clang-14 and libclang-rt-14-dev (its libFuzzer and sanitizer runtimes): the fuzz targets.
 # locales: the definitions from which the build makes the German locale of the PAM test (a
 # host thread in another language; the translations come with libpam-pwquality's packages).
 # The build writes it into its own tree; the host's locales are left as they are.
@@ -51,7 +54,7 @@ HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 .PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
-.PHONY: armhf-webhost bench-web help deb deb-amd64 deb-armhf deb-test
+.PHONY: armhf-webhost bench-web help deb deb-amd64 deb-armhf deb-test fuzz fuzz-build fuzz-regress
 
 # One line per target: its name and the first line of the comment above it.
 help:
@@ -160,6 +163,7 @@ suites: umctl webhost
 	if [ "$(SANITIZE)" != 0 ]; then $(MAKE) asan || status=1; fi; \
 	if [ "$(TSAN)" != 0 ]; then $(MAKE) tsan || status=1; fi; \
 	if [ "$(ARMHF)" != 0 ]; then $(MAKE) armhf-suites || status=1; fi; \
+	if [ "$(FUZZ)" != 0 ]; then $(MAKE) fuzz-regress || status=1; fi; \
 	if [ "$(DEB)" != 0 ]; then $(MAKE) deb-test || status=1; fi; \
 	exit $$status
 
@@ -296,6 +300,27 @@ bench-web: deps stage
 	cmake --build $(BUILD)/webbench -j$(JOBS)
 	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(CURDIR)/tools/webhost/bench/bench-web.sh \
 	    $(BUILD)/webhost-bench/tvc-webd $(BUILD)/webbench/login_bench
+
+# --- fuzzing --------------------------------------------------------------------------------------
+# The fuzz targets (tests/fuzz), built with clang, libFuzzer and ASan+UBSan in build/fuzz.
+FUZZ_S ?= 60
+FUZZ_JOBS ?= $(JOBS)
+fuzz-build: deps
+	cmake -S . -B $(BUILD)/fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DTVC_FUZZ=ON -DTVC_BUILD_TESTS=OFF \
+	    -DTVC_BUILD_BENCH=OFF
+	cmake --build $(BUILD)/fuzz -j$(JOBS) --target tvc_fuzzers
+
+# Every fuzz target for FUZZ_S seconds (60): executions, coverage and crashes per target.
+# FUZZ_RUNS caps each target's executions, FUZZ_JOBS (JOBS) runs that many at once.  The
+# inputs that found new coverage are merged into tests/fuzz/corpus/<target>; a crash's input
+# is minimised next to it under build/fuzz/fuzz-work/<target>/artifacts (see tests/fuzz/fuzz.sh).
+fuzz: fuzz-build
+	FUZZ_RUNS=$(FUZZ_RUNS) FUZZ_JOBS=$(FUZZ_JOBS) $(CURDIR)/tests/fuzz/fuzz.sh campaign $(FUZZ_S) \
+	    $(BUILD)/fuzz/fuzz-work $(BUILD)/fuzz/tests/fuzz/*_fuzzer
+
+# Each fuzz target over its corpus, then a few seconds of fresh inputs; a crash fails it.
+fuzz-regress: fuzz-build
+	ctest --test-dir $(BUILD)/fuzz --output-on-failure
 
 # --- Debian packages ------------------------------------------------------------------------------
 # Debian packages (library, -dev, umctl, tvc-webd) for amd64 and armhf in build/deb/, linted.
