@@ -82,6 +82,8 @@ header() { printf '%-12s %12s %8s %9s %7s %8s\n' target executions edges feature
 
 if [[ $mode == regress ]]; then
     fuzzer=$1
+    # What an earlier regression run found is not kept: the run replays the corpus alone.
+    rm -rf "${work:?}/$(name_of "$fuzzer")/new"
     if ! run_one "$fuzzer" "$seconds"; then
         name=$(name_of "$fuzzer")
         cat "$work/$name/log" >&2
