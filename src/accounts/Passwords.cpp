@@ -67,8 +67,12 @@ void runTallyReset(const std::string& command, unsigned int uid) {
     if (stream == nullptr) {
         reason = detail::concat("the command did not start: ", std::strerror(errno));
     } else {
+        // Read to the end of the output: a signal the host handles without SA_RESTART ends a read
+        // with EINTR, and closing the pipe then would kill the tool with SIGPIPE mid-reset.
         char discard[256];
-        while (std::fread(discard, 1, sizeof discard, stream) == sizeof discard) {
+        while (std::fread(discard, 1, sizeof discard, stream) == sizeof discard ||
+               (std::ferror(stream) && errno == EINTR)) {
+            std::clearerr(stream);
         }
         const int status = systemutilities::ScriptLauncher::Pclose(stream);
         if (status == -1)

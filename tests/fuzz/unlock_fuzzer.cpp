@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -102,8 +103,19 @@ std::string runThroughShell(const std::string& command) {
     if (stream == nullptr) std::abort();  // the shell did not start
     std::string received;
     char buffer[512];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, stream)) > 0;) received.append(buffer, n);
-    if (pclose(stream) != 0) std::abort();  // the stand-in did not run or failed
+    // libFuzzer's timer signal may end a read with EINTR: read on to the end of the output.
+    for (;;) {
+        const std::size_t n = std::fread(buffer, 1, sizeof buffer, stream);
+        received.append(buffer, n);
+        if (n == sizeof buffer || (std::ferror(stream) && errno == EINTR))
+            std::clearerr(stream);
+        else
+            break;
+    }
+    if (const int status = pclose(stream); status != 0) {
+        std::fprintf(stderr, "pclose: status %d, errno %d\n", status, errno);
+        std::abort();  // the stand-in did not run or failed
+    }
     return received;
 }
 
