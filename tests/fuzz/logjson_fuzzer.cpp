@@ -36,23 +36,19 @@ using namespace usermanagement;
 using tarvicexception::TvcException;
 
 struct Sink : Logger {
-    void logMessage(LogCategory c, int id, int, const LogSeverity& s, std::string ip, int, std::string text) override {
-        ++calls, category = c, messageId = id, severity = s, lastIp = std::move(ip), line = std::move(text);
+    void logMessage(LogCategory c, int, int, const LogSeverity& s, std::string ip, int, std::string text) override {
+        ++calls, category = c, severity = s, lastIp = std::move(ip), line = std::move(text);
     }
     int calls = 0;
     LogCategory category{};
-    int messageId = 0;
     LogSeverity severity{};
     std::string lastIp, line;
 };
 
 Sink& sink() {
-    static Sink* installed = [] {
-        static Sink s;
-        s.setLogger(s);
-        return &s;
-    }();
-    return *installed;
+    static Sink s;
+    s.setLogger(s);
+    return s;
 }
 
 // The contract's rendering of text in a log line.
@@ -62,13 +58,13 @@ std::string escaped(const std::string& text) {
         const auto b = static_cast<unsigned char>(c);
         char hex[5];
         std::snprintf(hex, sizeof hex, "\\x%02x", b);
-        out += c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : (b < 0x20 || b == 0x7f) ? hex : std::string(1, c);
+        out += c == '\n'                  ? "\\n"
+               : c == '\t'                ? "\\t"
+               : c == '\r'                ? "\\r"
+               : b < 0x20 || b == 0x7f ? hex
+                                         : std::string(1, c);
     }
     return out;
-}
-
-bool endsWith(const std::string& s, const std::string& end) {
-    return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
 }
 
 void fail(const char* what, const std::string& line) {
@@ -91,9 +87,8 @@ void checkException(TvcException& e, const std::string& fullMessage, const std::
                     const std::string& user, bool log, bool bracketed, bool authorization) {
     const std::string message = cString(fullMessage), description = cString(fullDescription);
     if (e.what() != message || e.getErrorDescription() != description || e.getUser() != user) {
-        std::fprintf(stderr, "expected %s / %s / %s\n", escaped(message).c_str(), escaped(description).c_str(), escaped(user).c_str());
-        std::fprintf(stderr, "what: %s\ndescription: %s\nuser: %s\n", escaped(e.what()).c_str(),
-                     escaped(e.getErrorDescription()).c_str(), escaped(e.getUser()).c_str());
+        std::fprintf(stderr, "got %s / %s / %s\n", escaped(e.what()).c_str(), escaped(e.getErrorDescription()).c_str(),
+                     escaped(e.getUser()).c_str());
         std::abort();  // an accessor does not give back the text it was given
     }
     Sink& s = sink();
@@ -106,7 +101,9 @@ void checkException(TvcException& e, const std::string& fullMessage, const std::
         if (s.severity == LogSeverity::Debug) {
             const std::string details = std::string(authorization ? ",for user:" + user : "") + ",(" +
                                         std::to_string(e.getErrorId()) + ")" + message + "," + description;
-            if (!endsWith(s.line, escaped(details))) fail("details missing", s.line);
+            const std::string end = escaped(details);
+            if (s.line.size() < end.size() || s.line.compare(s.line.size() - end.size(), end.size(), end) != 0)
+                fail("details missing", s.line);
         }
         if (bracketed && s.line.find(" <" + escaped(user) + ">") == std::string::npos) fail("user missing", s.line);
     }
@@ -145,8 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string description = variant == 1 ? in.ConsumeRandomLengthString(256) : std::string();
     const std::string user = in.ConsumeRandomLengthString(64);
     if (variant == 3) message.clear();
-    // A message given as a C string (and a function name) ends at its first NUL byte.
-    if (variant == 1 || variant == 2 || kind == 9) message = message.substr(0, message.find('\0'));
+    if (kind == 9) message = message.substr(0, message.find('\0'));  // the function name is a C string
 
     if (kind == 8) {  // an audit event with any text
         Sink& s = sink();
@@ -167,20 +163,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         return 0;
     }
-    using authnz::AuthenticationException;
-    using authnz::AuthNZException;
-    using authnz::AuthorizationException;
-    std::unique_ptr<TvcException> e;
-    switch (kind) {
-        case 0: e = make<TvcException>(variant, code, message, description, user, log); break;
-        case 1: e = make<UMException>(variant, code, message, description, user, log); break;
-        case 2: e = make<UMSystemErrorException>(variant, code, message, description, user, log); break;
-        case 3: e = make<PMException>(variant, code, message, description, user, log); break;
-        case 4: e = make<UpdatePasswordException>(variant, code, message, description, user, log); break;
-        case 5: e = make<AuthNZException>(variant, code, message, description, user, log); break;
-        case 6: e = make<AuthenticationException>(variant, code, message, description, user, log); break;
-        default: e = make<AuthorizationException>(variant, code, message, description, user, log); break;
-    }
+    using Make = std::unique_ptr<TvcException> (*)(int, int, const std::string&, const std::string&,
+                                                   const std::string&, bool);
+    constexpr Make kMakers[] = {make<TvcException>, make<UMException>, make<UMSystemErrorException>,
+                                make<PMException>, make<UpdatePasswordException>, make<authnz::AuthNZException>,
+                                make<authnz::AuthenticationException>, make<authnz::AuthorizationException>};
+    const std::unique_ptr<TvcException> e = kMakers[kind](variant, code, message, description, user, log);
     checkException(*e, message, description, user, log, kind >= 4, kind == 7);
     return 0;
 }
