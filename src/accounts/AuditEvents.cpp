@@ -6,18 +6,17 @@
 #include <string>
 
 #include <umlog/Ctx.h>
-#include <usermanagement/Logger.h>
 #include <usermanagement/ProfileDefinition.h>
 
 #include "accounts/AuditEvent.h"
+#include "foundation/LogLine.h"
 
 namespace usermanagement {
 
 namespace detail {
 
 void logAccountEvent(AuditEvent id, const std::string& text) {
-    Logger::GetLogger().logMessage(LogCategory::UserAccount, id, 0, LogSeverity::Notice, umlog::Ctx::getCtx().getIp(),
-                                   0, text);
+    logToSink(LogCategory::UserAccount, id, LogSeverity::Notice, umlog::Ctx::getCtx().getIp(), text);
 }
 
 }  // namespace detail

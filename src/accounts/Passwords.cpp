@@ -29,6 +29,7 @@
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
 #include "accounts/Tally.h"
+#include "accounts/TallyCommand.h"
 #include "files/EntryChecks.h"
 #include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
@@ -52,23 +53,6 @@ void requireSession(const Session& pam, const std::string& user) {
                                       true);
 }
 
-// `text` for the inside of a double-quoted word of a shell command line.  There the shell
-// still gives '$', '`', '"' and '\' a meaning (expansions, the end of the word); each gets a
-// backslash, so the command receives `text` as written, and an ordinary name stays as it is.
-// Nothing else needs escaping inside double quotes: blanks, ';', '|', '\'' and newlines are
-// literal there.  A NUL byte would cut the command line short: refused.
-std::string insideDoubleQuotes(const std::string& text) {
-    if (text.find('\0') != std::string::npos)
-        detail::raise<UMException>(UMError::BadUserName, "unLock error, bad user name: holds a NUL byte");
-    std::string quoted;
-    quoted.reserve(text.size());
-    for (const char c : text) {
-        if (c == '$' || c == '`' || c == '"' || c == '\\') quoted += '\\';
-        quoted += c;
-    }
-    return quoted;
-}
-
 // Runs the tally tool's reset and makes sure it happened: the command must start, exit with 0,
 // and the account's count must read 0 afterwards, unless what it counts failed after the start.  UMSystemErrorException 47 otherwise, with
 // the reason (errno of a launch that failed, the exit status) in its description.
@@ -83,8 +67,12 @@ void runTallyReset(const std::string& command, unsigned int uid) {
     if (stream == nullptr) {
         reason = detail::concat("the command did not start: ", std::strerror(errno));
     } else {
+        // Read to the end of the output: a signal the host handles without SA_RESTART ends a read
+        // with EINTR, and closing the pipe then would kill the tool with SIGPIPE mid-reset.
         char discard[256];
-        while (std::fread(discard, 1, sizeof discard, stream) == sizeof discard) {
+        while (std::fread(discard, 1, sizeof discard, stream) == sizeof discard ||
+               (std::ferror(stream) && errno == EINTR)) {
+            std::clearerr(stream);
         }
         const int status = systemutilities::ScriptLauncher::Pclose(stream);
         if (status == -1)
@@ -262,8 +250,7 @@ void User::resetFailedLogins(LookLockUpdate& look) {
     // count of uid 10001).  A refused one is renamed first.
     detail::checkUserName(m_userName, "unLock");
     UserDefinition& config = UserDefinition::GetUserDefinition();
-    const std::string command = "pam_tally2 -f \"" + insideDoubleQuotes(config.getTallyFilePath()) + "\" -r -u \"" +
-                                insideDoubleQuotes(m_userName) + "\"";
+    const std::string command = detail::tallyResetCommand(config.getTallyFilePath(), m_userName);
     {
         // As root, once the caller's rights were checked: the tally file is root's.  A thread
         // acting as a user manager (a web request) would otherwise read no count and run a

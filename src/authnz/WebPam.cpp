@@ -13,11 +13,11 @@
 
 #include <authnz/AuthNZException.h>
 #include <systemutilities/LinuxUserSystem.h>
-#include <usermanagement/Logger.h>
 #include <usermanagement/Utilities.h>
 #include <usermanagement/UserDefinition.h>
 
 #include "authnz/AsRoot.h"
+#include "foundation/LogLine.h"
 
 namespace authnz {
 
@@ -137,9 +137,9 @@ void WebPam::pamAuthentication(const char* password) {
         reason = pam_strerror(m_pamHandle, m_lastStatus);
     }
     if (lockedByThisFailure(m_pamHandle, uid))
-        usermanagement::Logger::GetLogger().logMessage(usermanagement::LogCategory::UserAccount, kAccountLockedMessage,
-                                                       0, usermanagement::LogSeverity::Warning, m_rhost, 0,
-                                                       "User account - locked <" + m_pamUser + ">");
+        usermanagement::detail::logToSink(usermanagement::LogCategory::UserAccount, kAccountLockedMessage,
+                                          usermanagement::LogSeverity::Warning, m_rhost,
+                                          "User account - locked <" + m_pamUser + ">");
     throw AuthenticationException(AuthenticationError::InvalidCredentials, "Invalid Credentials", reason, m_pamUser,
                                   true);
 }

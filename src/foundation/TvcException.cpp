@@ -6,6 +6,8 @@
 #include <umlog/Ctx.h>
 #include <usermanagement/Logger.h>
 
+#include "foundation/LogLine.h"
+
 namespace tarvicexception {
 
 using usermanagement::LogCategory;
@@ -53,8 +55,7 @@ void TvcException::logWithDetails(const std::string& detailsPrefix) {
         text += detailsPrefix;
         appendDetails(text);
     }
-    usermanagement::Logger::GetLogger().logMessage(category, messageId, 0, severity,
-                                                   umlog::Ctx::getCtx().getIp(), 0, text);
+    usermanagement::detail::logToSink(category, messageId, severity, umlog::Ctx::getCtx().getIp(), text);
 }
 
 void TvcException::logCdsMessage() { logWithDetails(std::string()); }

@@ -96,6 +96,18 @@ TEST(ExceptionLog, EveryClassRendersItsCodesAndDefaults) {
     EXPECT_TRUE(sink.messages.empty()) << "made with logging off";
 }
 
+// A name or message holding a newline or another control character cannot add a line to a log
+// that a sink writes line by line: the sink gets it written out; other bytes stay as they are.
+TEST(ExceptionLog, EveryLineIsOneLine) {
+    tvc::test::RecordingLogger sink;
+    AuthenticationException(AuthenticationError::InvalidCredentials, "m", "", "a\naudit 8/1: forged", true)
+        .logCdsMessage();
+    UMException(UMError::UserNotFound, "m\r\t\x1b[31m", "d\x7f\\", "u", true).logCdsMessage();
+    ASSERT_EQ(sink.messages.size(), 2u);
+    EXPECT_EQ(sink.messages[0].text, "Session - Authentication failed  <a\\naudit 8/1: forged>");
+    EXPECT_EQ(sink.messages[1].text, "User not found,(5)m\\r\\t\\x1b[31m,d\\x7f\\");
+}
+
 // The library's throws carry the calling thread's own context user, a message whose numbers never
 // take a host locale's grouping, and a failed system call's reason as the description.
 TEST(Raise, ContextUserClassicNumbersAndTheReason) {
