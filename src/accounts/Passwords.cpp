@@ -34,6 +34,7 @@
 #include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
 #include "system/AsRoot.h"
+#include "system/ReadToEnd.h"
 
 namespace usermanagement {
 
@@ -67,13 +68,8 @@ void runTallyReset(const std::string& command, unsigned int uid) {
     if (stream == nullptr) {
         reason = detail::concat("the command did not start: ", std::strerror(errno));
     } else {
-        // Read to the end of the output: a signal the host handles without SA_RESTART ends a read
-        // with EINTR, and closing the pipe then would kill the tool with SIGPIPE mid-reset.
-        char discard[256];
-        while (std::fread(discard, 1, sizeof discard, stream) == sizeof discard ||
-               (std::ferror(stream) && errno == EINTR)) {
-            std::clearerr(stream);
-        }
+        // Read to the end of the output, or closing the pipe could end the tool mid-reset.
+        detail::readToEnd(stream, nullptr);
         const int status = systemutilities::ScriptLauncher::Pclose(stream);
         if (status == -1)
             reason = "the command's status could not be had";

@@ -53,6 +53,7 @@
 #include "access/DatabaseLookup.h"
 #include "foundation/Descriptor.h"
 #include "system/IdSyscalls.h"
+#include "system/ReadToEnd.h"
 
 namespace systemutilities {
 
@@ -296,8 +297,7 @@ std::string ScriptLauncher::exec(const std::string& command, bool withPermission
         throw LaunchError(std::string(std::strerror(error)) + " (uid " + std::to_string(geteuid()) + " gid " +
                           std::to_string(getegid()) + ")");
     }
-    char piece[128];
-    while (std::fgets(piece, sizeof piece, stream.get()) != nullptr) result += piece;
+    usermanagement::detail::readToEnd(stream.get(), &result);
     const std::string::size_type last = result.rfind('\n');
     if (last != std::string::npos) result.erase(last, 1);
     return result;

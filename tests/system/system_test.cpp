@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -400,6 +401,20 @@ TEST(ScriptLauncher, ExecReturnsTheOutputWithoutItsLastNewlineAndQuotedNamesAsOn
         EXPECT_EQ(ScriptLauncher::exec(cases[i].first, i % 2 == 0), cases[i].second) << cases[i].first;
     EXPECT_TRUE(noChildren());
     EXPECT_THROW(shellQuote(std::string("a\0b", 3)), std::invalid_argument);
+}
+
+// A host's signal handler installed without SA_RESTART interrupts the reads of the output: the
+// whole output still arrives, NUL bytes included, and the command is not cut off by SIGPIPE.
+TEST(ScriptLauncher, ExecReadsOnThroughInterruptingSignals) {
+    struct sigaction tick {}, before {};
+    tick.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGALRM, &tick, &before), 0);  // no SA_RESTART
+    itimerval every{{0, 2000}, {0, 2000}}, stop{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &every, nullptr), 0);
+    const std::string out = ScriptLauncher::exec("sleep 0.2; printf 'a\\0b'; sleep 0.2; echo done", false);
+    setitimer(ITIMER_REAL, &stop, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_EQ(out, std::string("a\0bdone", 7));
 }
 
 TEST(ScriptLauncher, StreamsReportTheirOwnStatusAndNoOtherChildHoldsThem) {
