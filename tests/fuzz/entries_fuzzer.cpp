@@ -1,8 +1,8 @@
 // Account file lines: the plain readers and writers (files/EntryLines.h) and the copy loop
 // (files/EntryCopy.h) held to the C library on the same bytes.
 //
-// Input: the first byte picks the file (passwd, shadow, group by its value modulo 3), the rest
-// is the file's text.  The oracle:
+// Input: the first byte picks the file (passwd, shadow, group, gshadow: its value modulo 4),
+// the rest is the file's text.  The oracle:
 //   1. Each line (as getline hands it over) that parsePlain* takes is read by the C library
 //      (fgetpwent_r/fgetspent_r on that line alone) into the same fields; a line it declines
 //      is left byte for byte as it was.
@@ -17,6 +17,7 @@
 // (a passwd line whose shell field holds further ':' is such an entry); an unterminated last
 // line reads as if it had its newline.
 #include <grp.h>
+#include <gshadow.h>
 #include <pwd.h>
 #include <shadow.h>
 #include <unistd.h>
@@ -57,9 +58,17 @@ std::string fields(const struct group& e, bool ids = true) {
     for (char** m = e.gr_mem; m != nullptr && *m != nullptr; ++m) s += "," + t(*m);
     return s;
 }
+std::string fields(const struct sgrp& e, bool = true) {
+    std::string s = t(e.sg_namp) + t(e.sg_passwd);
+    for (char** m = e.sg_adm; m != nullptr && *m != nullptr; ++m) s += "," + t(*m);
+    s += ";";
+    for (char** m = e.sg_mem; m != nullptr && *m != nullptr; ++m) s += "," + t(*m);
+    return s;
+}
 const char* nameOf(const struct passwd& e) { return e.pw_name; }
 const char* nameOf(const struct spwd& e) { return e.sp_namp; }
 const char* nameOf(const struct group& e) { return e.gr_name; }
+const char* nameOf(const struct sgrp& e) { return e.sg_namp; }
 bool nis(const char* name) { return name != nullptr && (name[0] == '+' || name[0] == '-'); }
 
 // What the C library writes for `entry`: "(refused)" when it refuses it.
@@ -182,7 +191,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         lines.push_back(text.substr(at, end + 1 - at));
         at = end + 1;
     }
-    switch (data[0] % 3) {
+    switch (data[0] % 4) {
     case 0:
         for (const std::string& line : lines) checkPlain<PasswdFile>(line);
         checkCopy<PasswdFile>(lines, text);
@@ -191,8 +200,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (const std::string& line : lines) checkPlain<ShadowFile>(line);
         checkCopy<ShadowFile>(lines, text);
         break;
-    default:
+    case 2:
         checkCopy<GroupFile>(lines, text);
+        break;
+    default:
+        checkCopy<GshadowFile>(lines, text);
     }
     return 0;
 }
