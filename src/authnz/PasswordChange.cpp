@@ -1,13 +1,12 @@
 // Password changes through pam_chauthtok, and the classification of a refusal: the texts the
 // modules showed (in the C locale, see CLocale) are compared with the password-quality rules'
-// texts, so that the web client can tell its user which rule the new password broke.
+// texts, so that the web client can tell its user which rule the new password broke
+// (RuleMessages.h).
 #include <authnz/WebPam.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -18,6 +17,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "authnz/AsRoot.h"
+#include "authnz/RuleMessages.h"
 #include "files/PasswordFileLock.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Raise.h"
@@ -28,90 +28,6 @@ namespace {
 
 using usermanagement::UpdatePasswordError;
 using usermanagement::UpdatePasswordException;
-
-// One rule's text as libpwquality gives it in the C locale, whole: "%d" stands for the number
-// it fills in, "%s" for the reason the dictionary check adds.  No text matches two entries, so
-// their order does not matter.
-struct Rule {
-    const char* text;
-    int code;
-};
-
-constexpr Rule kRules[] = {
-    {"The password is the same as the old one", UpdatePasswordError::SameAsOld},
-    {"The password differs with case changes only", UpdatePasswordError::SameAsOld},
-    {"The password is a palindrome", UpdatePasswordError::Palindrome},
-    {"The password is too similar to the old one", UpdatePasswordError::TooSimilar},
-    {"The password contains the user name in some form", UpdatePasswordError::ContainsUserName},
-    {"The password contains words from the real name of the user in some form", UpdatePasswordError::ContainsRealName},
-    {"The password contains forbidden words in some form", UpdatePasswordError::ForbiddenWords},
-    {"The password contains less than %d digits", UpdatePasswordError::TooFewDigits},
-    {"The password contains too few digits", UpdatePasswordError::TooFewDigits},
-    {"The password contains less than %d uppercase letters", UpdatePasswordError::TooFewUppercase},
-    {"The password contains too few uppercase letters", UpdatePasswordError::TooFewUppercase},
-    {"The password contains less than %d lowercase letters", UpdatePasswordError::TooFewLowercase},
-    {"The password contains too few lowercase letters", UpdatePasswordError::TooFewLowercase},
-    {"The password contains less than %d non-alphanumeric characters", UpdatePasswordError::TooFewOthers},
-    {"The password contains too few non-alphanumeric characters", UpdatePasswordError::TooFewOthers},
-    {"The password is shorter than %d characters", UpdatePasswordError::TooShort},
-    {"The password is too short", UpdatePasswordError::TooShort},
-    {"The password is just rotated old one", UpdatePasswordError::Rotated},
-    {"The password contains less than %d character classes", UpdatePasswordError::TooFewClasses},
-    {"The password does not contain enough character classes", UpdatePasswordError::TooFewClasses},
-    {"The password contains more than %d same characters consecutively", UpdatePasswordError::TooManyRepeats},
-    {"The password contains too many same characters consecutively", UpdatePasswordError::TooManyRepeats},
-    {"The password contains more than %d characters of the same class consecutively",
-     UpdatePasswordError::TooManyClassRepeats},
-    {"The password contains too many characters of the same class consecutively",
-     UpdatePasswordError::TooManyClassRepeats},
-    {"The password contains monotonic sequence longer than %d characters", UpdatePasswordError::Monotonic},
-    {"The password contains too long of a monotonic character sequence", UpdatePasswordError::Monotonic},
-    {"The password fails the dictionary check", UpdatePasswordError::Dictionary},
-    {"The password fails the dictionary check - %s", UpdatePasswordError::Dictionary},
-};
-
-// pam_pwquality shows the texts behind one of these (the second when root is only warned).
-constexpr const char* kModulePrefixes[] = {"BAD PASSWORD: ", "bad password: "};
-
-// Whether all of `text` is `pattern`: "%d" takes one or more digits, "%s" one or more characters.
-bool matches(const char* pattern, const char* text) {
-    for (; *pattern != '\0'; ++pattern, ++text) {
-        if (pattern[0] == '%' && pattern[1] == 'd') {
-            if (!std::isdigit(static_cast<unsigned char>(*text))) return false;
-            while (std::isdigit(static_cast<unsigned char>(text[1]))) ++text;
-            ++pattern;
-        } else if (pattern[0] == '%' && pattern[1] == 's') {
-            for (const char* end = text + 1; *(end - 1) != '\0'; ++end)
-                if (matches(pattern + 2, end)) return true;
-            return false;
-        } else if (*pattern != *text) {
-            return false;
-        }
-    }
-    return *text == '\0';
-}
-
-// The code of the rule `message` names, or 0 when it is no rule's text.
-int ruleOf(const std::string& message) {
-    const char* text = message.c_str();
-    for (const char* prefix : kModulePrefixes)
-        if (message.rfind(prefix, 0) == 0) text += std::strlen(prefix);
-    for (const Rule& rule : kRules)
-        if (matches(rule.text, text)) return rule.code;
-    return 0;
-}
-
-// The collected texts as one message, or else the first of its ','-separated parts (as
-// appendMsg joins them) that is a rule's text; PasswordSecurityRules when none is.
-int classify(const std::string& messages) {
-    if (const int code = ruleOf(messages)) return code;
-    for (std::size_t start = 0; start <= messages.size();) {
-        const std::size_t end = std::min(messages.find(',', start), messages.size());
-        if (const int code = ruleOf(messages.substr(start, end - start))) return code;
-        start = end + 1;
-    }
-    return UpdatePasswordError::PasswordSecurityRules;
-}
 
 // The system's password-file lock (the file lckpwdf locks; the library's transactions lock it too,
 // PasswordFileLock.h) and how long a holder may keep it before a password change gives up.  The
@@ -174,7 +90,7 @@ void WebPam::pamChauthtok(const char* oldPassword, const char* newPassword) {
     next.end();
     if (m_lastStatus == PAM_SUCCESS) return;
     if (m_pamMessages.empty()) appendMsg(pam_strerror(m_pamHandle, m_lastStatus));
-    int code = classify(m_pamMessages);
+    int code = detail::classify(m_pamMessages);
     // Refused while the current password was being checked: a wrong current password,
     // whatever the texts say.
     if (m_convState == CurrentPassword) {

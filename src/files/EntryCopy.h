@@ -135,7 +135,11 @@ public:
             if (File::parsePlain(m_line, size, m_entry)) return &m_entry;
             // A NUL byte would hide the rest of the line from the parser.
             if (std::memchr(m_line, '\0', size) != nullptr) refuseLine();
-            typename File::Entry* entry = parseLine(size);
+            // The C library's readers misread a last line without a newline that starts with a
+            // blank: they double its last byte (" a:x:1:1::/:/bin/sh" gives the shell
+            // "/bin/shh"), and a rewrite would store that.  The parser always gets the newline.
+            if (m_line[size - 1] != '\n') terminateLine();
+            typename File::Entry* entry = parseLine(m_size);
             m_lineIntact = true;
             return entry;
         }
@@ -155,6 +159,18 @@ private:
                 line[i] != '\f')
                 return false;
         return true;
+    }
+
+    // Adds the newline the file's last line lacks (the line as read stays its first bytes).
+    void terminateLine() {
+        if (m_capacity < m_size + 2) {
+            char* grown = static_cast<char*>(std::realloc(m_line, m_size + 2));
+            if (grown == nullptr) readFailure(ENOMEM);
+            m_line = grown;
+            m_capacity = m_size + 2;
+        }
+        m_line[m_size++] = '\n';
+        m_line[m_size] = '\0';
     }
 
     [[noreturn]] void readFailure(int error) const {

@@ -499,6 +499,18 @@ std::string libraryCopy(const std::string& text, Read read, Write write) {
     return copy;
 }
 
+// A last line without a newline that starts with a blank: the C library alone misreads it (it
+// doubles the line's last byte), so the reader hands it over with a newline.
+TEST_F(PlainLines, AnUnterminatedLastLineIsReadWhole) {
+    const std::string passwd = readFile("/etc/passwd"), shadow = readFile("/etc/shadow");
+    writeFile("/etc/passwd", passwd + " spaced:x:3001:100::/:/bin/sh");
+    writeFile("/etc/shadow", shadow + " spaced:$6$h:1:2:3:4:5:6:");
+    inPasswd([](FileSystemUpdate& t) { removeEntryInPasswordFile(t, 4000000000u); });
+    inShadow([](FileSystemUpdate& t) { removeEntryInShadowFile(t, "nosuch"); });
+    EXPECT_EQ(readFile("/etc/passwd"), passwd + "spaced:x:3001:100::/:/bin/sh\n");
+    EXPECT_EQ(readFile("/etc/shadow"), shadow + "spaced:$6$h:1:2:3:4:5:6:\n");
+}
+
 // Lines the plain reader leaves to the C library go through it, between plain ones, and a file
 // larger than a write chunk is written whole.
 TEST_F(PlainLines, ACopyIsWhatTheCLibraryWouldWrite) {
