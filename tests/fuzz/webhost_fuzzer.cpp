@@ -63,27 +63,8 @@ webhost::Server* g_server = nullptr;
 std::vector<std::string> g_pristine;
 Who g_who[2];  // admin, viewer
 
-// One connection, one request (Connection: close), the answer read to the end; empty when no
-// answer came.  Not half-closed: httplib drops a connection whose client has shut its side.
-std::string exchange(const std::string& request) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(g_port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval wait{8, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    std::string answer;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-        (void)!send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-        char buffer[8192];
-        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.append(buffer, static_cast<std::size_t>(n));
-    }
-    close(fd);
-    return answer;
-}
-
-// The final answer of `raw` (interim 1xx answers skipped); status -1 when it is malformed.
+// The final answer of `raw` (interim 1xx answers skipped); status -1 when it is malformed or
+// incomplete.
 Reply parse(std::string raw, bool head) {
     Reply reply;
     for (;;) {
@@ -97,10 +78,36 @@ Reply parse(std::string raw, bool head) {
     }
     reply.body = raw;
     const std::size_t length = reply.headers.find("\r\ncontent-length: ");
-    if (length != std::string::npos && !head &&
-        std::strtoul(reply.headers.c_str() + length + 18, nullptr, 10) != reply.body.size())
-        reply.status = -1;
-    if (head && !reply.body.empty()) reply.status = -1;
+    const std::size_t expected =
+        length == std::string::npos ? 0 : std::strtoul(reply.headers.c_str() + length + 18, nullptr, 10);
+    // A HEAD answer has no body, unless the request was too malformed to be seen as HEAD.
+    if (reply.body.size() != expected && !(head && reply.body.empty())) reply.status = -1;
+    return reply;
+}
+
+// One connection, one request (Connection: close), the answer read until it is complete: a
+// server that could not parse the request keeps the connection for its read timeout.  Status -1
+// when none came.  Not half-closed: httplib drops a connection whose client shut its side.
+Reply exchange(const std::string& request, bool head = false) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(g_port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval wait{8, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    std::string answer;
+    Reply reply;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        (void)!send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        char buffer[8192];
+        for (ssize_t n; reply.status < 0 && (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+            answer.append(buffer, static_cast<std::size_t>(n));
+            reply = parse(answer, head);
+        }
+    }
+    close(fd);
+    if (reply.status < 0) std::fprintf(stderr, "webhost_fuzzer: no complete answer: %s\n", answer.c_str());
     return reply;
 }
 
@@ -114,12 +121,11 @@ std::string request(const std::string& method, const std::string& path, const st
 
 Who login(const char* name, const char* password) {
     const std::string body = Json{{"name", name}, {"password", password}}.dump();
-    const std::string raw = exchange(request("POST", "/api/login", "Content-Type: application/json\r\n", body));
-    const Reply reply = parse(raw, false);
+    const Reply reply = exchange(request("POST", "/api/login", "Content-Type: application/json\r\n", body));
     const std::size_t at = reply.headers.find("set-cookie: tvc_session=");
     const Json json = Json::parse(reply.body, nullptr, false);
     if (reply.status != 200 || at == std::string::npos || !json.is_object()) {
-        std::fprintf(stderr, "webhost_fuzzer: %s cannot log in: %d %s\n", name, reply.status, raw.c_str());
+        std::fprintf(stderr, "webhost_fuzzer: %s cannot log in: %d %s\n", name, reply.status, reply.body.c_str());
         std::exit(1);
     }
     const std::size_t start = at + 24;
@@ -130,7 +136,7 @@ void ensureSessions() {
     static const char* const accounts[2][2] = {{"admin", "Admin#2026"}, {"viewer", "Viewer#2026"}};
     for (int i = 0; i < 2; ++i) {
         const std::string get = request("GET", "/api/session", "Cookie: tvc_session=" + g_who[i].cookie + "\r\n", "");
-        if (g_who[i].cookie.empty() || parse(exchange(get), false).status != 200)
+        if (g_who[i].cookie.empty() || exchange(get).status != 200)
             g_who[i] = login(accounts[i][0], accounts[i][1]);
     }
 }
@@ -259,13 +265,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     const bool head = method == "HEAD";
-    const std::string raw = exchange(request(method, path, headers, body));
-    const Reply reply = parse(raw, head);
+    const Reply reply = exchange(request(method, path, headers, body), head);
     const bool json = reply.headers.find("\r\ncontent-type: application/json") != std::string::npos &&
-                      reply.headers.find("\r\ncontent-encoding:") == std::string::npos && !head;
+                      reply.headers.find("\r\ncontent-encoding:") == std::string::npos && !reply.body.empty();
     if (reply.status < 0 || !kStatuses.count(reply.status) || (json && Json::parse(reply.body, nullptr, false).is_discarded())) {
         // A malformed answer, a status outside the set (500 above all), or JSON that does not parse.
-        std::fprintf(stderr, "%s %s\n%s\n-> %s\n", method.c_str(), path.c_str(), body.c_str(), raw.c_str());
+        std::fprintf(stderr, "%s %s\n%s\n-> %s%s\n", method.c_str(), path.c_str(), body.c_str(), reply.headers.c_str(),
+                     reply.body.c_str());
         std::abort();
     }
     if (g_server->identityMismatched()) std::abort();  // a worker kept an account's identity
@@ -277,7 +283,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     if (changed && (reply.status < 200 || reply.status >= 300)) {
         // A refused request wrote the account files.
-        std::fprintf(stderr, "%s %s\n%s\n-> %s\n", method.c_str(), path.c_str(), body.c_str(), raw.c_str());
+        std::fprintf(stderr, "%s %s\n%s\n-> %s%s\n", method.c_str(), path.c_str(), body.c_str(), reply.headers.c_str(),
+                     reply.body.c_str());
         std::abort();
     }
     (void)!truncate(kTally, 0);
