@@ -88,7 +88,7 @@ Reply parse(std::string raw, bool head) {
 // One connection, one request (Connection: close), the answer read until it is complete: a
 // server that could not parse the request keeps the connection for its read timeout.  Status -1
 // when none came.  Not half-closed: httplib drops a connection whose client shut its side.
-Reply exchange(const std::string& request, bool head = false) {
+Reply roundTrip(const std::string& request, bool head = false) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -121,7 +121,7 @@ std::string request(const std::string& method, const std::string& path, const st
 
 Who login(const char* name, const char* password) {
     const std::string body = Json{{"name", name}, {"password", password}}.dump();
-    const Reply reply = exchange(request("POST", "/api/login", "Content-Type: application/json\r\n", body));
+    const Reply reply = roundTrip(request("POST", "/api/login", "Content-Type: application/json\r\n", body));
     const std::size_t at = reply.headers.find("set-cookie: tvc_session=");
     const Json json = Json::parse(reply.body, nullptr, false);
     if (reply.status != 200 || at == std::string::npos || !json.is_object()) {
@@ -136,7 +136,7 @@ void ensureSessions() {
     static const char* const accounts[2][2] = {{"admin", "Admin#2026"}, {"viewer", "Viewer#2026"}};
     for (int i = 0; i < 2; ++i) {
         const std::string get = request("GET", "/api/session", "Cookie: tvc_session=" + g_who[i].cookie + "\r\n", "");
-        if (g_who[i].cookie.empty() || exchange(get).status != 200)
+        if (g_who[i].cookie.empty() || roundTrip(get).status != 200)
             g_who[i] = login(accounts[i][0], accounts[i][1]);
     }
 }
@@ -209,6 +209,13 @@ Json value(FuzzedDataProvider& in) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool started = (start(), true);
     (void)started;
+    // The identity is checked after the answer is written, maybe after the client has read it:
+    // a mismatch is seen at the latest by the next input.
+    static std::string previous;
+    if (g_server->identityMismatched()) {
+        std::fprintf(stderr, "webhost_fuzzer: a worker kept an account's identity after:\n%s\n", previous.c_str());
+        std::abort();
+    }
     FuzzedDataProvider in(data, size);
     const auto flags = in.ConsumeIntegral<std::uint16_t>();
     const std::size_t m = in.ConsumeIntegralInRange<std::size_t>(0, std::size(kMethods));
@@ -275,7 +282,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     const bool head = method == "HEAD";
-    const Reply reply = exchange(request(method, path, headers, body), head);
+    previous = request(method, path, headers, body);
+    const Reply reply = roundTrip(previous, head);
     const bool json = reply.headers.find("\r\ncontent-type: application/json") != std::string::npos &&
                       reply.headers.find("\r\ncontent-encoding:") == std::string::npos && !reply.body.empty();
     if (reply.status < 0 || !kStatuses.count(reply.status) || (json && Json::parse(reply.body, nullptr, false).is_discarded())) {
