@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -101,7 +102,11 @@ Reply roundTrip(const std::string& request, bool head = false) {
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
         (void)!send(fd, request.data(), request.size(), MSG_NOSIGNAL);
         char buffer[8192];
-        for (ssize_t n; reply.status < 0 && (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+        // libFuzzer's timer signal interrupts a wait for the answer now and then.
+        while (reply.status < 0) {
+            const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
             answer.append(buffer, static_cast<std::size_t>(n));
             reply = parse(answer, head);
         }
