@@ -314,8 +314,10 @@ fuzz-build: deps
 # FUZZ_RUNS caps each target's executions, FUZZ_JOBS (JOBS) runs that many at once.  The
 # inputs that found new coverage are merged into tests/fuzz/corpus/<target>; a crash's input
 # is minimised next to it under build/fuzz/fuzz-work/<target>/artifacts (see tests/fuzz/fuzz.sh).
+# The web host's target logs in through the sample device's PAM stack, built for this build.
 fuzz: fuzz-build
-	FUZZ_RUNS=$(FUZZ_RUNS) FUZZ_JOBS=$(FUZZ_JOBS) $(CURDIR)/tests/fuzz/fuzz.sh campaign $(FUZZ_S) \
+	FUZZ_RUNS=$(FUZZ_RUNS) FUZZ_JOBS=$(FUZZ_JOBS) TVC_PAM_DIR=$(BUILD)/fuzz/tools/sampledevice/pam \
+	    $(CURDIR)/tests/fuzz/fuzz.sh campaign $(FUZZ_S) \
 	    $(BUILD)/fuzz/fuzz-work $(BUILD)/fuzz/tests/fuzz/*_fuzzer
 
 # Each fuzz target over its corpus, then a few seconds of fresh inputs; a crash fails it.
