@@ -37,14 +37,17 @@ class FileSystemUpdate;
 // the whole file step) the three new files are built, then the group file is installed, then
 // the password and shadow files together (both installed or neither), then the profiles of the
 // carried-over accounts under the caller's own identity.  A carried-over name the library
-// would refuse to write stops it before anything is installed: UMException 7
+// would refuse to write, or one that an account written before it has (a system account of the
+// new version, another managed account), stops it before anything is installed: UMException 7
 // "filesSystemMigration (rename the managed account of uid <uid> first) error, bad user name:
 // <reason>".  Prints "Updating System files..." and "Updating Profiles..." on standard output.
 // Killed at any point and run again, it ends with the files and account states of a whole run.
 TVC_UM_EXPORT void filesSystemMigration();
 
 // Writes every entry of the group reference copy, in order, to the temporary file.  The live
-// group file is not read.
+// group file is not read.  A reference copy that names a group twice throws
+// UMSystemErrorException 10 "updateGroupFile error, <reference copy> names a group twice; the
+// files are not rewritten".
 TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
 
 // Copies to the temporary shadow file the next entry named `name`, read from the reference copy
@@ -58,8 +61,14 @@ TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name,
 // getBaseUid() + getMaxUser() - 1, or 65534) with their reference shadow entries, then the
 // managed accounts of the live file (uid in that range, but 65534) with the shell
 // getUserShell(gid), each followed by its live shadow entry.  A managed name that
-// checkUserName refuses throws UMException 7 (see filesSystemMigration).  Returns the managed
-// accounts' names with their group id; the first entry of a name counts.
+// checkUserName refuses, or that an account written before it has, throws UMException 7 (see
+// filesSystemMigration); a reference copy that names an account twice throws
+// UMSystemErrorException 10 "updatePasswordFile error, <reference copy> names an account twice;
+// the files are not rewritten".  An account written
+// whose shadow stream has no entry of its name throws UMSystemErrorException 10
+// "updatePasswordFile error, the account of uid <uid> in <passwd file> has no entry in <shadow
+// file>; the files are not rewritten" (without it the account could not log in).  Returns the
+// managed accounts' names with their group id.
 TVC_UM_EXPORT std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords,
                                                                      FileSystemUpdate& shadows);
 

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,10 +32,12 @@
 #include "access/Caller.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
+#include "accounts/MigrationFiles.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
 #include "files/GroupMembers.h"
 #include "files/ManagedRange.h"
+#include "foundation/Raise.h"
 #include "system/AsRoot.h"
 
 namespace usermanagement {
@@ -69,10 +72,16 @@ bool carriedOver(unsigned int uid, UserDefinition& definition) {
 // library would refuse to write (a NIS reference, a comment, a control character) is refused
 // here too, while the file step has written nothing yet.  The message names the account by its
 // uid, since its name may hold anything.
-void checkCarriedName(const struct passwd& entry) {
+// A name already written, by a system account of the new version or by another managed
+// account, is refused the same way: two accounts of one name would share a login (the first
+// entry wins every lookup), and pwck rejects the files.
+void checkCarriedName(const struct passwd& entry, const std::set<std::string>& written) {
     const std::string function =
         "filesSystemMigration (rename the managed account of uid " + std::to_string(entry.pw_uid) + " first)";
     detail::checkUserName(entry.pw_name, function.c_str());
+    if (written.count(entry.pw_name) != 0)
+        throw UMException(UMError::BadUserName, (function + " error, bad user name").c_str(),
+                          "the name of another account", umlog::Ctx::getCtx().getUsername(), true);
 }
 
 // Writes one entry to a temporary file.  Hosts of the migration match on the text in the
@@ -96,10 +105,20 @@ void writeEntry(FILE* target, const typename File::Entry& entry, const std::stri
 // getpwent, getgrent and getspent streams belong to the host, which may be enumerating on another
 // thread, and are never set, read or ended here.
 void updateGroupFile(FileSystemUpdate& groupTransaction) {
+    // A group name twice would give the device two groups of one name (the group shadow file
+    // too, built from the same lines), which the system's readers and grpck do not accept:
+    // such a reference copy is refused before anything is installed.
+    std::set<std::string> names;
     detail::copyEntriesFrom<GroupFile>(
         groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
-        [](const struct group&) { return EntryAction::Keep; }, "updateGroupFile",
-        "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
+        [&](const struct group& entry) {
+            if (!names.insert(entry.gr_name).second)
+                detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updateGroupFile error, ",
+                                                      groupTransaction.m_origFilePath,
+                                                      " names a group twice; the files are not rewritten");
+            return EntryAction::Keep;
+        },
+        "updateGroupFile", "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
 }
 
 namespace {
@@ -150,7 +169,10 @@ void updateGshadowFile(FileSystemUpdate& gshadow) {
 
 }  // namespace
 
-void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
+namespace {
+
+// updateShadowFile, telling whether an entry was written.
+bool copyShadowEntry(FileSystemUpdate& shadows, const char* name, bool fromReference) {
     FILE* source = fromReference ? shadows.m_origFile : shadows.m_file;
     const std::string& path = fromReference ? shadows.m_origFilePath : shadows.m_filePath;
     // The search goes on where the previous one stopped: with the shadow entries in the order of
@@ -166,15 +188,37 @@ void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromRefe
             if (std::strcmp(entry->sp_namp, name) != 0) continue;
             writeEntry<ShadowFile>(shadows.m_tmpFile, *entry,
                                    "updateEntryInShadowFile error in writing to " + shadows.m_tmpFilePath);
-            return;
+            return true;
         }
     }
+    return false;
+}
+
+// Every account written to the new passwd file has its shadow entry: without one the account
+// can no longer log in, and the shadow tools (pwck) reject the pair of files.  A passwd entry
+// whose shadow file has no entry of that name stops the file step before anything is installed.
+// The account is named by its uid, since its name may hold anything.
+void copyShadowEntryOf(FileSystemUpdate& shadows, const struct passwd& entry, bool fromReference,
+                       const std::string& passwdPath) {
+    if (copyShadowEntry(shadows, entry.pw_name, fromReference)) return;
+    detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, the account of uid ",
+                                          entry.pw_uid, " in ", passwdPath, " has no entry in ",
+                                          fromReference ? shadows.m_origFilePath : shadows.m_filePath,
+                                          "; the files are not rewritten");
+}
+
+}  // namespace
+
+void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
+    (void)copyShadowEntry(shadows, name, fromReference);
 }
 
 std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords, FileSystemUpdate& shadows) {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     const std::string failure = "updateEntryInPasswordFile error in writing to " + passwords.m_tmpFilePath;
     std::map<std::string, unsigned int> userGids;
+    // The names of the accounts written so far: each is written once.
+    std::set<std::string> written;
 
     // The system accounts are the new version's: those of the reference copy, with its shadow
     // entries.  Managed accounts a reference copy might hold are not the device's.
@@ -182,8 +226,12 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
         EntryReader<PasswdFile> reference(passwords.m_origFile, passwords.m_origFilePath, "updatePasswordFile");
         while (struct passwd* entry = reference.next()) {
             if (carriedOver(entry->pw_uid, definition)) continue;
+            if (!written.insert(entry->pw_name).second)
+                detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, ",
+                                                      passwords.m_origFilePath,
+                                                      " names an account twice; the files are not rewritten");
             writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
-            updateShadowFile(shadows, entry->pw_name, true);
+            copyShadowEntryOf(shadows, *entry, true, passwords.m_origFilePath);
         }
     }
 
@@ -192,10 +240,11 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
         EntryReader<PasswdFile> live(passwords.m_file, passwords.m_filePath, "updatePasswordFile");
         while (struct passwd* entry = live.next()) {
             if (!carriedOver(entry->pw_uid, definition)) continue;
-            checkCarriedName(*entry);
+            checkCarriedName(*entry, written);
+            written.insert(entry->pw_name);
             entry->pw_shell = const_cast<char*>(definition.getUserShell(entry->pw_gid));
             writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
-            updateShadowFile(shadows, entry->pw_name, false);
+            copyShadowEntryOf(shadows, *entry, false, passwords.m_filePath);
             userGids.emplace(entry->pw_name, entry->pw_gid);
         }
     }
@@ -237,18 +286,10 @@ void updateProfiles(std::map<std::string, unsigned int> userGids) {
     }
 }
 
-void filesSystemMigration() {
-    const detail::CallerScope operation;
+namespace detail {
+
+std::map<std::string, unsigned int> migrateAccountFiles() {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
-    // The profile step updates every carried-over account under the caller's rights.  A caller
-    // without them would get the files rewritten as root and then fail half way: refused here,
-    // before any file is touched.
-    definition.checkRight(UserDefinition::ManageUsers, nullptr);
-    // The reference copies rebuild root and the service accounts too (a device-specific root
-    // password goes back to the shipped one): like any change to an account outside the managed
-    // range, only the process's own root may run it, never a thread acting as a user manager.
-    detail::requireReachable(0, "root");
-    std::puts("Updating System files...");
     std::map<std::string, unsigned int> userGids;
     {
         // Declared first, destroyed last: root until the transactions have gone.
@@ -287,6 +328,23 @@ void filesSystemMigration() {
         // entry and could pair a name with another account's password: both files or neither.
         finalyzeSystemFilesTogether(passwords, shadows);
     }
+    return userGids;
+}
+
+}  // namespace detail
+
+void filesSystemMigration() {
+    const detail::CallerScope operation;
+    // The profile step updates every carried-over account under the caller's rights.  A caller
+    // without them would get the files rewritten as root and then fail half way: refused here,
+    // before any file is touched.
+    UserDefinition::GetUserDefinition().checkRight(UserDefinition::ManageUsers, nullptr);
+    // The reference copies rebuild root and the service accounts too (a device-specific root
+    // password goes back to the shipped one): like any change to an account outside the managed
+    // range, only the process's own root may run it, never a thread acting as a user manager.
+    detail::requireReachable(0, "root");
+    std::puts("Updating System files...");
+    const std::map<std::string, unsigned int> userGids = detail::migrateAccountFiles();
     std::puts("Updating Profiles...");
     updateProfiles(userGids);
 }
