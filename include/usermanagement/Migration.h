@@ -13,6 +13,11 @@
 //   - each carried-over account keeps its profile when the new catalogue still has it, and
 //     is otherwise moved to the profile "viewers" and disabled.
 //
+// Where the device has a group shadow file (beside the group file), it is rebuilt for the
+// groups of the reference copy, whose password fields must then all be "x": otherwise
+// UMSystemErrorException 10 "updateGshadowFile error, a group of <reference copy> has a password
+// field other than "x", which <group shadow file> would hide; the files are not rewritten".
+//
 // Every step rebuilds its file from the reference copy and the accounts found, so a migration
 // that was interrupted is simply run again.
 //
@@ -47,7 +52,9 @@ TVC_UM_EXPORT void filesSystemMigration();
 // Writes every entry of the group reference copy, in order, to the temporary file.  The live
 // group file is not read.  A reference copy that names a group twice throws
 // UMSystemErrorException 10 "updateGroupFile error, <reference copy> names a group twice; the
-// files are not rewritten".
+// files are not rewritten"; one holding a group name that the user name rules of the library
+// refuse, UMSystemErrorException 10 "updateGroupFile error, <reference copy> holds a name the
+// account files cannot hold (<reason>); the files are not rewritten".
 TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
 
 // Copies to the temporary shadow file the next entry named `name`, read from the reference copy
@@ -62,9 +69,9 @@ TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name,
 // managed accounts of the live file (uid in that range, but 65534) with the shell
 // getUserShell(gid), each followed by its live shadow entry.  A managed name that
 // checkUserName refuses, or that an account written before it has, throws UMException 7 (see
-// filesSystemMigration); a reference copy that names an account twice throws
-// UMSystemErrorException 10 "updatePasswordFile error, <reference copy> names an account twice;
-// the files are not rewritten".  An account written
+// filesSystemMigration); a reference copy that names an account twice, or holds a system
+// account's name that those rules refuse, throws UMSystemErrorException 10 as updateGroupFile
+// does (with "updatePasswordFile" and "an account").  An account written
 // whose shadow stream has no entry of its name throws UMSystemErrorException 10
 // "updatePasswordFile error, the account of uid <uid> in <passwd file> has no entry in <shadow
 // file>; the files are not rewritten" (without it the account could not log in).  Returns the

@@ -37,6 +37,7 @@
 #include "files/EntryCopy.h"
 #include "files/GroupMembers.h"
 #include "files/ManagedRange.h"
+#include "files/UserName.h"
 #include "foundation/Raise.h"
 #include "system/AsRoot.h"
 
@@ -99,6 +100,17 @@ void writeEntry(FILE* target, const typename File::Entry& entry, const std::stri
     if (!written) throw UMSystemErrorException(UMSystemError::FileContents, failure, true);
 }
 
+// The names of the reference copy go into the device's files as they are: one the library
+// would refuse to write (an empty name, one that the shadow tools reject, a NIS reference...)
+// makes the reference copy unfit, refused before anything is installed.  The message names no
+// name, since it may hold anything.
+void checkReferenceName(const char* name, const std::string& path, const char* function) {
+    if (const char* reason = detail::userNameRefusal(name))
+        detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                              " holds a name the account files cannot hold (", reason,
+                                              "); the files are not rewritten");
+}
+
 }  // namespace
 
 // Every step reads its files on the transactions' own streams (EntryReader): the process's
@@ -112,6 +124,7 @@ void updateGroupFile(FileSystemUpdate& groupTransaction) {
     detail::copyEntriesFrom<GroupFile>(
         groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
         [&](const struct group& entry) {
+            checkReferenceName(entry.gr_name, groupTransaction.m_origFilePath, "updateGroupFile");
             if (!names.insert(entry.gr_name).second)
                 detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updateGroupFile error, ",
                                                       groupTransaction.m_origFilePath,
@@ -152,6 +165,15 @@ void updateGshadowFile(FileSystemUpdate& gshadow) {
     std::string noPassword = "!";
     std::vector<char*> administrators;
     while (struct group* group = reference.next()) {
+        // With a group shadow file the group file's password field holds "x" and the password
+        // is here: a reference group with a password field of its own would be written beside
+        // a line here that hides it, a pair that grpck rejects.  Such a reference copy does not
+        // fit a device with this file and is refused before anything is installed.
+        if (group->gr_passwd == nullptr || std::strcmp(group->gr_passwd, "x") != 0)
+            detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, a group of ",
+                                                  gshadow.m_origFilePath,
+                                                  " has a password field other than \"x\", which ",
+                                                  gshadow.m_filePath, " would hide; the files are not rewritten");
         const auto found = kept.find(group->gr_name);
         administrators.clear();
         if (found != kept.end())
@@ -226,6 +248,7 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
         EntryReader<PasswdFile> reference(passwords.m_origFile, passwords.m_origFilePath, "updatePasswordFile");
         while (struct passwd* entry = reference.next()) {
             if (carriedOver(entry->pw_uid, definition)) continue;
+            checkReferenceName(entry->pw_name, passwords.m_origFilePath, "updatePasswordFile");
             if (!written.insert(entry->pw_name).second)
                 detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, ",
                                                       passwords.m_origFilePath,

@@ -95,8 +95,7 @@ int run(const std::string& command, std::string& output) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-bool grpckAccepts(const std::string& command) {
-    std::string output;
+bool grpckAccepts(const std::string& command, std::string& output) {
     const int status = run(command, output);
     if (status == 0) return true;
     if (status != 2) return false;
@@ -156,8 +155,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (run("pwck -q -r " + kDir + "passwd " + kDir + "shadow", output) != 0)
         fail("pwck refuses the passwd and shadow files written", output + readFile(kDir + "passwd") + "--\n" +
                                                                     readFile(kDir + "shadow"));
-    if (!grpckAccepts("grpck -r " + kDir + "group" + (gshadow ? " " + kDir + "gshadow" : std::string())))
-        fail("grpck refuses the group files written", readFile(kDir + "group"));
+    output.clear();
+    if (!grpckAccepts("grpck -r " + kDir + "group" + (gshadow ? " " + kDir + "gshadow" : std::string()), output))
+        fail("grpck refuses the group files written", output + readFile(kDir + "group"));
 
     // Every managed account carried over with its shadow password.
     const auto newPasswd = entries(readFile(kDir + "passwd"), 7);
