@@ -111,6 +111,17 @@ void checkReferenceName(const char* name, const std::string& path, const char* f
                                               "); the files are not rewritten");
 }
 
+// The C library reads the last field of a line (the shell, the member list) up to the end of
+// the line, separators included: "users:x:100:a:x:9:" gives users the member "a:x:9:".  Such a
+// line of the reference copy would go into the device's files with more fields than an entry
+// has, which the shadow tools reject: refused like a line that is no entry at all.
+void checkLastField(const char* field, const std::string& path, const char* function) {
+    if (field != nullptr && std::strchr(field, ':') != nullptr)
+        detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                              " holds a line of more fields than an entry has; the files are "
+                                              "not rewritten");
+}
+
 }  // namespace
 
 // Every step reads its files on the transactions' own streams (EntryReader): the process's
@@ -125,6 +136,8 @@ void updateGroupFile(FileSystemUpdate& groupTransaction) {
         groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
         [&](const struct group& entry) {
             checkReferenceName(entry.gr_name, groupTransaction.m_origFilePath, "updateGroupFile");
+            for (char** member = entry.gr_mem; member != nullptr && *member != nullptr; ++member)
+                checkLastField(*member, groupTransaction.m_origFilePath, "updateGroupFile");
             if (!names.insert(entry.gr_name).second)
                 detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updateGroupFile error, ",
                                                       groupTransaction.m_origFilePath,
@@ -249,6 +262,7 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
         while (struct passwd* entry = reference.next()) {
             if (carriedOver(entry->pw_uid, definition)) continue;
             checkReferenceName(entry->pw_name, passwords.m_origFilePath, "updatePasswordFile");
+            checkLastField(entry->pw_shell, passwords.m_origFilePath, "updatePasswordFile");
             if (!written.insert(entry->pw_name).second)
                 detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, ",
                                                       passwords.m_origFilePath,

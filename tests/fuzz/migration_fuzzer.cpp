@@ -8,9 +8,10 @@
 // Oracle: no crash, and either
 //   - the run is refused with a library exception (UMException and its kin, carrying a code)
 //     and every live file is byte for byte what it was; or
-//   - `pwck -q -r passwd shadow` and `grpck -r group [gshadow]` accept the files written, and
-//     every managed account of the live passwd file is in the new one with its uid, group,
-//     gecos and home, and the password field of its first live shadow entry.
+//   - `pwck -q -r passwd shadow` and `grpck -r group [gshadow]` accept the files written, no
+//     temporary file is left, and every managed account of the live passwd file is in the new
+//     one with its uid, group, gecos, home and its profile's shell, and the password field of
+//     its first live shadow entry.
 // pwck runs with -q: its other checks (the home exists, the group and the shell are known)
 // are about the machine it runs on, not about the files.  grpck has no such switch; its
 // complaints about members unknown to the machine's passwd database are ignored the same way,
@@ -170,7 +171,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         bool found = false;
         for (const auto& entry : newPasswd)
             found = found || (entry[0] == account[0] && idOf(entry[2]) == uid && idOf(entry[3]) == idOf(account[3]) &&
-                              entry[4] == account[4] && entry[5] == account[5]);
+                              entry[4] == account[4] && entry[5] == account[5] &&
+                              entry[6] == configuration.getUserShell(static_cast<unsigned int>(idOf(account[3]))));
         if (!found) fail("managed account lost", account[0]);
         for (const auto& old : oldShadow) {
             if (old[0] != account[0]) continue;
