@@ -70,7 +70,8 @@ TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name,
 // Writes the system accounts of the passwd reference copy (uid outside getBaseUid() to
 // getBaseUid() + getMaxUser() - 1, or 65534) with their reference shadow entries, then the
 // managed accounts of the live file (uid in that range, but 65534) with the shell
-// getUserShell(gid), each followed by its live shadow entry.  A managed name that
+// getUserShell(gid), each followed by its live shadow entry; the shadow entry of an account is
+// the first of its name in its file (the one the system reads), wherever the file holds it.  A managed name that
 // checkUserName refuses, or that an account written before it has, throws UMException 7 (see
 // filesSystemMigration); a reference copy that names an account twice, holds a system account's
 // name that those rules refuse or a shell holding ':', throws UMSystemErrorException 10 as

@@ -207,9 +207,12 @@ void updateGshadowFile(FileSystemUpdate& gshadow) {
 namespace {
 
 // updateShadowFile, telling whether an entry was written.
-bool copyShadowEntry(FileSystemUpdate& shadows, const char* name, bool fromReference) {
+// With `firstOfName`, the search starts at the top: the entry copied is the first of that
+// name, the one every reader of the system finds.
+bool copyShadowEntry(FileSystemUpdate& shadows, const char* name, bool fromReference, bool firstOfName) {
     FILE* source = fromReference ? shadows.m_origFile : shadows.m_file;
     const std::string& path = fromReference ? shadows.m_origFilePath : shadows.m_filePath;
+    if (firstOfName && source != nullptr) rewind(source);
     // The search goes on where the previous one stopped: with the shadow entries in the order of
     // the passwd entries, each stream is read once over a whole rewrite.  A file in another
     // order (an entry added by another tool, a hand edit) must not cost an account its password
@@ -232,10 +235,13 @@ bool copyShadowEntry(FileSystemUpdate& shadows, const char* name, bool fromRefer
 // Every account written to the new passwd file has its shadow entry: without one the account
 // can no longer log in, and the shadow tools (pwck) reject the pair of files.  A passwd entry
 // whose shadow file has no entry of that name stops the file step before anything is installed.
-// The account is named by its uid, since its name may hold anything.
+// The account is named by its uid, since its name may hold anything.  The entry is the first of
+// its name: a file that holds a second one (an old line left by a hand edit or another tool)
+// must not give the account that one's password, which the system never used, when the order
+// of the passwd entries has carried the search past the first.
 void copyShadowEntryOf(FileSystemUpdate& shadows, const struct passwd& entry, bool fromReference,
                        const std::string& passwdPath) {
-    if (copyShadowEntry(shadows, entry.pw_name, fromReference)) return;
+    if (copyShadowEntry(shadows, entry.pw_name, fromReference, true)) return;
     detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, the account of uid ",
                                           entry.pw_uid, " in ", passwdPath, " has no entry in ",
                                           fromReference ? shadows.m_origFilePath : shadows.m_filePath,
@@ -245,7 +251,7 @@ void copyShadowEntryOf(FileSystemUpdate& shadows, const struct passwd& entry, bo
 }  // namespace
 
 void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
-    (void)copyShadowEntry(shadows, name, fromReference);
+    (void)copyShadowEntry(shadows, name, fromReference, false);
 }
 
 std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords, FileSystemUpdate& shadows) {
