@@ -54,10 +54,10 @@ TVC_UM_EXPORT void filesSystemMigration();
 // UMSystemErrorException 10 "updateGroupFile error, <reference copy> names a group twice; the
 // files are not rewritten"; one holding a group name that the user name rules of the library
 // refuse, UMSystemErrorException 10 "updateGroupFile error, <reference copy> holds a name the
-// account files cannot hold (<reason>); the files are not rewritten"; one whose member list holds
-// a ':' (a line of more fields than a group entry has), UMSystemErrorException 10
-// "updateGroupFile error, <reference copy> holds a line of more fields than an entry has; the
-// files are not rewritten".
+// account files cannot hold (<reason>); the files are not rewritten"; one with a line that is no
+// whole group entry as every reader takes it (fields missing or too many, blanks before the
+// name), UMSystemErrorException 10 "updateGroupFile error, <reference copy> holds a line that is
+// no whole group entry; the files are not rewritten".
 TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
 
 // Copies to the temporary shadow file the next entry named `name`, read from the reference copy
@@ -74,8 +74,10 @@ TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name,
 // the first of its name in its file (the one the system reads), wherever the file holds it.  A managed name that
 // checkUserName refuses, or that an account written before it has, throws UMException 7 (see
 // filesSystemMigration); a reference copy that names an account twice, holds a system account's
-// name that those rules refuse or a shell holding ':', throws UMSystemErrorException 10 as
-// updateGroupFile does (with "updatePasswordFile" and "an account").  An account written
+// name that those rules refuse, or a shell holding ':' (UMSystemErrorException 10
+// "updatePasswordFile error, <reference copy> holds a line of more fields than an entry has;
+// the files are not rewritten"), throws UMSystemErrorException 10 as updateGroupFile does (with
+// "updatePasswordFile" and "an account").  An account written
 // whose shadow stream has no entry of its name throws UMSystemErrorException 10
 // "updatePasswordFile error, the account of uid <uid> in <passwd file> has no entry in <shadow
 // file>; the files are not rewritten" (without it the account could not log in).  Returns the

@@ -12,12 +12,14 @@
 #include <pwd.h>
 #include <shadow.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -45,7 +47,6 @@ namespace usermanagement {
 
 namespace {
 
-using detail::EntryAction;
 using detail::EntryReader;
 using detail::EntryWriter;
 using detail::GroupFile;
@@ -111,10 +112,10 @@ void checkReferenceName(const char* name, const std::string& path, const char* f
                                               "); the files are not rewritten");
 }
 
-// The C library reads the last field of a line (the shell, the member list) up to the end of
-// the line, separators included: "users:x:100:a:x:9:" gives users the member "a:x:9:".  Such a
-// line of the reference copy would go into the device's files with more fields than an entry
-// has, which the shadow tools reject: refused like a line that is no entry at all.
+// The C library reads the last field of a passwd line, the shell, up to the end of the line,
+// separators included: "svc:x:9:9::/:/bin/sh:x" gives svc the shell "/bin/sh:x".  Such a line of
+// the reference copy would go into the device's file with more fields than an entry has, which
+// the shadow tools reject: refused like a line that is no entry at all.
 void checkLastField(const char* field, const std::string& path, const char* function) {
     if (field != nullptr && std::strchr(field, ':') != nullptr)
         detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
@@ -128,23 +129,34 @@ void checkLastField(const char* field, const std::string& path, const char* func
 // getpwent, getgrent and getspent streams belong to the host, which may be enumerating on another
 // thread, and are never set, read or ended here.
 void updateGroupFile(FileSystemUpdate& groupTransaction) {
-    // A group name twice would give the device two groups of one name (the group shadow file
-    // too, built from the same lines), which the system's readers and grpck do not accept:
-    // such a reference copy is refused before anything is installed.
+    constexpr const char* function = "updateGroupFile";
+    const std::string& path = groupTransaction.m_origFilePath;
+    // Each line goes to the device as it was read, so it must be a whole group entry as every
+    // reader takes it: the C library also accepts lines with fields missing or with blanks
+    // before the name, which other readers (grpck, the shadow tools) refuse.  A group name
+    // twice would give the device two groups of one name (the group shadow file too, built
+    // from the same lines).  Such a reference copy is refused before anything is installed.
     std::set<std::string> names;
-    detail::copyEntriesFrom<GroupFile>(
-        groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
-        [&](const struct group& entry) {
-            checkReferenceName(entry.gr_name, groupTransaction.m_origFilePath, "updateGroupFile");
-            for (char** member = entry.gr_mem; member != nullptr && *member != nullptr; ++member)
-                checkLastField(*member, groupTransaction.m_origFilePath, "updateGroupFile");
-            if (!names.insert(entry.gr_name).second)
-                detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updateGroupFile error, ",
-                                                      groupTransaction.m_origFilePath,
-                                                      " names a group twice; the files are not rewritten");
-            return EntryAction::Keep;
-        },
-        "updateGroupFile", "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
+    EntryReader<GroupFile> reference(groupTransaction.m_origFile, path, function);
+    EntryWriter<GroupFile> writer(groupTransaction.m_tmpFile,
+                                  std::string(function) + " error in writing to " + groupTransaction.m_tmpFilePath);
+    while (struct group* entry = reference.next()) {
+        checkReferenceName(entry->gr_name, path, function);
+        std::size_t size = 0;
+        const char* line = reference.intactLine(size);
+        const std::string_view text = line != nullptr ? std::string_view(line, size) : std::string_view();
+        const std::string_view name(entry->gr_name);
+        if (line == nullptr || text.substr(0, name.size()) != name || text.substr(name.size(), 1) != ":" ||
+            std::count(text.begin(), text.end(), ':') != 3)
+            detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                                  " holds a line that is no whole group entry; the files are not "
+                                                  "rewritten");
+        if (!names.insert(entry->gr_name).second)
+            detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                                  " names a group twice; the files are not rewritten");
+        writer.writeLine(line, size);
+    }
+    writer.flush();
 }
 
 namespace {

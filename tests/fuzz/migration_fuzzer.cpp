@@ -25,7 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -53,14 +53,9 @@ public:
 
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
-
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
+void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 std::vector<std::string> split(const std::string& text, char separator) {
     std::vector<std::string> parts(1);
@@ -100,18 +95,15 @@ bool grpckAccepts(const std::string& command, std::string& output) {
     const int status = run(command, output);
     if (status == 0) return true;
     if (status != 2) return false;
+    const auto has = [](const std::string& line, const char* part) { return line.find(part) != std::string::npos; };
     for (const std::string& line : split(output, '\n')) {
-        if (line.empty() || line == "grpck: no changes" || line.rfind("delete member '", 0) == 0 ||
-            line.rfind("delete administrative member '", 0) == 0)
-            continue;
-        if ((line.rfind("group ", 0) == 0 || line.rfind("shadow group ", 0) == 0) &&
-            (line.find(": no user ") != std::string::npos ||
-             line.find(": no administrative user ") != std::string::npos))
-            continue;
-        // A warning, which alone exits 0.
-        if (line.find(" is a member of the ") != std::string::npos && line.find(" but not in ") != std::string::npos)
-            continue;
-        return false;
+        const bool ignored = line.empty() || line == "grpck: no changes" || line.rfind("delete member '", 0) == 0 ||
+                             line.rfind("delete administrative member '", 0) == 0 ||
+                             ((line.rfind("group ", 0) == 0 || line.rfind("shadow group ", 0) == 0) &&
+                              (has(line, ": no user ") || has(line, ": no administrative user "))) ||
+                             // a warning, which alone exits 0
+                             (has(line, " is a member of the ") && has(line, " but not in "));
+        if (!ignored) return false;
     }
     return true;
 }
@@ -135,9 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const char* name : live) unlink((kDir + name).c_str());
     for (int i = 0; i < 3; ++i) writeFile(kDir + live[i], pieces[i]);
     if (gshadow) writeFile(kDir + "gshadow", pieces[6]);
-    writeFile("/etc/passwd.orig", pieces[3]);
-    writeFile("/etc/shadow.orig", pieces[4]);
-    writeFile("/etc/group.orig", pieces[5]);
+    for (int i = 3; i < 6; ++i) writeFile(std::string("/etc/") + live[i - 3] + ".orig", pieces[i]);
 
     try {
         (void)usermanagement::detail::migrateAccountFiles();
