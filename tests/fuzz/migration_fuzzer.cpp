@@ -16,6 +16,7 @@
 // are about the machine it runs on, not about the files.  grpck has no such switch; its
 // complaints about members unknown to the machine's passwd database are ignored the same way,
 // any other complaint or exit status fails.
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -93,11 +94,13 @@ int run(const std::string& command, std::string& output) {
 
 bool grpckAccepts(const std::string& command, std::string& output) {
     const int status = run(command, output);
+    output.insert(0, "status " + std::to_string(status) + "\n");
     if (status == 0) return true;
     if (status != 2) return false;
     const auto has = [](const std::string& line, const char* part) { return line.find(part) != std::string::npos; };
     for (const std::string& line : split(output, '\n')) {
-        const bool ignored = line.empty() || line == "grpck: no changes" || line.rfind("delete member '", 0) == 0 ||
+        const bool ignored = line.empty() || line.rfind("status ", 0) == 0 || line == "grpck: no changes" ||
+                             line.rfind("delete member '", 0) == 0 ||
                              line.rfind("delete administrative member '", 0) == 0 ||
                              ((line.rfind("group ", 0) == 0 || line.rfind("shadow group ", 0) == 0) &&
                               (has(line, ": no user ") || has(line, ": no administrative user "))) ||
@@ -106,6 +109,16 @@ bool grpckAccepts(const std::string& command, std::string& output) {
         if (!ignored) return false;
     }
     return true;
+}
+
+// Descriptors the process has open.
+int openDescriptors() {
+    int count = 0;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (readdir(dir) != nullptr) ++count;
+        closedir(dir);
+    }
+    return count;
 }
 
 [[noreturn]] void fail(const char* what, const std::string& detail) {
@@ -129,6 +142,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (gshadow) writeFile(kDir + "gshadow", pieces[6]);
     for (int i = 3; i < 6; ++i) writeFile(std::string("/etc/") + live[i - 3] + ".orig", pieces[i]);
 
+    // Whatever the outcome, the run closes what it opened.
+    static const int descriptors = openDescriptors();
+    struct Leak {
+        ~Leak() {
+            if (openDescriptors() > descriptors) fail("descriptor left open", "");
+        }
+    } leak;
     try {
         (void)usermanagement::detail::migrateAccountFiles();
     } catch (const usermanagement::UMException& refusal) {
@@ -146,9 +166,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (access((kDir + name).c_str(), F_OK) == 0) fail("temporary file left", name);
 
     std::string output;
-    if (run("pwck -q -r " + kDir + "passwd " + kDir + "shadow", output) != 0)
-        fail("pwck refuses the passwd and shadow files written", output + readFile(kDir + "passwd") + "--\n" +
-                                                                    readFile(kDir + "shadow"));
+    if (const int status = run("pwck -q -r " + kDir + "passwd " + kDir + "shadow", output); status != 0)
+        fail("pwck refuses the passwd and shadow files written",
+             "status " + std::to_string(status) + "\n" + output + readFile(kDir + "passwd") + "--\n" +
+                 readFile(kDir + "shadow"));
     output.clear();
     if (!grpckAccepts("grpck -r " + kDir + "group" + (gshadow ? " " + kDir + "gshadow" : std::string()), output))
         fail("grpck refuses the group files written", output + readFile(kDir + "group"));
