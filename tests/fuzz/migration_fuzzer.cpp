@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -85,9 +86,14 @@ long long idOf(const std::string& field) {
 int run(const std::string& command, std::string& output) {
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) std::abort();  // the checker itself cannot run
+    // read() itself: libFuzzer's timer signal interrupts reads, and a stdio stream would take
+    // that for the end, close the pipe and kill the checker with SIGPIPE.
     char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+    for (;;) {
+        const ssize_t n = read(fileno(pipe), buffer, sizeof buffer);
+        if (n > 0) output.append(buffer, static_cast<std::size_t>(n));
+        else if (n == 0 || errno != EINTR) break;
+    }
     const int status = pclose(pipe);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
