@@ -13,6 +13,11 @@
 //   - each carried-over account keeps its profile when the new catalogue still has it, and
 //     is otherwise moved to the profile "viewers" and disabled.
 //
+// Where the device has a group shadow file (beside the group file), it is rebuilt for the
+// groups of the reference copy, whose password fields must then all be "x": otherwise
+// UMSystemErrorException 10 "updateGshadowFile error, a group of <reference copy> has a password
+// field other than "x", which <group shadow file> would hide; the files are not rewritten".
+//
 // Every step rebuilds its file from the reference copy and the accounts found, so a migration
 // that was interrupted is simply run again.
 //
@@ -37,14 +42,22 @@ class FileSystemUpdate;
 // the whole file step) the three new files are built, then the group file is installed, then
 // the password and shadow files together (both installed or neither), then the profiles of the
 // carried-over accounts under the caller's own identity.  A carried-over name the library
-// would refuse to write stops it before anything is installed: UMException 7
+// would refuse to write, or one that an account written before it has (a system account of the
+// new version, another managed account), stops it before anything is installed: UMException 7
 // "filesSystemMigration (rename the managed account of uid <uid> first) error, bad user name:
 // <reason>".  Prints "Updating System files..." and "Updating Profiles..." on standard output.
 // Killed at any point and run again, it ends with the files and account states of a whole run.
 TVC_UM_EXPORT void filesSystemMigration();
 
 // Writes every entry of the group reference copy, in order, to the temporary file.  The live
-// group file is not read.
+// group file is not read.  A reference copy that names a group twice throws
+// UMSystemErrorException 10 "updateGroupFile error, <reference copy> names a group twice; the
+// files are not rewritten"; one holding a group name that the user name rules of the library
+// refuse, UMSystemErrorException 10 "updateGroupFile error, <reference copy> holds a name the
+// account files cannot hold (<reason>); the files are not rewritten"; one with a line that is no
+// whole group entry as every reader takes it (fields missing or too many, blanks before the
+// name), UMSystemErrorException 10 "updateGroupFile error, <reference copy> holds a line that is
+// no whole group entry; the files are not rewritten".
 TVC_UM_EXPORT void updateGroupFile(FileSystemUpdate& groupTransaction);
 
 // Copies to the temporary shadow file the next entry named `name`, read from the reference copy
@@ -57,9 +70,18 @@ TVC_UM_EXPORT void updateShadowFile(FileSystemUpdate& shadows, const char* name,
 // Writes the system accounts of the passwd reference copy (uid outside getBaseUid() to
 // getBaseUid() + getMaxUser() - 1, or 65534) with their reference shadow entries, then the
 // managed accounts of the live file (uid in that range, but 65534) with the shell
-// getUserShell(gid), each followed by its live shadow entry.  A managed name that
-// checkUserName refuses throws UMException 7 (see filesSystemMigration).  Returns the managed
-// accounts' names with their group id; the first entry of a name counts.
+// getUserShell(gid), each followed by its live shadow entry; the shadow entry of an account is
+// the first of its name in its file (the one the system reads), wherever the file holds it.  A managed name that
+// checkUserName refuses, or that an account written before it has, throws UMException 7 (see
+// filesSystemMigration); a reference copy that names an account twice, holds a system account's
+// name that those rules refuse, or a shell holding ':' (UMSystemErrorException 10
+// "updatePasswordFile error, <reference copy> holds a line of more fields than an entry has;
+// the files are not rewritten"), throws UMSystemErrorException 10 as updateGroupFile does (with
+// "updatePasswordFile" and "an account").  An account written
+// whose shadow stream has no entry of its name throws UMSystemErrorException 10
+// "updatePasswordFile error, the account of uid <uid> in <passwd file> has no entry in <shadow
+// file>; the files are not rewritten" (without it the account could not log in).  Returns the
+// managed accounts' names with their group id.
 TVC_UM_EXPORT std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords,
                                                                      FileSystemUpdate& shadows);
 

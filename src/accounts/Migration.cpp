@@ -12,11 +12,14 @@
 #include <pwd.h>
 #include <shadow.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -31,17 +34,19 @@
 #include "access/Caller.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
+#include "accounts/MigrationFiles.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
 #include "files/GroupMembers.h"
 #include "files/ManagedRange.h"
+#include "files/UserName.h"
+#include "foundation/Raise.h"
 #include "system/AsRoot.h"
 
 namespace usermanagement {
 
 namespace {
 
-using detail::EntryAction;
 using detail::EntryReader;
 using detail::EntryWriter;
 using detail::GroupFile;
@@ -69,10 +74,16 @@ bool carriedOver(unsigned int uid, UserDefinition& definition) {
 // library would refuse to write (a NIS reference, a comment, a control character) is refused
 // here too, while the file step has written nothing yet.  The message names the account by its
 // uid, since its name may hold anything.
-void checkCarriedName(const struct passwd& entry) {
+// A name already written, by a system account of the new version or by another managed
+// account, is refused the same way: two accounts of one name would share a login (the first
+// entry wins every lookup), and pwck rejects the files.
+void checkCarriedName(const struct passwd& entry, const std::set<std::string>& written) {
     const std::string function =
         "filesSystemMigration (rename the managed account of uid " + std::to_string(entry.pw_uid) + " first)";
     detail::checkUserName(entry.pw_name, function.c_str());
+    if (written.count(entry.pw_name) != 0)
+        throw UMException(UMError::BadUserName, (function + " error, bad user name").c_str(),
+                          "the name of another account", umlog::Ctx::getCtx().getUsername(), true);
 }
 
 // Writes one entry to a temporary file.  Hosts of the migration match on the text in the
@@ -90,16 +101,62 @@ void writeEntry(FILE* target, const typename File::Entry& entry, const std::stri
     if (!written) throw UMSystemErrorException(UMSystemError::FileContents, failure, true);
 }
 
+// The names of the reference copy go into the device's files as they are: one the library
+// would refuse to write (an empty name, one that the shadow tools reject, a NIS reference...)
+// makes the reference copy unfit, refused before anything is installed.  The message names no
+// name, since it may hold anything.
+void checkReferenceName(const char* name, const std::string& path, const char* function) {
+    if (const char* reason = detail::userNameRefusal(name))
+        detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                              " holds a name the account files cannot hold (", reason,
+                                              "); the files are not rewritten");
+}
+
+// The C library reads the last field of a passwd line, the shell, up to the end of the line,
+// separators included: "svc:x:9:9::/:/bin/sh:x" gives svc the shell "/bin/sh:x".  Such a line of
+// the reference copy would go into the device's file with more fields than an entry has, which
+// the shadow tools reject: refused like a line that is no entry at all.
+void checkLastField(const char* field, const std::string& path, const char* function) {
+    if (field != nullptr && std::strchr(field, ':') != nullptr)
+        detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                              " holds a line of more fields than an entry has; the files are "
+                                              "not rewritten");
+}
+
 }  // namespace
 
 // Every step reads its files on the transactions' own streams (EntryReader): the process's
 // getpwent, getgrent and getspent streams belong to the host, which may be enumerating on another
 // thread, and are never set, read or ended here.
 void updateGroupFile(FileSystemUpdate& groupTransaction) {
-    detail::copyEntriesFrom<GroupFile>(
-        groupTransaction, groupTransaction.m_origFile, groupTransaction.m_origFilePath,
-        [](const struct group&) { return EntryAction::Keep; }, "updateGroupFile",
-        "updateGroupFile error in writing to " + groupTransaction.m_tmpFilePath);
+    constexpr const char* function = "updateGroupFile";
+    const std::string& path = groupTransaction.m_origFilePath;
+    // Each line goes to the device as it was read, so it must be a whole group entry as every
+    // reader takes it: the C library also accepts lines with fields missing or with blanks
+    // before the name, which other readers (grpck, the shadow tools) refuse.  A group name
+    // twice would give the device two groups of one name (the group shadow file too, built
+    // from the same lines).  Such a reference copy is refused before anything is installed.
+    std::set<std::string> names;
+    EntryReader<GroupFile> reference(groupTransaction.m_origFile, path, function);
+    EntryWriter<GroupFile> writer(groupTransaction.m_tmpFile,
+                                  std::string(function) + " error in writing to " + groupTransaction.m_tmpFilePath);
+    while (struct group* entry = reference.next()) {
+        checkReferenceName(entry->gr_name, path, function);
+        std::size_t size = 0;
+        const char* line = reference.intactLine(size);
+        const std::string_view text = line != nullptr ? std::string_view(line, size) : std::string_view();
+        const std::string_view name(entry->gr_name);
+        if (line == nullptr || text.substr(0, name.size()) != name || text.substr(name.size(), 1) != ":" ||
+            std::count(text.begin(), text.end(), ':') != 3)
+            detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                                  " holds a line that is no whole group entry; the files are not "
+                                                  "rewritten");
+        if (!names.insert(entry->gr_name).second)
+            detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, ", path,
+                                                  " names a group twice; the files are not rewritten");
+        writer.writeLine(line, size);
+    }
+    writer.flush();
 }
 
 namespace {
@@ -133,6 +190,15 @@ void updateGshadowFile(FileSystemUpdate& gshadow) {
     std::string noPassword = "!";
     std::vector<char*> administrators;
     while (struct group* group = reference.next()) {
+        // With a group shadow file the group file's password field holds "x" and the password
+        // is here: a reference group with a password field of its own would be written beside
+        // a line here that hides it, a pair that grpck rejects.  Such a reference copy does not
+        // fit a device with this file and is refused before anything is installed.
+        if (group->gr_passwd == nullptr || std::strcmp(group->gr_passwd, "x") != 0)
+            detail::raise<UMSystemErrorException>(UMSystemError::FileContents, function, " error, a group of ",
+                                                  gshadow.m_origFilePath,
+                                                  " has a password field other than \"x\", which ",
+                                                  gshadow.m_filePath, " would hide; the files are not rewritten");
         const auto found = kept.find(group->gr_name);
         administrators.clear();
         if (found != kept.end())
@@ -150,9 +216,15 @@ void updateGshadowFile(FileSystemUpdate& gshadow) {
 
 }  // namespace
 
-void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
+namespace {
+
+// updateShadowFile, telling whether an entry was written.
+// With `firstOfName`, the search starts at the top: the entry copied is the first of that
+// name, the one every reader of the system finds.
+bool copyShadowEntry(FileSystemUpdate& shadows, const char* name, bool fromReference, bool firstOfName) {
     FILE* source = fromReference ? shadows.m_origFile : shadows.m_file;
     const std::string& path = fromReference ? shadows.m_origFilePath : shadows.m_filePath;
+    if (firstOfName && source != nullptr) rewind(source);
     // The search goes on where the previous one stopped: with the shadow entries in the order of
     // the passwd entries, each stream is read once over a whole rewrite.  A file in another
     // order (an entry added by another tool, a hand edit) must not cost an account its password
@@ -166,15 +238,40 @@ void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromRefe
             if (std::strcmp(entry->sp_namp, name) != 0) continue;
             writeEntry<ShadowFile>(shadows.m_tmpFile, *entry,
                                    "updateEntryInShadowFile error in writing to " + shadows.m_tmpFilePath);
-            return;
+            return true;
         }
     }
+    return false;
+}
+
+// Every account written to the new passwd file has its shadow entry: without one the account
+// can no longer log in, and the shadow tools (pwck) reject the pair of files.  A passwd entry
+// whose shadow file has no entry of that name stops the file step before anything is installed.
+// The account is named by its uid, since its name may hold anything.  The entry is the first of
+// its name: a file that holds a second one (an old line left by a hand edit or another tool)
+// must not give the account that one's password, which the system never used, when the order
+// of the passwd entries has carried the search past the first.
+void copyShadowEntryOf(FileSystemUpdate& shadows, const struct passwd& entry, bool fromReference,
+                       const std::string& passwdPath) {
+    if (copyShadowEntry(shadows, entry.pw_name, fromReference, true)) return;
+    detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, the account of uid ",
+                                          entry.pw_uid, " in ", passwdPath, " has no entry in ",
+                                          fromReference ? shadows.m_origFilePath : shadows.m_filePath,
+                                          "; the files are not rewritten");
+}
+
+}  // namespace
+
+void updateShadowFile(FileSystemUpdate& shadows, const char* name, bool fromReference) {
+    (void)copyShadowEntry(shadows, name, fromReference, false);
 }
 
 std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwords, FileSystemUpdate& shadows) {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     const std::string failure = "updateEntryInPasswordFile error in writing to " + passwords.m_tmpFilePath;
     std::map<std::string, unsigned int> userGids;
+    // The names of the accounts written so far: each is written once.
+    std::set<std::string> written;
 
     // The system accounts are the new version's: those of the reference copy, with its shadow
     // entries.  Managed accounts a reference copy might hold are not the device's.
@@ -182,8 +279,14 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
         EntryReader<PasswdFile> reference(passwords.m_origFile, passwords.m_origFilePath, "updatePasswordFile");
         while (struct passwd* entry = reference.next()) {
             if (carriedOver(entry->pw_uid, definition)) continue;
+            checkReferenceName(entry->pw_name, passwords.m_origFilePath, "updatePasswordFile");
+            checkLastField(entry->pw_shell, passwords.m_origFilePath, "updatePasswordFile");
+            if (!written.insert(entry->pw_name).second)
+                detail::raise<UMSystemErrorException>(UMSystemError::FileContents, "updatePasswordFile error, ",
+                                                      passwords.m_origFilePath,
+                                                      " names an account twice; the files are not rewritten");
             writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
-            updateShadowFile(shadows, entry->pw_name, true);
+            copyShadowEntryOf(shadows, *entry, true, passwords.m_origFilePath);
         }
     }
 
@@ -192,10 +295,11 @@ std::map<std::string, unsigned int> updatePasswordFile(FileSystemUpdate& passwor
         EntryReader<PasswdFile> live(passwords.m_file, passwords.m_filePath, "updatePasswordFile");
         while (struct passwd* entry = live.next()) {
             if (!carriedOver(entry->pw_uid, definition)) continue;
-            checkCarriedName(*entry);
+            checkCarriedName(*entry, written);
+            written.insert(entry->pw_name);
             entry->pw_shell = const_cast<char*>(definition.getUserShell(entry->pw_gid));
             writeEntry<PasswdFile>(passwords.m_tmpFile, *entry, failure);
-            updateShadowFile(shadows, entry->pw_name, false);
+            copyShadowEntryOf(shadows, *entry, false, passwords.m_filePath);
             userGids.emplace(entry->pw_name, entry->pw_gid);
         }
     }
@@ -237,18 +341,10 @@ void updateProfiles(std::map<std::string, unsigned int> userGids) {
     }
 }
 
-void filesSystemMigration() {
-    const detail::CallerScope operation;
+namespace detail {
+
+std::map<std::string, unsigned int> migrateAccountFiles() {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
-    // The profile step updates every carried-over account under the caller's rights.  A caller
-    // without them would get the files rewritten as root and then fail half way: refused here,
-    // before any file is touched.
-    definition.checkRight(UserDefinition::ManageUsers, nullptr);
-    // The reference copies rebuild root and the service accounts too (a device-specific root
-    // password goes back to the shipped one): like any change to an account outside the managed
-    // range, only the process's own root may run it, never a thread acting as a user manager.
-    detail::requireReachable(0, "root");
-    std::puts("Updating System files...");
     std::map<std::string, unsigned int> userGids;
     {
         // Declared first, destroyed last: root until the transactions have gone.
@@ -287,6 +383,23 @@ void filesSystemMigration() {
         // entry and could pair a name with another account's password: both files or neither.
         finalyzeSystemFilesTogether(passwords, shadows);
     }
+    return userGids;
+}
+
+}  // namespace detail
+
+void filesSystemMigration() {
+    const detail::CallerScope operation;
+    // The profile step updates every carried-over account under the caller's rights.  A caller
+    // without them would get the files rewritten as root and then fail half way: refused here,
+    // before any file is touched.
+    UserDefinition::GetUserDefinition().checkRight(UserDefinition::ManageUsers, nullptr);
+    // The reference copies rebuild root and the service accounts too (a device-specific root
+    // password goes back to the shipped one): like any change to an account outside the managed
+    // range, only the process's own root may run it, never a thread acting as a user manager.
+    detail::requireReachable(0, "root");
+    std::puts("Updating System files...");
+    const std::map<std::string, unsigned int> userGids = detail::migrateAccountFiles();
     std::puts("Updating Profiles...");
     updateProfiles(userGids);
 }

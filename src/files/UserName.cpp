@@ -49,7 +49,10 @@ bool isWhitespace(char32_t point) {
 const char* userNameRefusal(const std::string& name) {
     if (name.empty()) return "empty";
     if (name.size() > kMaxUserName) return "longer than 32 bytes";
-    if (name[0] == '+' || name[0] == '-' || name[0] == '#') return "starts with '+', '-' or '#'";
+    // '~' too: shells read "~name" as that account's home, and the shadow tools (useradd, pwck,
+    // grpck) refuse such a name, so a file holding one no longer passes their checks.
+    if (name[0] == '+' || name[0] == '-' || name[0] == '~' || name[0] == '#')
+        return "starts with '+', '-', '~' or '#'";
     if (name == "." || name == "..") return "is '.' or '..'";
     if (name.find_first_not_of("0123456789") == std::string::npos) return "all digits, like a uid";
     for (std::size_t at = 0; at < name.size();) {

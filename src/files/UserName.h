@@ -6,7 +6,8 @@
 //   - holding a NUL byte: the file would get only the part before it while every comparison
 //     sees the whole string, so "admin\0" would become a second "admin";
 //   - holding ':' (the field separator), a newline or another control character (C0, DEL, C1);
-//   - starting with '+' or '-' (NIS references to the writer) or '#' (a comment to every reader);
+//   - starting with '+' or '-' (NIS references to the writer), '#' (a comment to every reader)
+//     or '~' (a home directory to shells; the shadow tools refuse it);
 //   - "." or "..": a name becomes a path (home, mail spool, tally), and these name directories;
 //   - all digits: tools that take NAME|UID (the command-line host among them) would read it as
 //     another account's uid;

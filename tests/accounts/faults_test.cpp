@@ -96,6 +96,14 @@ TEST_F(Migration, RefusesBeforeWritingAndSkipsWhatIsGone) {
          usermanagement::filesSystemMigration,
          "7 filesSystemMigration (rename the managed account of uid 10005 first) error, bad user name",
          ""},
+        // The next version brings a system account of that name.
+        {"sysupdate:x:10005:10002::/home/admin:/bin/sh\n", "sysupdate:!!:20454:0:99999:7:::\n",
+         usermanagement::filesSystemMigration,
+         "7 filesSystemMigration (rename the managed account of uid 10005 first) error, bad user name", ""},
+        {"lonely:x:10005:10002::/home/admin:/bin/sh\n", "", usermanagement::filesSystemMigration,
+         "10 updatePasswordFile error, the account of uid 10005 in /etc/passwd has no entry in /etc/shadow; the "
+         "files are not rewritten",
+         ""},
         {"", "",
          [] {
              FileSystemUpdate held("/etc/passwd", "/etc/tmppassd", true);

@@ -388,7 +388,8 @@ TEST_F(ChecksTest, OneNameCheckForCreateAndRename) {
         {"a\xed\xa0\x80", "not valid UTF-8"},  // a surrogate
         {"", "empty"},
         {std::string(33, 'n'), "longer than 32 bytes"},
-        {"-nis", "starts with '+', '-' or '#'"},
+        {"-nis", "starts with '+', '-', '~' or '#'"},
+        {"~home", "starts with '+', '-', '~' or '#'"},
         {"x:0", "holds a NUL byte, ':', a newline or another control character"},
         {std::string("admin\0", 6), "holds a NUL byte, ':', a newline or another control character"},
         {"j\xc3\xbcrgen", nullptr},
