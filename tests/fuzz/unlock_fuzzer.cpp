@@ -86,7 +86,7 @@ bool whiteSpace(char32_t c) {
 // Whether UserName.h's list refuses `name`.
 bool listRefuses(const std::string& name) {
     if (name.empty() || name.size() > kMaxUserName) return true;
-    if (name[0] == '+' || name[0] == '-' || name[0] == '#' || name == "." || name == "..") return true;
+    if (name[0] == '+' || name[0] == '-' || name[0] == '~' || name[0] == '#' || name == "." || name == "..") return true;
     if (name.find_first_not_of("0123456789") == std::string::npos) return true;
     std::vector<char32_t> points;
     if (!decode(name, points)) return true;
