@@ -12,7 +12,7 @@
 //   - appendPlain* write exactly the bytes that putpwent/putspent would write, and decline
 //     (false, nothing appended) the entries those functions refuse or rewrite.
 //
-// tests/files/lines_test.cpp holds both sides against the C library.
+// tests/fuzz/entries_fuzzer.cpp holds both sides against the C library on any bytes.
 #pragma once
 
 #include <pwd.h>
