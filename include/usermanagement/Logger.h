@@ -3,8 +3,8 @@
 // a host derives from Logger, overrides logMessage and installs its object with setLogger.
 // The text the library passes is always one line: names and messages in it may hold anything,
 // so every control character is written out (\n, \t, \r, or \xHH for the other bytes
-// 0x00-0x1f and 0x7f); other bytes, backslashes and invalid UTF-8 included, are passed as they
-// are.  The ip is the host's own (the log context's, or the address a login came from).
+// 0x00-0x1f and 0x7f) and a backslash is written \\, which makes the escaping reversible; other
+// bytes, invalid UTF-8 included, are passed as they are.  The ip is the host's own (the log context's, or the address a login came from).
 #pragma once
 
 #include <string>

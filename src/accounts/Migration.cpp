@@ -225,8 +225,9 @@ bool copyShadowEntry(FileSystemUpdate& shadows, const char* name, bool fromRefer
     FILE* source = fromReference ? shadows.m_origFile : shadows.m_file;
     const std::string& path = fromReference ? shadows.m_origFilePath : shadows.m_filePath;
     if (firstOfName && source != nullptr) rewind(source);
-    // The search goes on where the previous one stopped: with the shadow entries in the order of
-    // the passwd entries, each stream is read once over a whole rewrite.  A file in another
+    // Without `firstOfName`, the search goes on where the previous one stopped: with the shadow
+    // entries in the order of the passwd entries, each stream is read once over a whole
+    // rewrite.  A file in another
     // order (an entry added by another tool, a hand edit) must not cost an account its password
     // (its holder could no longer log in): when the rest of the stream has no entry of that
     // name, the search starts over once from the top.

@@ -145,8 +145,8 @@ public:
         }
     }
 
-    // The line of the last entry as read (its newline included when it had one), when the
-    // parse left it untouched: null otherwise.
+    // The line of the last entry as read, when the parse left it untouched (null otherwise):
+    // with its newline, which a last line without one was given for the C library's parser.
     const char* intactLine(std::size_t& size) const {
         size = m_size;
         return m_lineIntact ? m_line : nullptr;

@@ -11,8 +11,10 @@
 namespace usermanagement::detail {
 
 // `text` with every control character written out: a newline as \n, a tab as \t, a carriage
-// return as \r, every other byte 0x00-0x1f and 0x7f as \xHH (lower-case hex).  Everything else,
-// a backslash included, stays as it is, so an ordinary line is unchanged.
+// return as \r, every other byte 0x00-0x1f and 0x7f as \xHH (lower-case hex), and a backslash
+// as \\, so that the text reads back unambiguously (a name holding the four characters "\x1b"
+// and a name holding ESC give two different lines).  Everything else stays as it is, so an
+// ordinary line is unchanged.
 std::string oneLogLine(const std::string& text);
 
 // Hands oneLogLine(text) to the installed sink (Logger::GetLogger()).

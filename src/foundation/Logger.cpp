@@ -31,7 +31,9 @@ std::string oneLogLine(const std::string& text) {
     line.reserve(text.size());
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
+        if (c == '\\') {
+            line += "\\\\";
+        } else if (byte >= 0x20 && byte != 0x7f) {
             line += c;
         } else if (c == '\n') {
             line += "\\n";

@@ -16,9 +16,11 @@ inline void readToEnd(std::FILE* stream, std::string* kept) {
     char piece[4096];
     for (;;) {
         const std::size_t got = std::fread(piece, 1, sizeof piece, stream);
+        // Taken before the append, whose allocation may change errno even when it succeeds.
+        const bool interrupted = got != sizeof piece && std::ferror(stream) && errno == EINTR;
         if (kept != nullptr) kept->append(piece, got);
         if (got == sizeof piece) continue;
-        if (!std::ferror(stream) || errno != EINTR) return;
+        if (!interrupted) return;
         std::clearerr(stream);
     }
 }

@@ -105,7 +105,7 @@ TEST(ExceptionLog, EveryLineIsOneLine) {
     UMException(UMError::UserNotFound, "m\r\t\x1b[31m", "d\x7f\\", "u", true).logCdsMessage();
     ASSERT_EQ(sink.messages.size(), 2u);
     EXPECT_EQ(sink.messages[0].text, "Session - Authentication failed  <a\\naudit 8/1: forged>");
-    EXPECT_EQ(sink.messages[1].text, "User not found,(5)m\\r\\t\\x1b[31m,d\\x7f\\");
+    EXPECT_EQ(sink.messages[1].text, "User not found,(5)m\\r\\t\\x1b[31m,d\\x7f\\\\");
 }
 
 // The library's throws carry the calling thread's own context user, a message whose numbers never

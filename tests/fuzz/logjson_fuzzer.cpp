@@ -2,8 +2,8 @@
 //
 // Contract (Logger.h, TvcException.h, LogLine.h):
 //   - the text the sink receives is one line: no byte 0x00-0x1f or 0x7f.  Control characters
-//     of the names and messages are written \n, \t, \r or \xHH; every other byte, a backslash
-//     or invalid UTF-8 included, is passed as it is;
+//     of the names and messages are written \n, \t, \r or \xHH, a backslash \\; every other
+//     byte, invalid UTF-8 included, is passed as it is;
 //   - a debug-severity line ends with the details ",(" code ")" what() "," description (the
 //     authorisation failures put ",for user:" user before them); the session and password
 //     failures' lines hold " <" user ">"; an audit event's line is its text; the sink gets the
@@ -58,7 +58,8 @@ std::string escaped(const std::string& text) {
         const auto b = static_cast<unsigned char>(c);
         char hex[5];
         std::snprintf(hex, sizeof hex, "\\x%02x", b);
-        out += c == '\n'                  ? "\\n"
+        out += c == '\\'                 ? "\\\\"
+               : c == '\n'                ? "\\n"
                : c == '\t'                ? "\\t"
                : c == '\r'                ? "\\r"
                : b < 0x20 || b == 0x7f ? hex
