@@ -74,7 +74,7 @@ summary() { # fuzzer
     cov=$(grep -o 'cov: [0-9]*' "$dir/log" | tail -1 | cut -d' ' -f2)
     ft=$(grep -o 'ft: [0-9]*' "$dir/log" | tail -1 | cut -d' ' -f2)
     corp=$(find "$HERE/corpus/$name" -type f | wc -l)
-    crashes=$(find "$dir/artifacts" -type f ! -name '*.min' | wc -l)
+    crashes=$(find "$dir/artifacts" -type f ! -name '*.min' ! -name '*.log' | wc -l)
     printf '%-12s %12s %8s %9s %7s %8s\n' "$name" "${execs:-?}" "${cov:-?}" "${ft:-?}" "$corp" "$crashes"
 }
 
@@ -111,7 +111,7 @@ for fuzzer in "$@"; do
     "$fuzzer" -merge=1 -use_counters=0 "$HERE/corpus/$name" "$dir/new" >"$dir/merge.log" 2>&1 ||
         echo "fuzz.sh: merging $name's finds failed, see $dir/merge.log" >&2
     for artifact in "$dir"/artifacts/*; do
-        [[ -f $artifact && $artifact != *.min ]] || continue
+        [[ -f $artifact && $artifact != *.min && $artifact != *.log ]] || continue
         status=1
         "$fuzzer" -minimize_crash=1 -max_total_time=60 -exact_artifact_path="$artifact.min" "$artifact" \
             >"$artifact.log" 2>&1 || true

@@ -117,14 +117,22 @@ bool grpckAccepts(const std::string& command, std::string& output) {
     return true;
 }
 
-// Descriptors the process has open.
-int openDescriptors() {
-    int count = 0;
+// The files under /etc the process has open: what the migration opens (the account files,
+// their temporary copies, the lock).  Descriptors elsewhere belong to the fuzzing run itself
+// (the sanitizer runtime reads /proc, libFuzzer writes its corpus) and are not counted.
+std::string openEtcFiles() {
+    std::string files;
     if (DIR* dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr) ++count;
+        while (const dirent* entry = readdir(dir)) {
+            char target[4096];
+            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+            const ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
+            if (length > 0 && std::strncmp(target, "/etc/", 5) == 0)
+                files += std::string(target, static_cast<std::size_t>(length)) + "\n";
+        }
         closedir(dir);
     }
-    return count;
+    return files;
 }
 
 [[noreturn]] void fail(const char* what, const std::string& detail) {
@@ -149,10 +157,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (int i = 3; i < 6; ++i) writeFile(std::string("/etc/") + live[i - 3] + ".orig", pieces[i]);
 
     // Whatever the outcome, the run closes what it opened.
-    static const int descriptors = openDescriptors();
+    static const std::string before = openEtcFiles();
     struct Leak {
         ~Leak() {
-            if (openDescriptors() > descriptors) fail("descriptor left open", "");
+            if (const std::string now = openEtcFiles(); now != before) fail("file left open", now);
         }
     } leak;
     try {
