@@ -35,6 +35,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "accounts/MigrationFiles.h"
+#include "system/ReadToEnd.h"
 
 namespace {
 
@@ -86,14 +87,8 @@ long long idOf(const std::string& field) {
 int run(const std::string& command, std::string& output) {
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) std::abort();  // the checker itself cannot run
-    // read() itself: libFuzzer's timer signal interrupts reads, and a stdio stream would take
-    // that for the end, close the pipe and kill the checker with SIGPIPE.
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = read(fileno(pipe), buffer, sizeof buffer);
-        if (n > 0) output.append(buffer, static_cast<std::size_t>(n));
-        else if (n == 0 || errno != EINTR) break;
-    }
+    // libFuzzer's timer signal interrupts reads: the library's reader reads on to the end.
+    usermanagement::detail::readToEnd(pipe, &output);
     const int status = pclose(pipe);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

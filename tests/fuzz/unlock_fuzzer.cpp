@@ -30,6 +30,7 @@
 
 #include "accounts/TallyCommand.h"
 #include "files/UserName.h"
+#include "system/ReadToEnd.h"
 
 namespace {
 
@@ -102,16 +103,8 @@ std::string runThroughShell(const std::string& command) {
     FILE* stream = popen(command.c_str(), "r");
     if (stream == nullptr) std::abort();  // the shell did not start
     std::string received;
-    char buffer[512];
-    // libFuzzer's timer signal may end a read with EINTR: read on to the end of the output.
-    for (;;) {
-        const std::size_t n = std::fread(buffer, 1, sizeof buffer, stream);
-        received.append(buffer, n);
-        if (n == sizeof buffer || (std::ferror(stream) && errno == EINTR))
-            std::clearerr(stream);
-        else
-            break;
-    }
+    // libFuzzer's timer signal interrupts reads: the library's reader reads on to the end.
+    usermanagement::detail::readToEnd(stream, &received);
     if (const int status = pclose(stream); status != 0) {
         std::fprintf(stderr, "pclose: status %d, errno %d\n", status, errno);
         std::abort();  // the stand-in did not run or failed
