@@ -9,7 +9,9 @@
 // An account's traces outside its passwd and shadow entries go with it: its name leaves every
 // group member list, and the failed-login record of its uid is reset on removal and again on
 // creation (the record is kept per uid, and uids are handed out again: a removed account's
-// failures must not lock the next account given its uid at birth).  A new account is listed
+// failures must not lock the next account given its uid at birth).  The reset is a process of
+// its own (the tally tool through the shell), several times the cost of the rest of the
+// operation: it runs unless the record is known to count nothing (noFailuresRecorded).  A new account is listed
 // exactly in the groups its profile grants; a profile change moves its memberships, a rename
 // renames them (ProfileGroups, files/GroupMembers.h).
 #include <usermanagement/User.h>
@@ -28,6 +30,7 @@
 #include "accounts/AccountFiles.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
+#include "accounts/Tally.h"
 #include "accounts/ProfileGroups.h"
 #include "files/EntryChecks.h"
 #include "files/UserName.h"
@@ -121,7 +124,8 @@ User User::createUser(const std::string& name, const std::string& password, bool
         // an account that cannot log in with its own password is not created.
         files.install([&result] {
             LookLockUpdate stale;
-            result.resetFailedLogins(stale);
+            if (!detail::noFailuresRecorded(result.m_uid, definition().getTallyFilePath()))
+                result.resetFailedLogins(stale);
         });
     }
     result.retrieveUserName();
@@ -241,7 +245,8 @@ void User::removeUser() {
     // an account can still be removed; the record of its uid is reset when the next account
     // takes the uid.
     LookLockUpdate removed;
-    if (detail::userNameRefusal(m_userName) == nullptr) resetFailedLogins(removed);
+    if (detail::userNameRefusal(m_userName) == nullptr && !detail::noFailuresRecorded(m_uid, config.getTallyFilePath()))
+        resetFailedLogins(removed);
     files.install();
     detail::logAccountEvent(detail::AccountDeleted, "User account - deleted <" + m_userName + ">");
 }

@@ -23,12 +23,20 @@ constexpr std::size_t kCountOffset = 54;
 constexpr std::size_t kTimeOffset = 56;
 }  // namespace
 
-detail::TallyEntry detail::tallyEntryOf(unsigned int uid, const std::string& tallyFilePath) {
+namespace {
+
+enum class Record { Read, Absent, Unknown };
+
+// The record of `uid` into `entry`.  Absent: the file does not exist or ends before the
+// record, so nothing is counted for `uid`.  Unknown: the file exists but could not be read as
+// a tally (no permission, a read error, a FIFO, a device or a directory).
+Record readRecord(unsigned int uid, const std::string& tallyFilePath, detail::TallyEntry& entry) {
     // Non-blocking: a FIFO planted at the path must not hold the caller in open(); only a
-    // regular file is read (a FIFO, a device or a directory reads as "no failures").
+    // regular file is read.
     const detail::Descriptor tally(open(tallyFilePath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!tally) return errno == ENOENT ? Record::Absent : Record::Unknown;
     struct stat status {};
-    if (!tally || fstat(tally.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    if (fstat(tally.get(), &status) != 0 || !S_ISREG(status.st_mode)) return Record::Unknown;
     // 64-bit before multiplying: uid * 64 leaves 32 bits from uid 67108864 on.
     const std::uint64_t offset = static_cast<std::uint64_t>(uid) * kRecordSize;
     // Read under a read lock on the record: a login in flight has counted itself as a failure
@@ -43,14 +51,38 @@ detail::TallyEntry detail::tallyEntryOf(unsigned int uid, const std::string& tal
     while (fcntl(tally.get(), F_OFD_SETLKW, &lock) != 0 && errno == EINTR) {
     }
     char record[kRecordSize];
-    if (pread(tally.get(), record, sizeof record, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof record))
-        return {};
+    const ssize_t got = pread(tally.get(), record, sizeof record, static_cast<off_t>(offset));
+    if (got < 0) return Record::Unknown;
+    // A sparse file reads zeros where no record was written; a file that ends inside the
+    // record was cut short, and is not trusted to say "no failures".
+    if (got == 0 && static_cast<std::uint64_t>(status.st_size) <= offset) return Record::Absent;
+    if (got != static_cast<ssize_t>(sizeof record)) return Record::Unknown;
     std::uint16_t count = 0;
-    TallyEntry entry;
     std::memcpy(&count, record + kCountOffset, sizeof count);
     std::memcpy(&entry.lastFailure, record + kTimeOffset, sizeof entry.lastFailure);
     entry.count = static_cast<int>(count);
-    return entry;
+    return Record::Read;
+}
+
+}  // namespace
+
+detail::TallyEntry detail::tallyEntryOf(unsigned int uid, const std::string& tallyFilePath) {
+    TallyEntry entry;
+    // What cannot be read counts as no failures here; noFailuresRecorded tells the two apart.
+    return readRecord(uid, tallyFilePath, entry) == Record::Read ? entry : TallyEntry{};
+}
+
+bool detail::noFailuresRecorded(unsigned int uid, const std::string& tallyFilePath) {
+    TallyEntry entry;
+    switch (readRecord(uid, tallyFilePath, entry)) {
+        case Record::Absent:
+            return entry.count == 0;
+        case Record::Read:
+            return entry.count == 0;
+        case Record::Unknown:
+            break;
+    }
+    return false;
 }
 
 int utilities::getLockCount(const unsigned int& uid, const std::string& tallyFilePath) {

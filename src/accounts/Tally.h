@@ -15,4 +15,9 @@ struct TallyEntry {
 // before the record.
 TallyEntry tallyEntryOf(unsigned int uid, const std::string& tallyFilePath);
 
+// Whether the file certainly counts no failed login for `uid`: it does not exist, ends before
+// the record, or the record's count is 0.  False whenever that cannot be known (a file that
+// cannot be opened or read, or is no regular file): the caller then resets as if there were.
+bool noFailuresRecorded(unsigned int uid, const std::string& tallyFilePath);
+
 }  // namespace usermanagement::detail

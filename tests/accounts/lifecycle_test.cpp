@@ -57,7 +57,7 @@ TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
         std::string commands;
     } steps[] = {
         {"create", [&] { user = std::make_unique<User>(User::createUser("newbie", first, 2, true, false, nullptr)); },
-         "newbie" + line, "$6$ " + first + " " + day, "1 User account - created <newbie>\n", tallyReset("newbie")},
+         "newbie" + line, "$6$ " + first + " " + day, "1 User account - created <newbie>\n", ""},
         // Both in one call: the events in the order of the fields, the cache reloaded once.
         {"rename+profile", [&] { user->updateUser(&rookie, &operators, nullptr, nullptr, nullptr, nullptr); },
          "rookie" + moved, "$6$ " + first + " " + day,
@@ -70,7 +70,7 @@ TEST_F(LifeCycleTest, OneAccountThroughItsLife) {
          "!!$6$ " + second + " 0", "12 User account - deactivated <rookie>\n", ""},
         {"enable", [&] { user->updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); }, "rookie" + moved,
          "$6$ " + second + " 0", "11 User account - activated <rookie>\n", tallyReset("rookie")},
-        {"remove", [&] { user->removeUser(); }, "", "", "2 User account - deleted <rookie>\n", tallyReset("rookie")},
+        {"remove", [&] { user->removeUser(); }, "", "", "2 User account - deleted <rookie>\n", ""},
     };
     for (const auto& s : steps) {
         SCOPED_TRACE(s.step);
@@ -274,7 +274,7 @@ TEST_F(LifeCycleTest, HostileNamesReachTheUnlockCommandLiterally) {
         User user = User::createUserWithEncryptedPassword(name, "$6$salt$hash", 2, true, false, &skip);
         user.unLock();
         user.removeUser();
-        EXPECT_EQ(takeCommands(), tallyReset(name) + tallyReset(name) + tallyReset(name));  // create, unlock, remove
+        EXPECT_EQ(takeCommands(), tallyReset(name));  // no failures counted: only the unlock runs the tool
     }
 }
 

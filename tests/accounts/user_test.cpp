@@ -235,6 +235,47 @@ TEST_F(TallyResetTest, AResetThatDidNotHappenFailsTheOperationAndLogsNoUnlock) {
     EXPECT_EQ(outcome([&] { guest.unLock(); }), "ok");
 }
 
+// Creating and removing an account reset its uid's failed-login record, but the tool (a
+// process of its own) runs only when the record may count something: a record that cannot be
+// read is reset too, and a reset that fails still refuses the creation with nothing written.
+TEST_F(TallyResetTest, CreationAndRemovalRunTheToolUnlessNothingIsCounted) {
+    const std::string tally = "/var/log/tallylog", reset = "pam_tally2 [-f] [/var/log/tallylog] [-r] [-u] [tvcnew]\n";
+    const struct {
+        const char* what;
+        std::function<void()> plant;
+        std::string created, commands;  // creation's outcome; the commands of creation and removal
+    } rows[] = {
+        {"no tally file", [&] {}, "ok", ""},
+        {"a hole where the record goes", [&] { writeTally(tally, 10009, 2); }, "ok", ""},
+        {"a count left by the uid's last holder", [&] { writeTally(tally, 10005, 3); }, "ok", reset},
+        {"a record cut short",
+         [&] {
+             writeTally(tally, 10005, 3);
+             ASSERT_EQ(truncate(tally.c_str(), 10005 * 64 + 40), 0);
+         },
+         "ok", reset},
+        {"a directory at the tally path", [&] { ASSERT_EQ(mkdir(tally.c_str(), 0700), 0); }, "47", reset},
+    };
+    const bool skip = true;
+    const auto create = [&] { User::createUserWithEncryptedPassword("tvcnew", "$6$salt$hash", 2, true, false, &skip); };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        unlink(tally.c_str());
+        rmdir(tally.c_str());
+        row.plant();
+        takeCommands();
+        const Snapshot before({"/etc/passwd", "/etc/shadow", "/etc/group"}, {});
+        EXPECT_EQ(outcomeCode(create), row.created);
+        if (row.created == "ok") {
+            EXPECT_EQ(getLockCount(10005, tally), 0);
+            EXPECT_EQ(outcome([] { User("tvcnew").removeUser(); }), "ok");
+        }
+        before.expectUnchanged();
+        EXPECT_EQ(takeCommands(), row.commands);
+    }
+    rmdir(tally.c_str());
+}
+
 constexpr auto code = outcomeCode;
 
 std::string files() {
