@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -21,7 +22,9 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <usermanagement/UMException.h>
 #include <usermanagement/UserDefinition.h>
@@ -109,10 +112,12 @@ std::string installTarget(const std::string& live, const std::string& temporary)
 
 // The directory entry written by rename only survives a power cut once the directory itself
 // is synced.  The new file is in place either way, so a failure here is not reported.
-void syncParentDirectory(const std::string& path) {
-    const detail::Descriptor directory(open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+void syncDirectory(const std::string& path) {
+    const detail::Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory) (void)fsync(directory.get());
 }
+
+void syncParentDirectory(const std::string& path) { syncDirectory(directoryOf(path)); }
 
 // A regular file created by this call alone: never a leftover, never through a link.
 int createExclusively(const std::string& path) {
@@ -147,8 +152,10 @@ void completeTemporary(FileSystemUpdate& t) {
 }
 
 // Puts the file `source` in place of the live file of `t`: a rename as root, otherwise the
-// update command.
-void install(const FileSystemUpdate& t, const std::string& source) {
+// update command.  `renamedIn`, when given, receives the directory of a rename, which the
+// caller then syncs itself (once for every file of an operation that lie there); otherwise the
+// directory is synced here.
+void install(const FileSystemUpdate& t, const std::string& source, std::vector<std::string>* renamedIn = nullptr) {
     UserDefinition& definition = UserDefinition::GetUserDefinition();
     if (definition.hasRootProfile()) {
         const std::string target = installTarget(t.m_filePath, source);
@@ -156,7 +163,11 @@ void install(const FileSystemUpdate& t, const std::string& source) {
             const int error = errno;
             failTransaction(error, "rename error of:", source, " to ", t.m_filePath, " ", error, std::strerror(error));
         }
-        syncParentDirectory(target);
+        if (renamedIn == nullptr) {
+            syncParentDirectory(target);
+        } else if (std::find(renamedIn->begin(), renamedIn->end(), directoryOf(target)) == renamedIn->end()) {
+            renamedIn->push_back(directoryOf(target));
+        }
         return;
     }
     // The command line is the configured script text followed by the two paths exactly as the
@@ -348,17 +359,22 @@ void finalyzeSystemFilesTogether(const std::vector<FileSystemUpdate*>& files, co
     // The live files as they were, kept just before each is replaced; a deque, since a kept file
     // never moves.  Without a step after them, the last file needs no keeping.
     std::deque<KeptFile> kept;
+    // The account files share a directory: one sync of it makes all their renames survive a
+    // power cut, where a sync after each rename costs a disk flush per file.  A cut before it
+    // leaves the renames in the file system's order, as a cut between two syncs did.
+    std::vector<std::string> renamedIn;
     for (std::size_t done = 0; done < files.size(); ++done) {
         FileSystemUpdate& t = *files[done];
         try {
             if (installed || done + 1 < files.size()) kept.emplace_back(t);
-            install(t, t.m_tmpFilePath);
+            install(t, t.m_tmpFilePath, &renamedIn);
         } catch (const std::exception& failure) {
             putBack(kept, done, failure.what());
             throw;
         }
         (void)unlink(t.m_tmpFilePath.c_str());
     }
+    for (const std::string& directory : renamedIn) syncDirectory(directory);
     if (!installed) return;
     try {
         installed();
