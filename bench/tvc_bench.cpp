@@ -39,6 +39,7 @@
 // the account files there, so the program runs itself inside the device sandbox
 // (tools/sandbox/tvc-sandbox) and refuses to touch /etc outside it.
 #include <benchmark/benchmark.h>
+#include <security/pam_appl.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
@@ -49,18 +50,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include <authnz/WebPam.h>
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/PasswdEntries.h>
 #include <usermanagement/ShadowEntries.h>
@@ -108,6 +114,32 @@ void writeWhole(const std::string& path, const std::string& text) {
     if (std::fclose(file) != 0 || !ok) throw std::runtime_error("cannot write " + path);
 }
 
+// The process's resident memory in KiB as /proc/self/status gives it under `field` ("VmRSS:",
+// "VmHWM:").
+long statusKiB(const char* field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::strlen(field)));
+    throw std::runtime_error(std::string("no ") + field + " in /proc/self/status");
+}
+
+// The peak of resident memory over a benchmark's loop, above what was resident when it started:
+// the kernel's high-water mark is reset to the resident size first (clear_refs 5), so files that
+// were read whole into memory, or lines kept, would show here.  Reported as "peak_rss_kib".
+class PeakMemory {
+public:
+    PeakMemory() : m_start(statusKiB("VmRSS:")) {
+        std::ofstream reset("/proc/self/clear_refs");
+        if (!(reset << "5" << std::flush)) throw std::runtime_error("cannot reset the peak of resident memory");
+    }
+    void report(benchmark::State& state) const {
+        state.counters["peak_rss_kib"] = static_cast<double>(statusKiB("VmHWM:") - m_start);
+    }
+
+private:
+    long m_start;
+};
+
 // passwd and shadow files of `entries` accounts; returns their total size in bytes.
 std::size_t makeFiles(long entries) {
     std::string passwd, shadow;
@@ -146,6 +178,7 @@ void BM_AddRemove(benchmark::State& state) {
     const long entries = state.range(0);
     const std::size_t bytes = makeFiles(entries);
     PasswordType stored{true};
+    const PeakMemory peak;
     for (auto _ : state) {
         unsigned int uid = 0;
         transaction(scratch.passwd, scratch.passwdTmp, scratch.shadow, scratch.shadowTmp,
@@ -165,6 +198,7 @@ void BM_AddRemove(benchmark::State& state) {
     state.counters["rewrites"] = benchmark::Counter(iterations * 2, benchmark::Counter::kIsRate);
     state.SetBytesProcessed(static_cast<int64_t>(iterations * 2 * bytes));
     state.SetComplexityN(entries);
+    peak.report(state);
 }
 
 // Copies `from` into `to` with read/write and fsyncs `to`.
@@ -179,14 +213,28 @@ void copyAndSync(const std::string& from, const std::string& to, std::vector<cha
     close(out);
 }
 
+void renameOrThrow(const std::string& from, const std::string& to) {
+    if (rename(from.c_str(), to.c_str()) != 0) throw std::runtime_error("cannot rename " + from);
+}
+
+// The bytes of one rewrite of both files and nothing else: each file copied to a temporary file
+// and fsynced, both renamed into place, and the one directory sync that makes the renames
+// durable (as the library's operation syncs its directory once).  The copies replace files of
+// their own, so that the source files stay as generated.
 void BM_CopyAndSync(benchmark::State& state) {
     const long entries = state.range(0);
     const std::size_t bytes = makeFiles(entries);
     std::vector<char> buffer(1 << 16);
+    const std::string passwdCopy = scratch.passwd + ".copy", shadowCopy = scratch.shadow + ".copy";
     for (auto _ : state) {
         for (int round = 0; round < 2; ++round) {
             copyAndSync(scratch.passwd, scratch.passwdTmp, buffer);
             copyAndSync(scratch.shadow, scratch.shadowTmp, buffer);
+            renameOrThrow(scratch.passwdTmp, passwdCopy);
+            renameOrThrow(scratch.shadowTmp, shadowCopy);
+            const int directory = open(scratch.dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            if (directory < 0 || fsync(directory) != 0) throw std::runtime_error("cannot sync " + scratch.dir);
+            close(directory);
         }
     }
     const double iterations = static_cast<double>(state.iterations());
@@ -194,8 +242,8 @@ void BM_CopyAndSync(benchmark::State& state) {
     state.counters["rewrites"] = benchmark::Counter(iterations * 2, benchmark::Counter::kIsRate);
     state.SetBytesProcessed(static_cast<int64_t>(iterations * 2 * bytes));
     state.SetComplexityN(entries);
-    unlink(scratch.passwdTmp.c_str());
-    unlink(scratch.shadowTmp.c_str());
+    unlink(passwdCopy.c_str());
+    unlink(shadowCopy.c_str());
 }
 
 BENCHMARK(BM_CryptPwd)->Unit(benchmark::kMillisecond);
@@ -420,6 +468,37 @@ BENCHMARK_CAPTURE(BM_CheckRight, admin, "admin")->Arg(0)->Arg(10000)->Unit(bench
 BENCHMARK_CAPTURE(BM_CheckRight, root, "root")->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_UserUpdateState)->Arg(0)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
+// The sandbox's /etc with one more overlay, whose changes go to the scratch directory: the
+// fsyncs of the account operations, the library's and shadow-utils', then reach the disk (as a
+// device's reach its flash) rather than the sandbox's tmpfs.  For the whole run with
+// TVC_BENCH_ETC_ON_DISK=1, and for the comparisons' "disk" rows.  Only ever in the sandbox's
+// own mount namespace, which takes the mount with it when it ends.
+class EtcOnDisk {
+public:
+    explicit EtcOnDisk(const std::string& scratchDir, const char* name = "etc") : m_dir(scratchDir + "/" + name) {
+        (void)pristineFiles({});
+        const std::string upper = m_dir + "/upper", work = m_dir + "/work";
+        for (const std::string& dir : {m_dir, upper, work})
+            if (mkdir(dir.c_str(), 0700) != 0) throw std::runtime_error("cannot create " + dir);
+        const std::string options = "lowerdir=/etc,upperdir=" + upper + ",workdir=" + work;
+        if (mount("tvc-bench", "/etc", "overlay", 0, options.c_str()) != 0) {
+            const int error = errno;
+            std::filesystem::remove_all(m_dir);
+            throw std::runtime_error("cannot put /etc on disk: " + std::string(std::strerror(error)));
+        }
+    }
+    ~EtcOnDisk() {
+        umount2("/etc", MNT_DETACH);
+        std::error_code ignored;
+        std::filesystem::remove_all(m_dir, ignored);
+    }
+    EtcOnDisk(const EtcOnDisk&) = delete;
+    EtcOnDisk& operator=(const EtcOnDisk&) = delete;
+
+private:
+    std::string m_dir;
+};
+
 // ---- Account operations against shadow-utils ---------------------------------------------
 
 // The library's operations and Debian's shadow-utils on the same files: the sandbox's /etc
@@ -500,25 +579,35 @@ void runTool(std::vector<const char*> argv, const std::string& input = std::stri
 // createUser + removeUser.  `encrypted`: `password` is a ready-made hash stored as given;
 // otherwise plaintext, hashed with SHA-512 crypt.  `check`: the password is first judged by the
 // PAM service of the password rules (testpwd: pam_pwquality); useradd -p skips any such check.
-void createRemove(benchmark::State& state, const char* password, bool encrypted, bool check) {
+// With `disk` (a benchmark's second argument) /etc lies on disk for the benchmark: one more
+// overlay whose changes go to the scratch directory.
+std::unique_ptr<EtcOnDisk> etcOnDiskIf(bool disk) {
+    return disk ? std::make_unique<EtcOnDisk>(scratch.dir, "etc-rows") : nullptr;
+}
+
+void createRemove(benchmark::State& state, const char* password, bool encrypted, bool check, bool disk = false) {
     guarded(state, [&] {
         const ScopedDefinition scoped(lifeCycle);
+        const auto etc = etcOnDiskIf(disk);
         const FilledDevice files(state.range(0));
         const bool skipCheck = true;
+        const PeakMemory peak;
         for (auto _ : state) {
             User created = User::createUser(kNewAccount, password, encrypted, kNewProfile, true, false,
                                             check ? nullptr : &skipCheck);
             created.removeUser();
         }
+        peak.report(state);
     });
 }
 
-void BM_CreateRemove(benchmark::State& state) { createRemove(state, kHash, true, false); }
+void BM_CreateRemove(benchmark::State& state) { createRemove(state, kHash, true, false, state.range(1) != 0); }
 
 void BM_CreateRemovePlaintext(benchmark::State& state, bool check) { createRemove(state, kNewPassword, false, check); }
 
 void BM_UseraddUserdel(benchmark::State& state) {
     guarded(state, [&] {
+        const auto etc = etcOnDiskIf(state.range(1) != 0);
         const FilledDevice files(state.range(0));
         for (auto _ : state) {
             runTool({kUseradd, "-M", "-N", "-p", kHash, kNewAccount});
@@ -600,6 +689,93 @@ void BM_Chpasswd(benchmark::State& state, bool encrypted, bool tallyReset) {
     });
 }
 
+// ---- Logins ------------------------------------------------------------------------------
+
+// Answers every password prompt with the password; other messages get no answer.
+int answerWithPassword(int count, const struct pam_message** messages, struct pam_response** responses,
+                       void* password) {
+    auto* replies = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
+    if (replies == nullptr) return PAM_BUF_ERR;
+    for (int i = 0; i < count; ++i)
+        if (messages[i]->msg_style == PAM_PROMPT_ECHO_OFF || messages[i]->msg_style == PAM_PROMPT_ECHO_ON)
+            replies[i].resp = strdup(static_cast<const char*>(password));
+    *responses = replies;
+    return PAM_SUCCESS;
+}
+
+// The PAM transaction a login is built around, with nothing of the library: start, the client's
+// address, authenticate, account check, end.
+void barePamLogin(const char* service, const char* user, const char* password) {
+    struct pam_conv conversation = {answerWithPassword, const_cast<char*>(password)};
+    pam_handle_t* handle = nullptr;
+    int status = pam_start(service, user, &conversation, &handle);
+    if (status != PAM_SUCCESS) throw std::runtime_error("pam_start failed");
+    status = pam_set_item(handle, PAM_RHOST, "127.0.0.1");
+    if (status == PAM_SUCCESS) status = pam_authenticate(handle, 0);
+    if (status == PAM_SUCCESS) status = pam_acct_mgmt(handle, 0);
+    pam_end(handle, status);
+    if (status != PAM_SUCCESS) throw std::runtime_error("the bare PAM login failed with status " + std::to_string(status));
+}
+
+// A web login as the web host makes it through the library: the login service's transaction,
+// the password, the account check, the transaction ended.
+void libraryLogin(const char* user, const char* password) {
+    const std::unique_ptr<authnz::WebPam> pam(authnz::WebPam::GetPAM(user, "127.0.0.1", authnz::WebPam::WebLogin));
+    pam->pamAuthentication(password);
+    pam->pamAccount();
+}
+
+double percentileMs(std::vector<double> ms, double p) {
+    std::sort(ms.begin(), ms.end());
+    const auto rank = static_cast<std::size_t>(std::ceil(p / 100.0 * static_cast<double>(ms.size())));
+    return ms[std::max<std::size_t>(rank, 1) - 1];
+}
+
+// kLogins logins through the library and as many bare PAM transactions on the same service and
+// account, alternating (the order within a pair alternates too), so that both see the same
+// machine; the counters are the percentiles of each and their ratios.
+constexpr int kLogins = 1000;
+const char* const kLoginAccount = "viewer";
+const char* const kLoginPassword = "Viewer#2026";
+
+void BM_Login(benchmark::State& state) {
+    guarded(state, [&] {
+        const ScopedDefinition scoped(lifeCycle);
+        const std::string service = lifeCycle.getWebPam();
+        std::vector<double> library, bare;
+        const auto timed = [](std::vector<double>& series, const std::function<void()>& login) {
+            const auto start = std::chrono::steady_clock::now();
+            login();
+            series.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        };
+        const std::function<void()> throughLibrary = [] { libraryLogin(kLoginAccount, kLoginPassword); };
+        const std::function<void()> barePam = [&] { barePamLogin(service.c_str(), kLoginAccount, kLoginPassword); };
+        for (int i = 0; i < 5; ++i) {  // the modules loaded and the files cached first
+            throughLibrary();
+            barePam();
+        }
+        for (auto _ : state) {
+            for (int i = 0; i < kLogins; ++i) {
+                if (i % 2 == 0) {
+                    timed(library, throughLibrary);
+                    timed(bare, barePam);
+                } else {
+                    timed(bare, barePam);
+                    timed(library, throughLibrary);
+                }
+            }
+        }
+        for (const char* p : {"p50", "p99"}) {
+            const double rank = p[1] == '5' ? 50.0 : 99.0;
+            const double ours = percentileMs(library, rank), theirs = percentileMs(bare, rank);
+            state.counters[std::string("library_") + p + "_ms"] = ours;
+            state.counters[std::string("bare_pam_") + p + "_ms"] = theirs;
+            state.counters[std::string("ratio_") + p] = ours / theirs;
+        }
+    });
+}
+BENCHMARK(BM_Login)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // The sizes of the comparison; a shadow-utils operation on 100 000 accounts takes over a second,
 // so that size runs a fixed small number of iterations.
 void overAccountSizes(benchmark::internal::Benchmark* bench) {
@@ -615,8 +791,22 @@ void overLargeAccountFiles(benchmark::internal::Benchmark* bench) {
 #define TVC_COMPARE_CAPTURE(...)                             \
     BENCHMARK_CAPTURE(__VA_ARGS__)->Apply(overAccountSizes); \
     BENCHMARK_CAPTURE(__VA_ARGS__)->Apply(overLargeAccountFiles)
-TVC_COMPARE(BM_CreateRemove);
-TVC_COMPARE(BM_UseraddUserdel);
+// The create-and-remove comparison also with /etc on disk: the second argument.
+void overSizesAndStorage(benchmark::internal::Benchmark* bench) {
+    bench->ArgNames({"entries", "disk"})->Unit(benchmark::kMillisecond)->UseRealTime();
+    for (int disk : {0, 1})
+        for (long entries : {10, 1000, 10000}) bench->Args({entries, disk});
+    bench->MinTime(0.5);
+}
+void overLargeFilesAndStorage(benchmark::internal::Benchmark* bench) {
+    bench->ArgNames({"entries", "disk"})->Args({100000, 0})->Args({100000, 1});
+    bench->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+#define TVC_COMPARE_STORAGE(...)                        \
+    BENCHMARK(__VA_ARGS__)->Apply(overSizesAndStorage); \
+    BENCHMARK(__VA_ARGS__)->Apply(overLargeFilesAndStorage)
+TVC_COMPARE_STORAGE(BM_CreateRemove);
+TVC_COMPARE_STORAGE(BM_UseraddUserdel);
 TVC_COMPARE_CAPTURE(BM_CreateRemovePlaintext, skip_check, false);
 TVC_COMPARE_CAPTURE(BM_CreateRemovePlaintext, pam_check, true);
 TVC_COMPARE(BM_Reset);
@@ -648,36 +838,6 @@ void enterSandbox(char** argv) {
 }
 
 }  // namespace
-
-// With TVC_BENCH_ETC_ON_DISK=1 the sandbox's /etc gets one more overlay, whose changes go to the
-// scratch directory: the fsyncs of the account operations, the library's and shadow-utils',
-// then reach the disk (as a device's reach its flash) rather than the sandbox's tmpfs.  Only
-// ever in the sandbox's own mount namespace, which takes the mount with it when it ends.
-class EtcOnDisk {
-public:
-    explicit EtcOnDisk(const std::string& scratchDir) : m_dir(scratchDir + "/etc") {
-        (void)pristineFiles({});
-        const std::string upper = m_dir + "/upper", work = m_dir + "/work";
-        for (const std::string& dir : {m_dir, upper, work})
-            if (mkdir(dir.c_str(), 0700) != 0) throw std::runtime_error("cannot create " + dir);
-        const std::string options = "lowerdir=/etc,upperdir=" + upper + ",workdir=" + work;
-        if (mount("tvc-bench", "/etc", "overlay", 0, options.c_str()) != 0) {
-            const int error = errno;
-            std::filesystem::remove_all(m_dir);
-            throw std::runtime_error("cannot put /etc on disk: " + std::string(std::strerror(error)));
-        }
-    }
-    ~EtcOnDisk() {
-        umount2("/etc", MNT_DETACH);
-        std::error_code ignored;
-        std::filesystem::remove_all(m_dir, ignored);
-    }
-    EtcOnDisk(const EtcOnDisk&) = delete;
-    EtcOnDisk& operator=(const EtcOnDisk&) = delete;
-
-private:
-    std::string m_dir;
-};
 
 int main(int argc, char** argv) {
     enterSandbox(argv);
