@@ -287,7 +287,8 @@ armhf-suites: armhf-umctl armhf-webhost armhf-binfmt
 # The library's benchmarks for armhf, optimised, under qemu in the sandbox (build/armhf-bench).
 # The same benchmarks as `make bench`, cross-built with Google Benchmark from the sysroot, with
 # the sample device's PAM stack built for armhf next to them; BENCH_ARGS go to the benchmark.
-# Under qemu the figures show the emulated device's relative costs, not its real speed.
+# Only the library's code is emulated: system calls, fsync and shadow-utils' tools are the
+# host's, so the figures show where the time goes, not the device's speed.
 bench-armhf: deps armhf-sysroot armhf-binfmt
 	cmake -S . -B $(BUILD)/armhf-bench $(ARMHF_CMAKE) -DCMAKE_BUILD_TYPE=Release -DTVC_BUILD_TESTS=OFF \
 	    -DTVC_BUILD_BENCH=ON
