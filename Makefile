@@ -48,13 +48,15 @@ endif
 ARMHF_SYSROOT := $(BUILD)/armhf-sysroot
 ARMHF_CMAKE := --toolchain $(CURDIR)/cmake/armhf-linux-gnueabihf.cmake -DTVC_SYSROOT=$(ARMHF_SYSROOT)
 ARMHF_PAM_DIR := $(BUILD)/armhf/tools/sampledevice/pam
+# The armhf benchmarks' build has a PAM stack of its own (no tests there).
+ARMHF_BENCH_PAM_DIR := $(BUILD)/armhf-bench/tools/sampledevice/pam
 # The host files the sandbox must never change; `make test` checks them before and after.
 HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 
 .PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
-.PHONY: armhf-webhost bench-web help deb deb-amd64 deb-armhf deb-test fuzz fuzz-build fuzz-regress
+.PHONY: armhf-webhost bench-web bench-armhf help deb deb-amd64 deb-armhf deb-test fuzz fuzz-build fuzz-regress
 
 # One line per target: its name and the first line of the comment above it.
 help:
@@ -281,6 +283,18 @@ armhf-suites: armhf-umctl armhf-webhost armhf-binfmt
 	    $(CURDIR)/tests/webhost/armhf_smoke.sh $(BUILD)/armhf-webhost/tvc-webd || status=1; \
 	$(MAKE) armhf-abi || status=1; \
 	exit $$status
+
+# The library's benchmarks for armhf, optimised, under qemu in the sandbox (build/armhf-bench).
+# The same benchmarks as `make bench`, cross-built with Google Benchmark from the sysroot, with
+# the sample device's PAM stack built for armhf next to them; BENCH_ARGS go to the benchmark.
+# Only the library's code is emulated: system calls, fsync and shadow-utils' tools are the
+# host's, so the figures show where the time goes, not the device's speed.
+bench-armhf: deps armhf-sysroot armhf-binfmt
+	cmake -S . -B $(BUILD)/armhf-bench $(ARMHF_CMAKE) -DCMAKE_BUILD_TYPE=Release -DTVC_BUILD_TESTS=OFF \
+	    -DTVC_BUILD_BENCH=ON
+	cmake --build $(BUILD)/armhf-bench -j$(JOBS) --target tvc_bench tvc_pam_stack
+	QEMU_LD_PREFIX=$(ARMHF_SYSROOT) TVC_PAM_DIR=$(ARMHF_BENCH_PAM_DIR) $(SANDBOX) -- \
+	    $(BUILD)/armhf-bench/bench/tvc_bench $(BENCH_ARGS)
 
 # The installed armhf library's interface against the host build's.
 armhf-abi: stage armhf-library armhf-binfmt

@@ -29,7 +29,9 @@ packages=(libc6 libc6-dev libstdc++6 libgcc-s1 linux-libc-dev
     # requires (OpenSSL, zlib, brotli), and the header-only JSON library.
     libcpp-httplib-dev zlib1g-dev libbrotli-dev nlohmann-json3-dev
     # umctl's command line (header-only); it shares the JSON library with the web host.
-    libcli11-dev)
+    libcli11-dev
+    # The benchmarks (`make bench-armhf`): Google Benchmark and its shared library.
+    libbenchmark-dev libbenchmark1debian)
 work=$(dirname "$sysroot")/armhf-apt
 admindir=$work/dpkg
 [[ -f $sysroot/.complete && $(<"$sysroot/.complete") == "${packages[*]}" && -f $admindir/status ]] && exit 0
