@@ -134,21 +134,39 @@ FILE* openInput(const std::string& path, struct stat* status, int* statError) {
     return detail::openInputStream(fd);
 }
 
-// Steps before installing: close the inputs; flush, sync and close the temporary file.
-void completeTemporary(FileSystemUpdate& t) {
+// First step before installing: close the inputs and hand what the temporary file's stream
+// still buffers to the kernel.
+void flushTemporary(FileSystemUpdate& t) {
     closeStream(t.m_file);
     closeStream(t.m_origFile);
     // ferror: a write that failed earlier may have dropped buffered entries while a later
     // flush succeeds; such a file is incomplete and must not replace the live one.
-    if (t.m_tmpFile == nullptr || std::ferror(t.m_tmpFile) != 0 || std::fflush(t.m_tmpFile) != 0 ||
-        fsync(fileno(t.m_tmpFile)) != 0) {
+    if (t.m_tmpFile == nullptr || std::ferror(t.m_tmpFile) != 0 || std::fflush(t.m_tmpFile) != 0) {
         const int error = t.m_tmpFile == nullptr ? EBADF : errno;
+        closeStream(t.m_tmpFile);
+        failTransaction(error, "fflush or fsync error of:", t.m_tmpFilePath);
+    }
+}
+
+// Second step: the temporary file on disk, then closed.
+void syncTemporary(FileSystemUpdate& t) {
+    if (fsync(fileno(t.m_tmpFile)) != 0) {
+        const int error = errno;
         closeStream(t.m_tmpFile);
         failTransaction(error, "fflush or fsync error of:", t.m_tmpFilePath);
     }
     const int closed = std::fclose(t.m_tmpFile);
     t.m_tmpFile = nullptr;
     if (closed != 0) failTransaction(errno, "fclose error of:", t.m_tmpFilePath);
+}
+
+// Completes the temporary files of one operation: every file is flushed before any is synced.
+// A journalling file system then commits all their blocks with the first fsync, and the others
+// find nothing left to write; synced one after the other, each file's last buffer reached the
+// kernel only after the previous commit, and cost a commit (a disk flush) of its own.
+void completeTemporaries(const std::vector<FileSystemUpdate*>& files) {
+    for (FileSystemUpdate* t : files) flushTemporary(*t);
+    for (FileSystemUpdate* t : files) syncTemporary(*t);
 }
 
 // Puts the file `source` in place of the live file of `t`: a rename as root, otherwise the
@@ -347,7 +365,7 @@ void FileSystemUpdate::prepareSystemFiles() {
 }
 
 void FileSystemUpdate::finalyzeSystemFiles() {
-    completeTemporary(*this);
+    completeTemporaries({this});
     install(*this, m_tmpFilePath);
     // After a rename there is nothing left; after the update command the copy goes here.
     (void)unlink(m_tmpFilePath.c_str());
@@ -355,7 +373,7 @@ void FileSystemUpdate::finalyzeSystemFiles() {
 
 void finalyzeSystemFilesTogether(const std::vector<FileSystemUpdate*>& files, const std::function<void()>& installed) {
     // Every new file is complete on disk before any is installed.
-    for (FileSystemUpdate* t : files) completeTemporary(*t);
+    completeTemporaries(files);
     // The live files as they were, kept just before each is replaced; a deque, since a kept file
     // never moves.  Without a step after them, the last file needs no keeping.
     std::deque<KeptFile> kept;
