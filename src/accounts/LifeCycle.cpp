@@ -249,7 +249,9 @@ void User::removeUser() {
     detail::requireReachable(m_uid, m_userName);
     if (m_uid == config.getBaseUid())
         raise<UMException>(UMError::MainAccountUnremovable, m_userName, " :Forbidden deletion of the main user");
-    retrieveUserName();
+    // The object's name is not looked up again by its uid: what the object names is confirmed
+    // under the lock, where no lookup made out here can be outdated, and a stale object is
+    // refused there (41) whatever its name.
     if (m_uid == operation.uid())
         raise<UMException>(UMError::RemoveUserForbidden, m_userName, " :Forbidden to remove the current user");
 
