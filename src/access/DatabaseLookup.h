@@ -132,4 +132,9 @@ inline bool groupListOf(const char* name, gid_t gid, std::vector<gid_t>& groups)
     }
 }
 
+// The profile group of the account `name` whose passwd entry gives primary group `primary`, as
+// an object looks it up (LinuxUserSystem::getUserIds): `primary` when it is a profile group,
+// else the first profile group of its group list, else `primary` (LinuxUserSystem.cpp).
+unsigned int profileGidOf(const char* name, unsigned int primary);
+
 }  // namespace usermanagement::detail

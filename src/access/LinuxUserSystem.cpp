@@ -16,25 +16,17 @@
 #include "access/DatabaseLookup.h"
 #include "foundation/Raise.h"
 
-namespace systemutilities {
-
-namespace {
-
-using usermanagement::UMSystemErrorException;
-using usermanagement::detail::LookupStatus;
-using usermanagement::detail::raise;
-namespace db = usermanagement::detail;
-
 // The profile gid of an account whose primary group is `primary`: see the header.
 // The list starts small and grows to what the account has (groupListOf): sized for the
 // system's largest list (65 536 ids here), every lookup of an account such as root allocated
 // and released 256 KB.
-unsigned int profileGidOf(const char* name, unsigned int primary) {
+unsigned int usermanagement::detail::profileGidOf(const char* name, unsigned int primary) {
+    using systemutilities::LinuxUserSystem;
     if (LinuxUserSystem::isProfileGid(primary)) return primary;
     std::vector<gid_t> groups;
     try {
         // Without a list there is nothing to search; the primary group stands.
-        if (!db::groupListOf(name, primary, groups)) return primary;
+        if (!groupListOf(name, primary, groups)) return primary;
     } catch (const std::bad_alloc&) {
         return primary;
     }
@@ -42,6 +34,16 @@ unsigned int profileGidOf(const char* name, unsigned int primary) {
         if (LinuxUserSystem::isProfileGid(gid)) return gid;
     return primary;
 }
+
+namespace systemutilities {
+
+namespace {
+
+using usermanagement::UMSystemErrorException;
+using usermanagement::detail::LookupStatus;
+using usermanagement::detail::profileGidOf;
+using usermanagement::detail::raise;
+namespace db = usermanagement::detail;
 
 // A malloc'ed list of sysconf(_SC_NGROUPS_MAX) group ids for getGroups; `count` receives its
 // capacity.  Throws code 12 when it cannot be had.

@@ -1,7 +1,6 @@
 #include "accounts/AccountGuards.h"
 
 #include <authnz/AuthNZException.h>
-#include <systemutilities/LinuxUserSystem.h>
 #include <umlog/Ctx.h>
 #include <usermanagement/ErrorCodes.h>
 #include <usermanagement/UMException.h>
@@ -34,17 +33,13 @@ void requireReachable(unsigned int uid, const std::string& name) {
 }
 
 void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid) {
-    // First the files themselves: the lookups below see only the first entry of a uid or name.
-    requireWholeStoredAccount(uid, name);
-    const auto byId = userById(uid);
-    const auto shadow = shadowByName(name.c_str());
-    foundOrRaise(byId, name.c_str());
-    foundOrRaise(shadow, name.c_str());
-    // The ids of the name as an object looks them up: the group is the account's profile group.
-    unsigned int storedUid = 4294967295u, storedGid = 4294967295u;
-    const bool named = systemutilities::LinuxUserSystem::getUserIds(name.c_str(), &storedUid, &storedGid);
-    const bool same = byId.found() && shadow.found() && named && byId.entry.pw_name != nullptr &&
-                      name == byId.entry.pw_name && storedUid == uid && storedGid == gid;
+    // The files themselves, read through once: with one entry at most of the uid and of the
+    // name, the entry holding both is the one the name service answers for either, and its
+    // name has a shadow entry (the account is whole).  Asking the name service again would
+    // read the files three more times, whole for an account at their end.
+    const StoredAccount stored = requireWholeStoredAccount(uid, name);
+    // The group as an object looks it up: the account's profile group.
+    const bool same = stored.stored && profileGidOf(name.c_str(), stored.primaryGid) == gid;
     if (!same)
         raise<UMException>(UMError::StaleAccount, name, " :The account changed since it was looked up (uid ", uid,
                            "); look it up again");

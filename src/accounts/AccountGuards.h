@@ -29,10 +29,11 @@ bool callerIsProcessRoot();
 void requireReachable(unsigned int uid, const std::string& name);
 
 // UMException 43 or 44 when the files hold the account twice or in one file only
-// (requireWholeStoredAccount, StoredEntries.h); then UMException 41 (StaleAccount) unless the password database's entry of `uid` is named `name`,
-// the name's account has user id `uid` and profile group `gid` (as an object looks them up), and
-// the shadow file has an entry of `name`.  Called with the password-file lock held, so nothing can change between this
-// check and the rewrite.
+// (requireWholeStoredAccount, StoredEntries.h); then UMException 41 (StaleAccount) unless the
+// password file's entry of `uid` is named `name` with profile group `gid` (as an object looks
+// it up), which makes the shadow file's entry of `name` the account's too.  The files are read
+// through themselves, once, not asked of the name service.  Called with the password-file lock
+// held, so nothing can change between this check and the rewrite.
 void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid);
 
 }  // namespace usermanagement::detail

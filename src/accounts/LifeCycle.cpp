@@ -29,6 +29,7 @@
 #include "access/Caller.h"
 #include "accounts/AccountFiles.h"
 #include "accounts/AccountGuards.h"
+#include "accounts/AccountState.h"
 #include "accounts/AuditEvent.h"
 #include "accounts/Tally.h"
 #include "accounts/ProfileGroups.h"
@@ -128,9 +129,29 @@ User User::createUser(const std::string& name, const std::string& password, bool
                 result.resetFailedLogins(stale);
         });
     }
-    result.retrieveUserName();
-    result.retrieveProfile();
-    result.updateState();
+    // The object is given what a lookup of the new account would read back, from what was just
+    // written under the lock, instead of reading it back: each lookup of an account at the end
+    // of the files reads them whole.  Name, uid and profile group are those of the passwd entry.
+    // The profile is the catalogue's first of the group's name, as retrieveProfile finds it (the
+    // catalogue resolved the group's id from that name).  The flags are those updateState reads
+    // from the shadow entry as addEntryInShadowFile wrote it and from a tally that counts no
+    // failure for the uid (none was recorded, or the reset above cleared it).  Only the hash
+    // field's "!!" mark counts: a ready-made hash may bring one of its own, a computed one
+    // starts with "$".  The refresh's read check is kept: the policy answers as before.
+    config.checkRight(UserDefinition::ReadUser, nullptr);
+    result.m_profile = ProfileDefinition::GetProfileDefinition().getProfile(result.m_profile.getName());
+    const std::string storedMark = active ? (encrypted ? password.substr(0, 2) : std::string()) : "!!";
+    struct spwd written {};
+    written.sp_pwdp = const_cast<char*>(storedMark.c_str());
+    written.sp_lstchg = mustChange ? 0 : detail::daysSinceEpoch();
+    written.sp_max = maxAge;
+    written.sp_inact = -1;
+    written.sp_expire = thirdAge;
+    const detail::ShadowState state = detail::shadowStateOf(written, detail::daysSinceEpoch());
+    result.m_isActive = state.active;
+    result.m_isPasswordExpired = state.passwordExpired;
+    result.m_isAccountExpired = state.accountExpired;
+    result.m_isLocked = detail::lockedByFailures(0, detail::failedLoginLimit()) || state.inactive;
     detail::logAccountEvent(detail::AccountCreated, "User account - created <" + name + ">");
     return result;
 }
@@ -228,7 +249,9 @@ void User::removeUser() {
     detail::requireReachable(m_uid, m_userName);
     if (m_uid == config.getBaseUid())
         raise<UMException>(UMError::MainAccountUnremovable, m_userName, " :Forbidden deletion of the main user");
-    retrieveUserName();
+    // The object's name is not looked up again by its uid: what the object names is confirmed
+    // under the lock, where no lookup made out here can be outdated, and a stale object is
+    // refused there (41) whatever its name.
     if (m_uid == operation.uid())
         raise<UMException>(UMError::RemoveUserForbidden, m_userName, " :Forbidden to remove the current user");
 

@@ -32,14 +32,17 @@ void readThrough(const char* path, Count&& count) {
 
 }  // namespace
 
-void requireWholeStoredAccount(unsigned int uid, const std::string& name) {
+StoredAccount requireWholeStoredAccount(unsigned int uid, const std::string& name) {
     UserDefinition& config = UserDefinition::GetUserDefinition();
     const char* passwd = config.getPasswordFilePath();
     const char* shadow = config.getShadowFilePath();
     unsigned int byUid = 0, byName = 0, inShadow = 0;
+    StoredAccount account;
     readThrough<PasswdFile>(passwd, [&](const struct passwd& entry) {
-        byUid += entry.pw_uid == uid;
-        byName += name == entry.pw_name;
+        const bool hasUid = entry.pw_uid == uid, hasName = name == entry.pw_name;
+        byUid += hasUid;
+        byName += hasName;
+        if (hasUid && hasName) account = {true, entry.pw_gid};
     });
     readThrough<ShadowFile>(shadow, [&](const struct spwd& entry) { inShadow += name == entry.sp_namp; });
     if (byUid > 1 || byName > 1 || inShadow > 1)
@@ -54,6 +57,7 @@ void requireWholeStoredAccount(unsigned int uid, const std::string& name) {
         raise<UMException>(UMError::HalfStoredAccount, name, " :The account (uid ", uid, ") is in ",
                            inPasswd ? passwd : shadow, " but not in ", inPasswd ? shadow : passwd,
                            "; add the missing entry or remove the other before changing it");
+    return account;
 }
 
 }  // namespace usermanagement::detail

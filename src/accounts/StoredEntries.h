@@ -11,11 +11,18 @@
 
 namespace usermanagement::detail {
 
+// What the files hold of an account that requireWholeStoredAccount found whole: the primary
+// group of the passwd entry that has both the uid and the name, if one has.
+struct StoredAccount {
+    bool stored = false;
+    unsigned int primaryGid = 0;
+};
+
 // UMException 43 (DuplicatedAccount) when `uid` or `name` occurs in more than one passwd entry,
 // or `name` in more than one shadow entry; UMException 44 (HalfStoredAccount) when `name` is in
 // passwd and not in shadow, or the reverse.  Nothing when the name is in neither file (a stale
-// object, which the caller's lookups report).  A line the entry reader
-// refuses (EntryCopy.h) refuses the change the same way: UMSystemErrorException 10.
-void requireWholeStoredAccount(unsigned int uid, const std::string& name);
+// object, which the caller reports).  A line the entry reader refuses (EntryCopy.h) refuses the
+// change the same way: UMSystemErrorException 10.  Otherwise what the files hold of the account.
+StoredAccount requireWholeStoredAccount(unsigned int uid, const std::string& name);
 
 }  // namespace usermanagement::detail

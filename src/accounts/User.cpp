@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -24,6 +26,7 @@
 
 #include "access/Caller.h"
 #include "access/DatabaseLookup.h"
+#include "accounts/AccountState.h"
 #include "files/PasswordFileLock.h"
 #include "foundation/Raise.h"
 #include "system/AsRoot.h"
@@ -54,6 +57,41 @@ template <class... Parts>
 bool isDisabled(const char* field) { return field != nullptr && std::strncmp(field, kDisabledMark, 2) == 0; }
 
 }  // namespace
+
+namespace detail {
+
+ShadowState shadowStateOf(const spwd& entry, long today) {
+    ShadowState state;
+    state.active = entry.sp_pwdp != nullptr && !isDisabled(entry.sp_pwdp);
+    state.accountExpired = entry.sp_expire >= 0 && entry.sp_expire < today;
+    if (entry.sp_lstchg == 0) state.passwordExpired = true;
+    // An empty last-change field (-1) turns ageing off; so does an empty maximum age.
+    if (entry.sp_lstchg != -1 && entry.sp_max != -1) {
+        const long elapsed = today - entry.sp_lstchg;
+        if (entry.sp_max < elapsed) {
+            state.passwordExpired = true;
+            // The inactivity period (sp_inact) runs from the end of the maximum age.
+            if (entry.sp_inact != -1 && elapsed - entry.sp_max - entry.sp_inact > 0) state.inactive = true;
+        }
+    }
+    return state;
+}
+
+long daysSinceEpoch() { return static_cast<long>(std::time(nullptr)) / 86400; }
+
+int failedLoginLimit() {
+    try {
+        int limit = -1;
+        UserDefinition::GetUserDefinition().getDBLockCount(limit);
+        return limit;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return -1;
+    }
+}
+
+}  // namespace detail
 
 User::User(unsigned int uid, std::string name)
     : m_uid(uid),
@@ -212,9 +250,8 @@ void User::retrieveLockState(LookLockUpdate& look) {
     try {
         UserDefinition& definition = UserDefinition::GetUserDefinition();
         const int count = utilities::getLockCount(m_uid, definition.getTallyFilePath());
-        int limit = -1;
-        definition.getDBLockCount(limit);
-        if (limit != -1 && limit <= count) {
+        const int limit = detail::failedLoginLimit();
+        if (detail::lockedByFailures(count, limit)) {
             m_isLocked = true;
             look.locked = true;
             if (limit == count) look.justLocked = true;
@@ -240,20 +277,11 @@ void User::updateState() {
     const auto shadow = detail::shadowByName(m_userName.c_str());
     if (!detail::foundOrRaise(shadow, m_userName.c_str()))
         raise<UMException>(UMError::UserNotFound, m_userName, " :User not found");
-    const spwd& entry = shadow.entry;
-    const long today = static_cast<long>(std::time(nullptr)) / 86400;
-    m_isActive = entry.sp_pwdp != nullptr && !isDisabled(entry.sp_pwdp);
-    m_isAccountExpired = entry.sp_expire >= 0 && entry.sp_expire < today;
-    if (entry.sp_lstchg == 0) m_isPasswordExpired = true;
-    // An empty last-change field (-1) turns ageing off; so does an empty maximum age.
-    if (entry.sp_lstchg != -1 && entry.sp_max != -1) {
-        const long elapsed = today - entry.sp_lstchg;
-        if (entry.sp_max < elapsed) {
-            m_isPasswordExpired = true;
-            // The inactivity period (sp_inact) runs from the end of the maximum age.
-            if (entry.sp_inact != -1 && elapsed - entry.sp_max - entry.sp_inact > 0) m_isLocked = true;
-        }
-    }
+    const detail::ShadowState state = detail::shadowStateOf(shadow.entry, detail::daysSinceEpoch());
+    m_isActive = state.active;
+    m_isPasswordExpired = state.passwordExpired;
+    m_isAccountExpired = state.accountExpired;
+    if (state.inactive) m_isLocked = true;
 }
 
 std::string User::getEncryptedPassword() const {

@@ -4,10 +4,12 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <usermanagement/FileSystemUpdate.h>
 #include <usermanagement/UMException.h>
@@ -38,20 +40,41 @@ bool uidInUse(unsigned int uid) {
     return account.found();
 }
 
+// generateUID, where the ids `inFile` (sorted) are known to be taken: they are skipped without a
+// lookup.  Each lookup reads the password file up to the account, and the managed accounts are
+// usually the last entries; only an id the file does not hold is asked of the database, which
+// may know accounts the file does not.
+unsigned int firstFreeUid(unsigned int base, unsigned int count, const std::vector<unsigned int>& inFile) {
+    if (count != 0) {
+        // Unsigned arithmetic, as the configuration defines the range: a range that wraps past
+        // the largest id ends below its base and offers nothing.  4294967295 (the "unknown"
+        // id) is never handed out.
+        const unsigned int limit = base + count - 1;
+        for (unsigned int uid = base; uid <= limit && uid != UINT_MAX; ++uid)
+            if (!std::binary_search(inFile.begin(), inFile.end(), uid) && !uidInUse(uid)) return uid;
+    }
+    raise<UMException>(UMError::MaxUsersReached, "generateUID error, max uid reached");
+}
+
 }  // namespace
 
 unsigned int addEntryInPasswordFile(FileSystemUpdate& transaction, const std::string& name, unsigned int gid) {
     detail::checkUserName(name, "addEntryInPasswordFile");
+    UserDefinition& definition = UserDefinition::GetUserDefinition();
+    const unsigned int base = definition.getBaseUid(), count = definition.getMaxUser();
+    // The range's ids the file holds, noted on the way: no need to ask the database about them.
+    std::vector<unsigned int> taken;
     detail::copyEntries<PasswdFile>(
         transaction,
         [&](struct passwd& entry) {
             if (name == entry.pw_name) raise<UMException>(UMError::UserAlreadyExists, name, " :user already exists");
+            if (entry.pw_uid - base < count) taken.push_back(entry.pw_uid);
             return EntryAction::Write;
         },
         "addEntryInPasswordFile", "addEntryInPasswordFile error in writing to " + transaction.m_tmpFilePath);
 
-    UserDefinition& definition = UserDefinition::GetUserDefinition();
-    const unsigned int uid = generateUID(definition.getBaseUid(), definition.getMaxUser());
+    std::sort(taken.begin(), taken.end());
+    const unsigned int uid = firstFreeUid(base, count, taken);
     // The configuration's strings stay valid for the life of the provider; putpwent only reads them.
     struct passwd entry {};
     entry.pw_name = const_cast<char*>(name.c_str());
@@ -103,17 +126,7 @@ void removeEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid) 
         "removeEntryInPasswordFile", "removeEntryInPasswordFile error in writing in " + transaction.m_tmpFilePath);
 }
 
-unsigned int generateUID(unsigned int base, unsigned int count) {
-    if (count != 0) {
-        // Unsigned arithmetic, as the configuration defines the range: a range that wraps past
-        // the largest id ends below its base and offers nothing.  4294967295 (the "unknown"
-        // id) is never handed out.
-        const unsigned int limit = base + count - 1;
-        for (unsigned int uid = base; uid <= limit && uid != UINT_MAX; ++uid)
-            if (!uidInUse(uid)) return uid;
-    }
-    raise<UMException>(UMError::MaxUsersReached, "generateUID error, max uid reached");
-}
+unsigned int generateUID(unsigned int base, unsigned int count) { return firstFreeUid(base, count, {}); }
 
 bool isPresentInListName(char** list, const std::string& name, int& count) {
     count = 0;

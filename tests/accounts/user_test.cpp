@@ -121,6 +121,73 @@ TEST_F(AccountTest, StateComesFromTheShadowEntryAndTheTally) {
     EXPECT_THROW(User("viewer").updateState(), UMException);
 }
 
+// The sample device's settings with the ageing policy and failed-login limit a case asks for.
+struct AgeingDefinition : tvc::sample::SampleSettings {
+    int maxAge = -1, minAge = -1, expirationDay = -1, lockLimit = 3;
+    unsigned int getDBDelayWrongCredential() override { return 0; }
+    void getDBLockCount(int& count) override { count = lockLimit; }
+    void getDBPasswordExpirationAge(int& max, int& min, int& third, bool& exemptBaseUser) override {
+        max = maxAge;
+        min = minAge;
+        third = expirationDay;
+        exemptBaseUser = true;
+    }
+};
+using CreatedAccountTest = DeviceTest<AgeingDefinition>;
+
+// All a caller can read of an object: name, ids, profile with its roles, the four flags.
+std::string readable(const User& user) {
+    const UmProfile& profile = user.getProfile();
+    std::string text = user.getUserName() + " uid " + std::to_string(user.getUid()) + " gid " +
+                       std::to_string(user.getGid()) + " profile " + profile.getName() + " " +
+                       std::to_string(profile.getId()) + " " + std::to_string(profile.getGid()) + " roles";
+    for (const UmRole& role : profile.getRoles()) text += " " + role.getName();
+    return text + " " + flags(user);
+}
+
+// The object createUser returns is filled in from what it wrote, not read back: it must read
+// exactly as the account looked up afresh with its state read from the files.
+TEST_F(CreatedAccountTest, TheCreatedObjectReadsAsTheAccountLookedUpAgain) {
+    const long today = static_cast<long>(std::time(nullptr)) / 86400;
+    const struct {
+        const char* what;
+        int profile;
+        const char* password;
+        bool encrypted, active, mustChange;
+        int maxAge, minAge, expirationDay, lockLimit;
+        const char* expected;  // the flags
+    } cases[] = {
+        {"a hash, enabled", 2, "$6$s$h", true, true, false, -1, -1, -1, 3, "A---"},
+        {"a password to hash, must change", 1, "Good#Pass2026", false, true, true, -1, -1, -1, 3, "AP--"},
+        {"disabled", 3, "$6$s$h", true, false, false, -1, -1, -1, 3, "----"},
+        {"a hash carrying the disabled mark", 2, "!!$6$s$h", true, true, false, -1, -1, -1, 3, "----"},
+        {"disabled without a hash", 2, "", true, false, false, -1, -1, -1, 3, "----"},
+        {"ageing, must change", 2, "$6$s$h", true, true, true, 10, 1, -1, 3, "AP--"},
+        {"ageing, changed today", 2, "$6$s$h", true, true, false, 0, 0, -1, 3, "A---"},
+        {"expires today", 2, "$6$s$h", true, true, false, -1, -1, static_cast<int>(today), 3, "A---"},
+        {"expired yesterday", 2, "$6$s$h", true, true, false, -1, -1, static_cast<int>(today - 1), 3, "A--E"},
+        {"no limit", 2, "$6$s$h", true, true, false, -1, -1, -1, -1, "A---"},
+        {"a limit of no failures", 2, "$6$s$h", true, true, false, -1, -1, -1, 0, "A-L-"},
+    };
+    const bool skip = true;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        restoreSampleDevice();
+        unlink("/var/log/tallylog");
+        definition.maxAge = c.maxAge;
+        definition.minAge = c.minAge;
+        definition.expirationDay = c.expirationDay;
+        definition.lockLimit = c.lockLimit;
+        const User created =
+            User::createUser("tvcnew", c.password, c.encrypted, c.profile, c.active, c.mustChange, &skip);
+        User fresh("tvcnew");
+        fresh.updateState();
+        EXPECT_EQ(readable(created), readable(fresh));
+        EXPECT_TRUE(created == fresh);
+        EXPECT_EQ(flags(created), c.expected);
+    }
+}
+
 // Unknown accounts: code 5, after the configured pause and before any rights check.
 TEST_F(AccountTest, UnknownAccountsFailAfterThePause) {
     const std::pair<std::function<void()>, std::string> cases[] = {
