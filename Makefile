@@ -56,7 +56,7 @@ HOST_ACCOUNT_FILES := /etc/passwd /etc/group /etc/shadow /etc/gshadow
 .PHONY: test demo web deps library stage umctl webhost suites asan tsan soak bench pam-stack test-armhf armhf-sysroot \
         armhf-binfmt armhf-library armhf-stage armhf-umctl armhf-suites armhf-abi
 
-.PHONY: armhf-webhost bench-web bench-armhf help deb deb-amd64 deb-armhf deb-test fuzz fuzz-build fuzz-regress
+.PHONY: armhf-webhost bench-web bench-armhf bench-readme bench-figures-check help deb deb-amd64 deb-armhf deb-test fuzz fuzz-build fuzz-regress
 
 # One line per target: its name and the first line of the comment above it.
 help:
@@ -159,6 +159,7 @@ web: deps webhost
 suites: umctl webhost
 	@status=0; \
 	$(MAKE) help >/dev/null || status=1; \
+	$(MAKE) bench-figures-check || status=1; \
 	ctest --test-dir $(BUILD)/default --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/umctl --output-on-failure || status=1; \
 	ctest --test-dir $(BUILD)/webhost --output-on-failure || status=1; \
@@ -220,10 +221,33 @@ soak: library
 # and the account benchmarks grow the account files.  The sandbox gets the sample device's PAM
 # stack, built as for the tests: the password rules check and the tally reset are part of what
 # is measured.  BENCH_ARGS go to the benchmark (e.g. BENCH_ARGS=--benchmark_filter=Reset).
+# The run's JSON goes to build/bench/tvc_bench.json, and bench/report.py prints its tables with
+# the targets; `make bench-readme` puts them into README.
 bench: deps pam-stack
 	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=Release -DTVC_BUILD_TESTS=OFF -DTVC_BUILD_BENCH=ON
 	cmake --build $(BUILD)/bench -j$(JOBS) --target tvc_bench
-	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(BUILD)/bench/bench/tvc_bench $(BENCH_ARGS)
+	TVC_PAM_DIR=$(PAM_DIR) $(SANDBOX) -- $(BUILD)/bench/bench/tvc_bench \
+	    --benchmark_out=$(BUILD)/bench/tvc_bench.json --benchmark_out_format=json $(BENCH_ARGS)
+	python3 $(CURDIR)/bench/report.py $(BUILD)/bench/tvc_bench.json
+
+# README's figures from the last full runs: bench/results/*.json, then the tables.
+# Copies the JSON of the last `make bench` (and of `make bench-armhf`, when there is one) into
+# bench/results, and rewrites README's tables from them with bench/report.py.
+bench-readme:
+	cp $(BUILD)/bench/tvc_bench.json $(CURDIR)/bench/results/x86-64.json
+	if [ -f $(BUILD)/armhf-bench/tvc_bench.json ]; then \
+	    cp $(BUILD)/armhf-bench/tvc_bench.json $(CURDIR)/bench/results/armhf.json; fi
+	$(call readme_figures,)
+
+# README's tables against bench/results (part of `make test`): no figure there is typed by hand.
+bench-figures-check:
+	$(call readme_figures,--check)
+
+define readme_figures
+	python3 $(CURDIR)/bench/report.py $(1) --readme $(CURDIR)/README.md --marker bench $(CURDIR)/bench/results/x86-64.json
+	python3 $(CURDIR)/bench/report.py $(1) --readme $(CURDIR)/README.md --marker bench-armhf --armhf \
+	    $(CURDIR)/bench/results/armhf.json
+endef
 
 # The sample device's PAM modules and pam_tally2 only.
 # Only the sample device's PAM modules and pam_tally2 (PAM_DIR) out of the library's build.
@@ -294,7 +318,9 @@ bench-armhf: deps armhf-sysroot armhf-binfmt
 	    -DTVC_BUILD_BENCH=ON
 	cmake --build $(BUILD)/armhf-bench -j$(JOBS) --target tvc_bench tvc_pam_stack
 	QEMU_LD_PREFIX=$(ARMHF_SYSROOT) TVC_PAM_DIR=$(ARMHF_BENCH_PAM_DIR) $(SANDBOX) -- \
-	    $(BUILD)/armhf-bench/bench/tvc_bench $(BENCH_ARGS)
+	    $(BUILD)/armhf-bench/bench/tvc_bench \
+	    --benchmark_out=$(BUILD)/armhf-bench/tvc_bench.json --benchmark_out_format=json $(BENCH_ARGS)
+	python3 $(CURDIR)/bench/report.py --armhf $(BUILD)/armhf-bench/tvc_bench.json
 
 # The installed armhf library's interface against the host build's.
 armhf-abi: stage armhf-library armhf-binfmt

@@ -2,10 +2,12 @@
 """Tables of the benchmarks' figures, made from tvc_bench's own JSON output.
 
     report.py RUN.json                    the tables, with the targets, on standard output
-    report.py --no-targets RUN.json       the same without targets (a run under qemu)
-    report.py --readme README.md --marker NAME RUN.json [--no-targets]
+    report.py --armhf RUN.json            a run under qemu: no targets, and no rows of
+                                          shadow-utils, whose tools ran natively there
+    report.py --readme README.md --marker NAME [--check] [--armhf] RUN.json
                                           the tables in place of the text between
-                                          "<!-- NAME:begin -->" and "<!-- NAME:end -->"
+                                          "<!-- NAME:begin -->" and "<!-- NAME:end -->";
+                                          --check: only compare, exit 1 when they differ
 
 Every figure in the README's performance section comes from here, so that none is copied by
 hand.  A row whose benchmarks are missing from the run (a filtered run) is left out; a figure
@@ -58,7 +60,7 @@ def table(header, rows, targets, target_title):
     return lines + rows + [""]
 
 
-def report(context, f, targets):
+def report(context, f, targets, tools=True):
     out = [f"Run of {context.get('date', '?')} on {context.get('num_cpus', '?')} CPUs at "
            f"{context.get('mhz_per_cpu', '?')} MHz ({context.get('host_name', '?')}).", ""]
 
@@ -66,12 +68,14 @@ def report(context, f, targets):
     for disk, where in (("0", "tmpfs"), ("1", "disk")):
         for n in SIZES:
             ours, theirs = f.get(f"BM_CreateRemove/{n}/{disk}"), f.get(f"BM_UseraddUserdel/{n}/{disk}")
-            if ours and theirs:
+            if ours and not tools:
+                rows.append(f"| {where} | {n:,} | {ms(ours['real_ms'])} | {ms(ours['cpu_ms'])} |")
+            elif ours and theirs:
                 ratio = theirs["real_ms"] / ours["real_ms"]
                 rows.append(f"| {where} | {n:,} | {ms(ours['real_ms'])} | {ms(ours['cpu_ms'])} | "
                             f"{ms(theirs['real_ms'])} | {ratio:.1f}{verdict(ratio >= 10, targets)} |")
-    out += table(["/etc on", "fillers", "create + remove", "its CPU", "useradd + userdel", "ratio"], rows,
-                 targets, "target ≥ 10")
+    out += table(["/etc on", "fillers", "create + remove", "its CPU"] +
+                 (["useradd + userdel", "ratio"] if tools else []), rows, targets, "target ≥ 10")
 
     rows = []
     for n in SIZES:
@@ -111,14 +115,17 @@ def report(context, f, targets):
     out += table(["caller", "files", "rights check"], rows, targets, "target ≤ 20 µs")
 
     rows = []
-    for name, what in (("BM_CreateRemovePlaintext/skip_check", "createUser, plaintext, rules skipped + removeUser"),
+    for row in (("BM_CreateRemovePlaintext/skip_check", "createUser, plaintext, rules skipped + removeUser"),
                        ("BM_CreateRemovePlaintext/pam_check", "createUser, plaintext, rules checked + removeUser"),
                        ("BM_Reset", "reset, updateAnyUserPassword (plaintext)"),
-                       ("BM_Chpasswd/sha512_tally", "chpasswd -c SHA512 + count reset"),
+                       ("BM_Chpasswd/sha512_tally", "chpasswd -c SHA512 + count reset", True),
                        ("BM_ResetStoredHash", "reset with a stored hash, updateUserWithEncryptedPassword"),
-                       ("BM_Chpasswd/encrypted_tally", "chpasswd -e + count reset"),
+                       ("BM_Chpasswd/encrypted_tally", "chpasswd -e + count reset", True),
                        ("BM_ResetShadowEntry", "shadow transaction of a reset, hash given"),
-                       ("BM_Chpasswd/encrypted", "chpasswd -e")):
+                       ("BM_Chpasswd/encrypted", "chpasswd -e", True)):
+        if len(row) == 3 and not tools:
+            continue
+        name, what = row[:2]
         cells = [f.get(f"{name}/{n}") for n in SIZES]
         if any(cells):
             rows.append(f"| {what} | " + " | ".join(ms(c["real_ms"]) if c else "" for c in cells) + " |")
@@ -139,12 +146,13 @@ def report(context, f, targets):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("run")
-    parser.add_argument("--no-targets", action="store_true")
+    parser.add_argument("--armhf", action="store_true")
     parser.add_argument("--readme")
     parser.add_argument("--marker", default="bench")
+    parser.add_argument("--check", action="store_true")
     args = parser.parse_args()
     context, figures = load(args.run)
-    text = report(context, figures, not args.no_targets)
+    text = report(context, figures, targets=not args.armhf, tools=not args.armhf)
     if not args.readme:
         sys.stdout.write(text)
         return 0
@@ -154,9 +162,14 @@ def main():
     if begin not in readme or end not in readme:
         sys.exit(f"report.py: {args.readme} has no {begin.strip()} ... {end} section")
     head, rest = readme.split(begin, 1)
-    readme = head + begin + text + end + rest.split(end, 1)[1]
+    updated = head + begin + text + end + rest.split(end, 1)[1]
+    if args.check:
+        if updated != readme:
+            sys.exit(f"report.py: the {args.marker} tables of {args.readme} are not those of {args.run} "
+                     "(make bench-readme writes them)")
+        return 0
     with open(args.readme, "w", encoding="utf-8") as file:
-        file.write(readme)
+        file.write(updated)
     return 0
 
 
