@@ -25,8 +25,11 @@ def load(path):
     with open(path, encoding="utf-8") as file:
         run = json.load(file)
     figures = {}
-    for bench in run["benchmarks"]:
-        if bench.get("run_type") != "iteration" or bench.get("error_occurred"):
+    # With repetitions, the median of each benchmark's repetitions stands for it.
+    medians = [b for b in run["benchmarks"] if b.get("aggregate_name") == "median"]
+    chosen = medians or [b for b in run["benchmarks"] if b.get("run_type") == "iteration"]
+    for bench in chosen:
+        if bench.get("error_occurred"):
             continue
         parts = [part for part in bench["run_name"].split("/")
                  if not re.match(r"(min_time|iterations|repeats):|real_time$", part)]
@@ -61,8 +64,10 @@ def table(header, rows, targets, target_title):
 
 
 def report(context, f, targets, tools=True):
+    repeated = " Each figure is the median of the run's repetitions." if any(
+        b.get("aggregate_name") == "median" for b in f.values()) else ""
     out = [f"Run of {context.get('date', '?')} on {context.get('num_cpus', '?')} CPUs at "
-           f"{context.get('mhz_per_cpu', '?')} MHz ({context.get('host_name', '?')}).", ""]
+           f"{context.get('mhz_per_cpu', '?')} MHz ({context.get('host_name', '?')}).{repeated}", ""]
 
     rows = []
     for disk, where in (("0", "tmpfs"), ("1", "disk")):
