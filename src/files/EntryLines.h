@@ -19,54 +19,86 @@
 #include <shadow.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
 namespace usermanagement::detail {
 
-// A line of `colons` + 1 fields, located but not yet split.
+// A line of `colons` + 1 fields, located, then split in place and put back as it was.
 template <std::size_t colons>
 struct PlainLine {
     char* line = nullptr;
     std::size_t end = 0;  // length without the newline
+    bool newline = false;
     std::size_t colon[colons] = {};
 
     const char* begin(std::size_t field) const { return field == 0 ? line : line + colon[field - 1] + 1; }
     const char* finish(std::size_t field) const { return field == colons ? line + end : line + colon[field]; }
     // Field i as a string of its own, once terminate() has run.
     char* text(std::size_t field) const { return const_cast<char*>(begin(field)); }
-    // Splits the line in place: each ':' and the newline become NUL.
+    // Splits the line in place: each ':' and the newline become NUL.  line[end] is the newline or,
+    // for a line without one, the byte after the line, which the caller provides.
     void terminate() const {
         for (const std::size_t at : colon) line[at] = '\0';
-        // getline terminates the line, so line[end] is the newline or that terminator.
         line[end] = '\0';
+    }
+    // Undoes terminate(): the line's bytes are again those that were read (the byte after a line
+    // without newline becomes NUL).
+    void restore() const {
+        for (const std::size_t at : colon) line[at] = ':';
+        line[end] = newline ? '\n' : '\0';
     }
 };
 
-// Locates the fields of `line` (as getline gives it: `size` bytes, the newline included if
-// any, then a NUL).  False when the line is not plain: an empty first field; a first byte
-// that readers treat specially ('+' and '-' for NIS references, '#' for comments, a blank); a
-// blank as last byte; a control character anywhere; another number of separators.
+// Whether one of the 8 bytes of `word` is a control character (below 0x20, or 0x7f) or a ':'.
+// Bytes of 0x80 and above count as neither.  A word this says yes to is looked at byte by byte,
+// so a yes too many (the subtractions borrow across bytes only after a byte that is one) costs
+// time, never a wrong answer; a no is always right.
+inline bool mayHoldSpecial(std::uint64_t word) {
+    constexpr std::uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+    const auto hasZero = [](std::uint64_t x) { return (x - ones) & ~x & highs; };
+    const std::uint64_t control = (word - 0x20 * ones) & ~word & highs;
+    return (control | hasZero(word ^ (0x7f * ones)) | hasZero(word ^ (':' * ones))) != 0;
+}
+
+// Locates the fields of `line` (`size` bytes, the newline included if any).  False when the line
+// is not plain: an empty first field; a first byte that readers treat specially ('+' and '-' for
+// NIS references, '#' for comments, a blank); a blank as last byte; a control character
+// anywhere; another number of separators.  The line is read 8 bytes at a time where it holds
+// none of these (most of a password hash).
 template <std::size_t colons>
 bool findPlainFields(char* line, std::size_t size, PlainLine<colons>& fields) {
     std::size_t end = size;
-    if (end > 0 && line[end - 1] == '\n') --end;
+    const bool newline = end > 0 && line[end - 1] == '\n';
+    if (newline) --end;
     if (end == 0) return false;
     const char first = line[0];
     if (first == ':' || first == '+' || first == '-' || first == '#' || first == ' ' || line[end - 1] == ' ')
         return false;
     std::size_t found = 0;
-    for (std::size_t i = 0; i < end; ++i) {
-        const unsigned char byte = static_cast<unsigned char>(line[i]);
-        if (byte < 0x20 || byte == 0x7f) return false;
-        if (byte == ':') {
-            if (found == colons) return false;
-            fields.colon[found++] = i;
+    std::size_t i = 0;
+    for (;;) {
+        for (; i + 8 <= end; i += 8) {
+            std::uint64_t word;
+            std::memcpy(&word, line + i, sizeof word);
+            if (mayHoldSpecial(word)) break;
         }
+        const std::size_t stop = i + 8 <= end ? i + 8 : end;
+        for (; i < stop; ++i) {
+            const unsigned char byte = static_cast<unsigned char>(line[i]);
+            if (byte < 0x20 || byte == 0x7f) return false;
+            if (byte == ':') {
+                if (found == colons) return false;
+                fields.colon[found++] = i;
+            }
+        }
+        if (i == end) break;
     }
     if (found != colons) return false;
     fields.line = line;
     fields.end = end;
+    fields.newline = newline;
     return true;
 }
 
@@ -95,9 +127,12 @@ inline bool plainDays(const char* begin, const char* end, long& value) {
     return true;
 }
 
-// name:password:uid:gid:gecos:home:shell.  On success the entry points into `line`.
-inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry) {
-    PlainLine<6> fields;
+using PlainPasswdLine = PlainLine<6>;
+using PlainShadowLine = PlainLine<8>;
+
+// name:password:uid:gid:gecos:home:shell.  On success the entry points into `line`, split by
+// `fields` (whose restore() gives the line back).
+inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry, PlainPasswdLine& fields) {
     unsigned long uid = 0, gid = 0;
     if (!findPlainFields(line, size, fields) || !plainNumber(fields.begin(2), fields.finish(2), uid) ||
         !plainNumber(fields.begin(3), fields.finish(3), gid))
@@ -115,9 +150,8 @@ inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry)
 
 // name:password:last change:minimum:maximum:warning:inactivity:expiration:flag, the day counts
 // empty or plain, the flag empty (the field is reserved; a line that uses it is left to the C
-// library).  On success the entry points into `line`.
-inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry) {
-    PlainLine<8> fields;
+// library).  On success the entry points into `line`, split by `fields`.
+inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry, PlainShadowLine& fields) {
     long days[6] = {};
     if (!findPlainFields(line, size, fields) || fields.begin(8) != fields.finish(8)) return false;
     for (std::size_t i = 0; i < 6; ++i)
@@ -133,6 +167,17 @@ inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry) {
     entry.sp_expire = days[5];
     entry.sp_flag = ~0ul;
     return true;
+}
+
+// Whether two entries hold the same fields: the same strings (pointers) and the same numbers.
+inline bool sameEntry(const struct passwd& a, const struct passwd& b) {
+    return a.pw_name == b.pw_name && a.pw_passwd == b.pw_passwd && a.pw_uid == b.pw_uid && a.pw_gid == b.pw_gid &&
+           a.pw_gecos == b.pw_gecos && a.pw_dir == b.pw_dir && a.pw_shell == b.pw_shell;
+}
+inline bool sameEntry(const struct spwd& a, const struct spwd& b) {
+    return a.sp_namp == b.sp_namp && a.sp_pwdp == b.sp_pwdp && a.sp_lstchg == b.sp_lstchg && a.sp_min == b.sp_min &&
+           a.sp_max == b.sp_max && a.sp_warn == b.sp_warn && a.sp_inact == b.sp_inact &&
+           a.sp_expire == b.sp_expire && a.sp_flag == b.sp_flag;
 }
 
 // Appends `text` as one field; false, nothing appended, when it holds a ':' or a newline, which
