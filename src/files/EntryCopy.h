@@ -6,9 +6,10 @@
 //
 // copyEntries reads the live file (transaction.m_file) entry by entry, lets `decide` change
 // the entry in place, drop it or throw, and writes what is kept to the temporary file
-// (transaction.m_tmpFile).  Pointers that `decide` puts into the entry must stay valid until
-// it returns the next time (point them at strings the caller owns, not at locals of the
-// callback).
+// (transaction.m_tmpFile).  `decide` changes a field by pointing it elsewhere or setting a
+// number, never by writing into the strings the entry points at.  Pointers that `decide` puts
+// into the entry must stay valid until it returns the next time (point them at strings the
+// caller owns, not at locals of the callback).
 //
 // Every line is accounted for.  The C library's entry readers silently skip what they cannot
 // parse (a comment, a broken entry, a number out of range), and a rewrite would then drop
@@ -18,9 +19,19 @@
 // (UMSystemErrorException 10 naming the file and the line) before anything is installed.
 // Blank lines carry nothing and are the only lines a rewrite leaves out.
 //
-// Plain lines and entries, nearly all of them, are parsed and written by EntryLines.h, which
-// gives the same fields and bytes as the C library without a stream per line; the kept lines
-// are gathered and handed to the temporary file in large pieces (EntryWriter).
+// What a rewrite costs per line is kept small, since every create and remove copies the whole
+// file:
+//   - EntryReader takes the file in large pieces into a buffer of its own and parses each line
+//     where it lies there; nothing is copied out line by line.
+//   - Plain lines, nearly all of them, are split in place by EntryLines.h, which gives the same
+//     fields as the C library without a stream per line.
+//   - A plain line whose entry the decision left as it was (the same strings, the same numbers)
+//     goes back into the file as the bytes read, one append: writing the entry again would
+//     give those very bytes (EntryLines.h), so nothing is formatted.  A changed entry, and
+//     every entry of a line the C library parsed, goes through the writer (appendPlain*, or
+//     the C library's for what they decline), except a line kept as read (Keep).
+//   - The kept lines are gathered and handed to the temporary file in large pieces
+//     (EntryWriter).
 #pragma once
 
 #include <grp.h>

@@ -8,11 +8,20 @@
 // (EntryCopy.h), which stays the judge of what is an entry:
 //
 //   - parsePlain* accept only lines that the C library's parser reads into exactly the same
-//     fields, and leave every other line untouched (false) for it to decide;
+//     fields, and leave every other line untouched (false) for it to decide.  They split a line
+//     in place (its separators and newline become NUL, the entry points into it) and record
+//     where, so that restore() puts the line back byte for byte;
 //   - appendPlain* write exactly the bytes that putpwent/putspent would write, and decline
-//     (false, nothing appended) the entries those functions refuse or rewrite.
+//     (false, nothing appended) the entries those functions refuse or rewrite;
+//   - the two meet: the entry of a line parsePlain* took, written by appendPlain*, is that very
+//     line (with a newline).  The copy loop relies on it to write such a line back as read when
+//     its entry is unchanged (sameEntry).
 //
-// tests/fuzz/entries_fuzzer.cpp holds both sides against the C library on any bytes.
+// A line is looked at 8 bytes at a time (one 64-bit word: which bytes are separators, whether
+// one is a control character), and the numbers are read digit by digit within the bounds below,
+// without the C library's number parsing.
+//
+// tests/fuzz/entries_fuzzer.cpp holds all of this against the C library on any bytes.
 #pragma once
 
 #include <pwd.h>
@@ -51,22 +60,39 @@ struct PlainLine {
     }
 };
 
-// Whether one of the 8 bytes of `word` is a control character (below 0x20, or 0x7f) or a ':'.
-// Bytes of 0x80 and above count as neither.  A word this says yes to is looked at byte by byte,
-// so a yes too many (the subtractions borrow across bytes only after a byte that is one) costs
-// time, never a wrong answer; a no is always right.
-inline bool mayHoldSpecial(std::uint64_t word) {
-    constexpr std::uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
-    const auto hasZero = [](std::uint64_t x) { return (x - ones) & ~x & highs; };
-    const std::uint64_t control = (word - 0x20 * ones) & ~word & highs;
-    return (control | hasZero(word ^ (0x7f * ones)) | hasZero(word ^ (':' * ones))) != 0;
+// Eight bytes of a line at a time, each byte's verdict in its high bit (0x80 where it holds, 0
+// elsewhere): exact per byte, no carry reaches the next byte.
+constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
+constexpr std::uint64_t kLowBits = 0x7f7f7f7f7f7f7f7full;
+constexpr std::uint64_t kEveryByte = 0x0101010101010101ull;
+
+// The bytes equal to zero.
+inline std::uint64_t zeroBytes(std::uint64_t word) { return ~(((word & kLowBits) + kLowBits) | word | kLowBits); }
+
+// The bytes a plain line must not hold: control characters (below 0x20, and 0x7f).  Bytes of
+// 0x80 and above are none.
+inline std::uint64_t controlBytes(std::uint64_t word) {
+    const std::uint64_t below = ~((word & kLowBits) + (0x80 - 0x20) * kEveryByte) & ~word & kHighBits;
+    return below | zeroBytes(word ^ (0x7f * kEveryByte));
+}
+
+inline std::uint64_t colonBytes(std::uint64_t word) { return zeroBytes(word ^ (':' * kEveryByte)); }
+
+// `count` bytes of a line (1 to 8) as a word, the line's first byte in the lowest bits; a short
+// word is filled with blanks, which are no byte looked for.
+inline std::uint64_t wordAt(const char* line, std::size_t count) {
+    std::uint64_t word = 0x20 * kEveryByte;
+    std::memcpy(&word, line, count);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    word = __builtin_bswap64(word);
+#endif
+    return word;
 }
 
 // Locates the fields of `line` (`size` bytes, the newline included if any).  False when the line
 // is not plain: an empty first field; a first byte that readers treat specially ('+' and '-' for
 // NIS references, '#' for comments, a blank); a blank as last byte; a control character
-// anywhere; another number of separators.  The line is read 8 bytes at a time where it holds
-// none of these (most of a password hash).
+// anywhere; another number of separators.  The line is looked at 8 bytes at a time.
 template <std::size_t colons>
 bool findPlainFields(char* line, std::size_t size, PlainLine<colons>& fields) {
     std::size_t end = size;
@@ -77,23 +103,13 @@ bool findPlainFields(char* line, std::size_t size, PlainLine<colons>& fields) {
     if (first == ':' || first == '+' || first == '-' || first == '#' || first == ' ' || line[end - 1] == ' ')
         return false;
     std::size_t found = 0;
-    std::size_t i = 0;
-    for (;;) {
-        for (; i + 8 <= end; i += 8) {
-            std::uint64_t word;
-            std::memcpy(&word, line + i, sizeof word);
-            if (mayHoldSpecial(word)) break;
+    for (std::size_t at = 0; at < end; at += 8) {
+        const std::uint64_t word = end - at >= 8 ? wordAt(line + at, 8) : wordAt(line + at, end - at);
+        if (controlBytes(word) != 0) return false;
+        for (std::uint64_t colon = colonBytes(word); colon != 0; colon &= colon - 1) {
+            if (found == colons) return false;
+            fields.colon[found++] = at + static_cast<std::size_t>(__builtin_ctzll(colon)) / 8;
         }
-        const std::size_t stop = i + 8 <= end ? i + 8 : end;
-        for (; i < stop; ++i) {
-            const unsigned char byte = static_cast<unsigned char>(line[i]);
-            if (byte < 0x20 || byte == 0x7f) return false;
-            if (byte == ':') {
-                if (found == colons) return false;
-                fields.colon[found++] = i;
-            }
-        }
-        if (i == end) break;
     }
     if (found != colons) return false;
     fields.line = line;
