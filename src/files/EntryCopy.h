@@ -129,14 +129,16 @@ struct GshadowFile {
 // silently dropped.
 constexpr std::size_t kMaxEntryLine = 1u << 20;
 
-// How much an EntryReader asks of its stream at a time.
-constexpr std::size_t kReadPiece = 32 * 1024;
+// How much an EntryReader reads at first (most account files are smaller), and up to how much
+// its buffer grows while the file goes on (more only for a line longer than half of it).
+constexpr std::size_t kFirstRead = 4 * 1024;
+constexpr std::size_t kReadBuffer = 32 * 1024;
 
 // Reads the entries of one stream of a transaction (the live file or the reference copy),
 // one line per entry.  `function` names the caller in the messages.
 //
-// The reader takes the stream's bytes in pieces of kReadPiece into a buffer of its own and
-// finds the lines there: a line is parsed where it lies, not copied out first.  What it has
+// The reader takes the stream's bytes in large pieces into a buffer of its own and finds the
+// lines there: a line is parsed where it lies, not copied out first.  What it has
 // taken beyond the last line it handed over goes back to the stream when the reader goes (the
 // stream is left where a reader of one line at a time would leave it), so that a later reader
 // of the same stream goes on from there.
@@ -251,20 +253,25 @@ private:
         }
     }
 
-    // Moves the bytes not handed over yet to the front of the buffer, grows it when they fill
-    // it, and reads the next piece behind them.
+    // Moves the bytes not handed over yet to the front of the buffer, grows it, and reads the
+    // next piece behind them.  The buffer starts small and doubles with every read up to
+    // kReadBuffer, and beyond while the bytes not handed over fill half of it: a small file
+    // costs a small buffer, a large one is read in large pieces.
     void fill() {
         if (m_start != 0) {
             std::memmove(m_buffer, m_buffer + m_start, m_filled - m_start);
             m_filled -= m_start;
             m_start = 0;
         }
-        if (m_capacity - m_filled < kReadPiece + 2) {
-            const std::size_t capacity = m_capacity == 0 ? 2 * kReadPiece + 2 : 2 * m_capacity;
-            char* grown = static_cast<char*>(std::realloc(m_buffer, capacity));
+        // The buffer's size without the two bytes behind the last line.
+        std::size_t room = m_capacity == 0 ? kFirstRead : m_capacity - 2;
+        if (m_capacity != 0 && room < kReadBuffer) room *= 2;
+        while (room - m_filled < room / 2) room *= 2;
+        if (room + 2 != m_capacity) {
+            char* grown = static_cast<char*>(std::realloc(m_buffer, room + 2));
             if (grown == nullptr) readFailure(ENOMEM);
             m_buffer = grown;
-            m_capacity = capacity;
+            m_capacity = room + 2;
         }
         // Unlocked: while the reader reads, the stream is its own.  (A failure injected into the
         // file's read system call also reaches it so: the fault injection's wrapper of fread
@@ -349,7 +356,10 @@ class EntryWriter {
 public:
     EntryWriter(FILE* target, const std::string& writeFailure) : m_target(target), m_writeFailure(writeFailure) {
         if (m_target == nullptr) raiseErrno<UMSystemErrorException>(EBADF, UMSystemError::FileContents, writeFailure);
-        m_pending.reserve(kWriteChunk + 4096);
+        // Room for a small file whole; a larger one's lines grow it up to about kWriteChunk.
+        // Taking a whole chunk for every rewrite of a small file would make the heap grow and
+        // shrink each time.
+        m_pending.reserve(kFirstRead);
     }
     EntryWriter(const EntryWriter&) = delete;
     EntryWriter& operator=(const EntryWriter&) = delete;
