@@ -8,65 +8,113 @@
 // (EntryCopy.h), which stays the judge of what is an entry:
 //
 //   - parsePlain* accept only lines that the C library's parser reads into exactly the same
-//     fields, and leave every other line untouched (false) for it to decide;
+//     fields, and leave every other line untouched (false) for it to decide.  They split a line
+//     in place (its separators and newline become NUL, the entry points into it) and record
+//     where, so that restore() puts the line back byte for byte;
 //   - appendPlain* write exactly the bytes that putpwent/putspent would write, and decline
-//     (false, nothing appended) the entries those functions refuse or rewrite.
+//     (false, nothing appended) the entries those functions refuse or rewrite;
+//   - the two meet: the entry of a line parsePlain* took, written by appendPlain*, is that very
+//     line (with a newline).  The copy loop relies on it to write such a line back as read when
+//     its entry is unchanged (sameEntry).
 //
-// tests/fuzz/entries_fuzzer.cpp holds both sides against the C library on any bytes.
+// A line is looked at 8 bytes at a time (one 64-bit word: which bytes are separators, whether
+// one is a control character), and the numbers are read digit by digit within the bounds below,
+// without the C library's number parsing.
+//
+// tests/fuzz/entries_fuzzer.cpp holds all of this against the C library on any bytes.
 #pragma once
 
 #include <pwd.h>
 #include <shadow.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
 namespace usermanagement::detail {
 
-// A line of `colons` + 1 fields, located but not yet split.
+// A line of `colons` + 1 fields, located, then split in place and put back as it was.
 template <std::size_t colons>
 struct PlainLine {
     char* line = nullptr;
     std::size_t end = 0;  // length without the newline
+    bool newline = false;
     std::size_t colon[colons] = {};
 
     const char* begin(std::size_t field) const { return field == 0 ? line : line + colon[field - 1] + 1; }
     const char* finish(std::size_t field) const { return field == colons ? line + end : line + colon[field]; }
     // Field i as a string of its own, once terminate() has run.
     char* text(std::size_t field) const { return const_cast<char*>(begin(field)); }
-    // Splits the line in place: each ':' and the newline become NUL.
+    // Splits the line in place: each ':' and the newline become NUL.  line[end] is the newline or,
+    // for a line without one, the byte after the line, which the caller provides.
     void terminate() const {
         for (const std::size_t at : colon) line[at] = '\0';
-        // getline terminates the line, so line[end] is the newline or that terminator.
         line[end] = '\0';
+    }
+    // Undoes terminate(): the line's bytes are again those that were read (the byte after a line
+    // without newline becomes NUL).
+    void restore() const {
+        for (const std::size_t at : colon) line[at] = ':';
+        line[end] = newline ? '\n' : '\0';
     }
 };
 
-// Locates the fields of `line` (as getline gives it: `size` bytes, the newline included if
-// any, then a NUL).  False when the line is not plain: an empty first field; a first byte
-// that readers treat specially ('+' and '-' for NIS references, '#' for comments, a blank); a
-// blank as last byte; a control character anywhere; another number of separators.
+// Eight bytes of a line at a time, each byte's verdict in its high bit (0x80 where it holds, 0
+// elsewhere): exact per byte, no carry reaches the next byte.
+constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
+constexpr std::uint64_t kLowBits = 0x7f7f7f7f7f7f7f7full;
+constexpr std::uint64_t kEveryByte = 0x0101010101010101ull;
+
+// The bytes equal to zero.
+inline std::uint64_t zeroBytes(std::uint64_t word) { return ~(((word & kLowBits) + kLowBits) | word | kLowBits); }
+
+// The bytes a plain line must not hold: control characters (below 0x20, and 0x7f).  Bytes of
+// 0x80 and above are none.
+inline std::uint64_t controlBytes(std::uint64_t word) {
+    const std::uint64_t below = ~((word & kLowBits) + (0x80 - 0x20) * kEveryByte) & ~word & kHighBits;
+    return below | zeroBytes(word ^ (0x7f * kEveryByte));
+}
+
+inline std::uint64_t colonBytes(std::uint64_t word) { return zeroBytes(word ^ (':' * kEveryByte)); }
+
+// `count` bytes of a line (1 to 8) as a word, the line's first byte in the lowest bits; a short
+// word is filled with blanks, which are no byte looked for.
+inline std::uint64_t wordAt(const char* line, std::size_t count) {
+    std::uint64_t word = 0x20 * kEveryByte;
+    std::memcpy(&word, line, count);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    word = __builtin_bswap64(word);
+#endif
+    return word;
+}
+
+// Locates the fields of `line` (`size` bytes, the newline included if any).  False when the line
+// is not plain: an empty first field; a first byte that readers treat specially ('+' and '-' for
+// NIS references, '#' for comments, a blank); a blank as last byte; a control character
+// anywhere; another number of separators.  The line is looked at 8 bytes at a time.
 template <std::size_t colons>
 bool findPlainFields(char* line, std::size_t size, PlainLine<colons>& fields) {
     std::size_t end = size;
-    if (end > 0 && line[end - 1] == '\n') --end;
+    const bool newline = end > 0 && line[end - 1] == '\n';
+    if (newline) --end;
     if (end == 0) return false;
     const char first = line[0];
     if (first == ':' || first == '+' || first == '-' || first == '#' || first == ' ' || line[end - 1] == ' ')
         return false;
     std::size_t found = 0;
-    for (std::size_t i = 0; i < end; ++i) {
-        const unsigned char byte = static_cast<unsigned char>(line[i]);
-        if (byte < 0x20 || byte == 0x7f) return false;
-        if (byte == ':') {
+    for (std::size_t at = 0; at < end; at += 8) {
+        const std::uint64_t word = end - at >= 8 ? wordAt(line + at, 8) : wordAt(line + at, end - at);
+        if (controlBytes(word) != 0) return false;
+        for (std::uint64_t colon = colonBytes(word); colon != 0; colon &= colon - 1) {
             if (found == colons) return false;
-            fields.colon[found++] = i;
+            fields.colon[found++] = at + static_cast<std::size_t>(__builtin_ctzll(colon)) / 8;
         }
     }
     if (found != colons) return false;
     fields.line = line;
     fields.end = end;
+    fields.newline = newline;
     return true;
 }
 
@@ -95,9 +143,12 @@ inline bool plainDays(const char* begin, const char* end, long& value) {
     return true;
 }
 
-// name:password:uid:gid:gecos:home:shell.  On success the entry points into `line`.
-inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry) {
-    PlainLine<6> fields;
+using PlainPasswdLine = PlainLine<6>;
+using PlainShadowLine = PlainLine<8>;
+
+// name:password:uid:gid:gecos:home:shell.  On success the entry points into `line`, split by
+// `fields` (whose restore() gives the line back).
+inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry, PlainPasswdLine& fields) {
     unsigned long uid = 0, gid = 0;
     if (!findPlainFields(line, size, fields) || !plainNumber(fields.begin(2), fields.finish(2), uid) ||
         !plainNumber(fields.begin(3), fields.finish(3), gid))
@@ -115,9 +166,8 @@ inline bool parsePlainPasswd(char* line, std::size_t size, struct passwd& entry)
 
 // name:password:last change:minimum:maximum:warning:inactivity:expiration:flag, the day counts
 // empty or plain, the flag empty (the field is reserved; a line that uses it is left to the C
-// library).  On success the entry points into `line`.
-inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry) {
-    PlainLine<8> fields;
+// library).  On success the entry points into `line`, split by `fields`.
+inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry, PlainShadowLine& fields) {
     long days[6] = {};
     if (!findPlainFields(line, size, fields) || fields.begin(8) != fields.finish(8)) return false;
     for (std::size_t i = 0; i < 6; ++i)
@@ -133,6 +183,17 @@ inline bool parsePlainShadow(char* line, std::size_t size, struct spwd& entry) {
     entry.sp_expire = days[5];
     entry.sp_flag = ~0ul;
     return true;
+}
+
+// Whether two entries hold the same fields: the same strings (pointers) and the same numbers.
+inline bool sameEntry(const struct passwd& a, const struct passwd& b) {
+    return a.pw_name == b.pw_name && a.pw_passwd == b.pw_passwd && a.pw_uid == b.pw_uid && a.pw_gid == b.pw_gid &&
+           a.pw_gecos == b.pw_gecos && a.pw_dir == b.pw_dir && a.pw_shell == b.pw_shell;
+}
+inline bool sameEntry(const struct spwd& a, const struct spwd& b) {
+    return a.sp_namp == b.sp_namp && a.sp_pwdp == b.sp_pwdp && a.sp_lstchg == b.sp_lstchg && a.sp_min == b.sp_min &&
+           a.sp_max == b.sp_max && a.sp_warn == b.sp_warn && a.sp_inact == b.sp_inact &&
+           a.sp_expire == b.sp_expire && a.sp_flag == b.sp_flag;
 }
 
 // Appends `text` as one field; false, nothing appended, when it holds a ':' or a newline, which

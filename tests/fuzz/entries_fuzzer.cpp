@@ -3,12 +3,14 @@
 //
 // Input: the first byte picks the file (passwd, shadow, group, gshadow: its value modulo 4),
 // the rest is the file's text.  The oracle:
-//   1. Each line (as getline hands it over) that parsePlain* takes is read by the C library
+//   1. Each line (its newline included when it has one) that parsePlain* takes is read by the C library
 //      (fgetpwent_r/fgetspent_r on that line alone) into the same fields; a line it declines
 //      is left byte for byte as it was.
-//   2. An entry appendPlain* writes is byte for byte what putpwent/putspent write.
+//   2. An entry appendPlain* writes is byte for byte what putpwent/putspent write; for the entry
+//      of a line parsePlain* took, that is the line itself (with a newline), and the split line
+//      put back (restore) is again the line.
 //   3. A copy of the whole text (copyEntriesFrom; every second entry kept as read, the others
-//      written) fails exactly when a non-blank line is no entry to the C library (or holds a
+//      written, every second of these renamed) fails exactly when a non-blank line is no entry to the C library (or holds a
 //      NUL byte), or when the C library's writer refuses an entry to be written; otherwise
 //      every line of the copy, read back alone, is the entry its input line was, in order.
 // C library behaviours taken as they are: blank lines (only " \t\n\r\v\f") are no entries and
@@ -65,6 +67,10 @@ std::string fields(const struct sgrp& e, bool = true) {
     for (char** m = e.sg_mem; m != nullptr && *m != nullptr; ++m) s += "," + t(*m);
     return s;
 }
+char** nameField(struct passwd& e) { return &e.pw_name; }
+char** nameField(struct spwd& e) { return &e.sp_namp; }
+char** nameField(struct group& e) { return &e.gr_name; }
+char** nameField(struct sgrp& e) { return &e.sg_namp; }
 const char* nameOf(const struct passwd& e) { return e.pw_name; }
 const char* nameOf(const struct spwd& e) { return e.sp_namp; }
 const char* nameOf(const struct group& e) { return e.gr_name; }
@@ -88,9 +94,11 @@ std::string libraryWrites(const typename File::Entry& entry) {
 // The fields the C library reads from `line` alone, the buffer grown as the copy loop grows it;
 // false when it reads no entry.  The line is read with its newline, added when it has none: the
 // C library doubles the last byte of an unterminated line that starts with a blank.
-// `writable`, when given, tells whether the C library's writer takes the entry.
+// `writable`, when given, tells whether the C library's writer takes the entry; `newName`, when
+// given, replaces the name read before the fields are taken.
 template <class File>
-bool libraryReads(std::string line, std::string& out, bool ids = true, bool* writable = nullptr) {
+bool libraryReads(std::string line, std::string& out, bool ids = true, bool* writable = nullptr,
+                  char* newName = nullptr) {
     if (line.empty() || line.back() != '\n') line += '\n';
     std::vector<char> buffer(1024);
     for (;;) {
@@ -104,6 +112,7 @@ bool libraryReads(std::string line, std::string& out, bool ids = true, bool* wri
             continue;
         }
         if (status != 0 || result == nullptr) return false;
+        if (newName != nullptr) *nameField(entry) = newName;
         out = fields(entry, ids && !nis(nameOf(entry)));
         if (writable != nullptr) *writable = libraryWrites<File>(entry) != "(refused)";
         return true;
@@ -116,14 +125,20 @@ void checkPlain(const std::string& line) {
     std::vector<char> bytes(line.begin(), line.end());
     bytes.push_back('\0');
     typename File::Entry ours{};
+    typename File::Plain split;
     std::string theirs;
-    if (!File::parsePlain(bytes.data(), line.size(), ours)) {
+    if (!File::parsePlain(bytes.data(), line.size(), ours, split)) {
         if (std::memcmp(bytes.data(), line.data(), line.size()) != 0) std::abort();  // a declined line changed
         return;
     }
     if (!libraryReads<File>(line, theirs) || theirs != fields(ours)) std::abort();  // read otherwise than glibc
     std::string out;
-    if (File::appendPlain(out, ours) && out != libraryWrites<File>(ours)) std::abort();  // written otherwise
+    if (!File::appendPlain(out, ours) || out != libraryWrites<File>(ours)) std::abort();  // written otherwise
+    // So the copy loop may write the line as read for an entry that stays as it is.
+    if (out != (line.back() == '\n' ? line : line + '\n')) std::abort();
+    split.restore();
+    if (std::memcmp(bytes.data(), line.data(), line.size()) != 0 || bytes[line.size()] != '\0')
+        std::abort();  // not put back as it was
 }
 
 bool blank(const std::string& line) { return line.find_first_not_of(" \t\n\r\v\f") == std::string::npos; }
@@ -132,14 +147,17 @@ template <class File>
 void checkCopy(const std::vector<std::string>& lines, const std::string& text) {
     // What the copy must give: the entries of the non-blank lines, or a refusal.  Every second
     // entry, from the first, is kept as read (Keep: no writer involved for a line the C library
-    // parsed), the others are written.
+    // parsed), the others are written; every fourth, from the second, renamed first.
+    static char renamed[] = "renamed";
     std::vector<std::string> expected;
     bool refused = false;
     for (const std::string& line : lines) {
         if (blank(line)) continue;
         bool writable = true;
         expected.emplace_back();
-        if (line.find('\0') != std::string::npos || !libraryReads<File>(line, expected.back(), false, &writable))
+        char* newName = expected.size() % 4 == 2 ? renamed : nullptr;
+        if (line.find('\0') != std::string::npos ||
+            !libraryReads<File>(line, expected.back(), false, &writable, newName))
             refused = true;
         if (expected.size() % 2 == 0 && !writable) refused = true;
     }
@@ -150,12 +168,17 @@ void checkCopy(const std::vector<std::string>& lines, const std::string& text) {
     transaction.m_tmpFile = open_memstream(&data, &size);
     FILE* source = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
     if (transaction.m_tmpFile == nullptr || source == nullptr) std::abort();
-    bool failed = false, keep = false;
+    bool failed = false;
+    std::size_t entries = 0;
     try {
         copyEntriesFrom<File>(
             transaction, source, "live",
-            [&](typename File::Entry&) { return (keep = !keep) ? EntryAction::Keep : EntryAction::Write; }, "copy",
-            "write");
+            [&](typename File::Entry& entry) {
+                ++entries;
+                if (entries % 4 == 2) *nameField(entry) = renamed;
+                return entries % 2 == 1 ? EntryAction::Keep : EntryAction::Write;
+            },
+            "copy", "write");
     } catch (const UMSystemErrorException&) {
         failed = true;
     }
