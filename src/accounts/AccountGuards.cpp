@@ -32,17 +32,31 @@ void requireReachable(unsigned int uid, const std::string& name) {
                                          umlog::Ctx::getCtx().getUsername(), true);
 }
 
-void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid) {
-    // The files themselves, read through once: with one entry at most of the uid and of the
-    // name, the entry holding both is the one the name service answers for either, and its
-    // name has a shadow entry (the account is whole).  Asking the name service again would
-    // read the files three more times, whole for an account at their end.
-    const StoredAccount stored = requireWholeStoredAccount(uid, name);
+namespace {
+
+// UMException 41 unless the files' entry holding both `uid` and `name` has profile group `gid`.
+void confirmSameAccount(const StoredAccount& stored, unsigned int uid, const std::string& name, unsigned int gid) {
     // The group as an object looks it up: the account's profile group.
     const bool same = stored.stored && profileGidOf(name.c_str(), stored.primaryGid) == gid;
     if (!same)
         raise<UMException>(UMError::StaleAccount, name, " :The account changed since it was looked up (uid ", uid,
                            "); look it up again");
+}
+
+}  // namespace
+
+void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid) {
+    // The files themselves, read through once: with one entry at most of the uid and of the
+    // name, the entry holding both is the one the name service answers for either, and its
+    // name has a shadow entry (the account is whole).  Asking the name service again would
+    // read the files three more times, whole for an account at their end.
+    confirmSameAccount(requireWholeStoredAccount(uid, name), uid, name, gid);
+}
+
+void confirmStoredAccount(const StoredAccountCount& count, unsigned int uid, const std::string& name,
+                          unsigned int gid) {
+    UserDefinition& config = UserDefinition::GetUserDefinition();
+    confirmSameAccount(count.whole(config.getPasswordFilePath(), config.getShadowFilePath()), uid, name, gid);
 }
 
 }  // namespace usermanagement::detail

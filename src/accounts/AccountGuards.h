@@ -18,6 +18,8 @@
 
 #include <string>
 
+#include "accounts/StoredEntries.h"
+
 namespace usermanagement::detail {
 
 // Whether the operation's caller (access/Caller.h) is the process's own root (effective uid 0),
@@ -35,5 +37,10 @@ void requireReachable(unsigned int uid, const std::string& name);
 // through themselves, once, not asked of the name service.  Called with the password-file lock
 // held, so nothing can change between this check and the rewrite.
 void confirmStoredAccount(unsigned int uid, const std::string& name, unsigned int gid);
+
+// The same check on entries a rewrite has counted while it read both files through, under the
+// same lock and before anything is installed (StoredAccountCount).
+void confirmStoredAccount(const StoredAccountCount& count, unsigned int uid, const std::string& name,
+                          unsigned int gid);
 
 }  // namespace usermanagement::detail

@@ -34,6 +34,7 @@
 #include "accounts/Tally.h"
 #include "accounts/ProfileGroups.h"
 #include "files/EntryChecks.h"
+#include "files/ObservedRemoval.h"
 #include "files/UserName.h"
 #include "foundation/Raise.h"
 
@@ -257,9 +258,14 @@ void User::removeUser() {
 
     detail::AccountFiles files(detail::AccountFiles::WithGroups);
     // The shadow entry goes by name and the passwd entry by uid: both must be this account's.
-    detail::confirmStoredAccount(m_uid, m_userName, m_gid);
-    removeEntryInShadowFile(files.shadow, m_userName);
-    removeEntryInPasswordFile(files.passwd, m_uid);
+    // The removals read every entry of both files anyway, so they count what the files hold of
+    // the account on the way, and the check is made on that count (the same lock, the same
+    // files) before anything else happens and before anything is installed: a refused removal
+    // leaves the files as they were.  Checking first would read each file through once more.
+    detail::StoredAccountCount count(m_uid, m_userName);
+    detail::removeEntryInShadowFile(files.shadow, m_userName, [&](const struct spwd& e) { count.shadowEntry(e); });
+    detail::removeEntryInPasswordFile(files.passwd, m_uid, [&](const struct passwd& e) { count.passwdEntry(e); });
+    detail::confirmStoredAccount(count, m_uid, m_userName, m_gid);
     files.updateMembers({m_userName, "", detail::keepMemberships()});
     // The tally tool finds the account by name, which resolves only until the new passwd file
     // is installed: the reset runs here, under the lock.  Should the installation fail after

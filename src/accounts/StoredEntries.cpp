@@ -32,32 +32,39 @@ void readThrough(const char* path, Count&& count) {
 
 }  // namespace
 
+void StoredAccountCount::passwdEntry(const struct passwd& entry) {
+    const bool hasUid = entry.pw_uid == m_uid, hasName = m_name == entry.pw_name;
+    m_byUid += hasUid;
+    m_byName += hasName;
+    if (hasUid && hasName) m_account = {true, entry.pw_gid};
+}
+
+void StoredAccountCount::shadowEntry(const struct spwd& entry) { m_inShadow += m_name == entry.sp_namp; }
+
+StoredAccount StoredAccountCount::whole(const char* passwd, const char* shadow) const {
+    if (m_byUid > 1 || m_byName > 1 || m_inShadow > 1)
+        raise<UMException>(UMError::DuplicatedAccount, m_name, " :The account (uid ", m_uid,
+                           ") is stored more than once: ", m_byUid, " entries of its uid and ", m_byName,
+                           " of its name in ", passwd, ", ", m_inShadow, " of its name in ", shadow,
+                           "; remove the extra entries before changing it");
+    // By name in both files: the passwd entry of the uid under another name is a rename since the
+    // object was read, which the caller reports as such.
+    const bool inPasswd = m_byName > 0;
+    if (inPasswd != (m_inShadow > 0))
+        raise<UMException>(UMError::HalfStoredAccount, m_name, " :The account (uid ", m_uid, ") is in ",
+                           inPasswd ? passwd : shadow, " but not in ", inPasswd ? shadow : passwd,
+                           "; add the missing entry or remove the other before changing it");
+    return m_account;
+}
+
 StoredAccount requireWholeStoredAccount(unsigned int uid, const std::string& name) {
     UserDefinition& config = UserDefinition::GetUserDefinition();
     const char* passwd = config.getPasswordFilePath();
     const char* shadow = config.getShadowFilePath();
-    unsigned int byUid = 0, byName = 0, inShadow = 0;
-    StoredAccount account;
-    readThrough<PasswdFile>(passwd, [&](const struct passwd& entry) {
-        const bool hasUid = entry.pw_uid == uid, hasName = name == entry.pw_name;
-        byUid += hasUid;
-        byName += hasName;
-        if (hasUid && hasName) account = {true, entry.pw_gid};
-    });
-    readThrough<ShadowFile>(shadow, [&](const struct spwd& entry) { inShadow += name == entry.sp_namp; });
-    if (byUid > 1 || byName > 1 || inShadow > 1)
-        raise<UMException>(UMError::DuplicatedAccount, name, " :The account (uid ", uid,
-                           ") is stored more than once: ", byUid, " entries of its uid and ", byName,
-                           " of its name in ", passwd, ", ", inShadow, " of its name in ", shadow,
-                           "; remove the extra entries before changing it");
-    // By name in both files: the passwd entry of the uid under another name is a rename since the
-    // object was read, which the caller reports as such.
-    const bool inPasswd = byName > 0;
-    if (inPasswd != (inShadow > 0))
-        raise<UMException>(UMError::HalfStoredAccount, name, " :The account (uid ", uid, ") is in ",
-                           inPasswd ? passwd : shadow, " but not in ", inPasswd ? shadow : passwd,
-                           "; add the missing entry or remove the other before changing it");
-    return account;
+    StoredAccountCount count(uid, name);
+    readThrough<PasswdFile>(passwd, [&](const struct passwd& entry) { count.passwdEntry(entry); });
+    readThrough<ShadowFile>(shadow, [&](const struct spwd& entry) { count.shadowEntry(entry); });
+    return count.whole(passwd, shadow);
 }
 
 }  // namespace usermanagement::detail

@@ -7,7 +7,11 @@
 // account is changed, passwd and shadow are read through, with the password-file lock held.
 #pragma once
 
+#include <pwd.h>
+#include <shadow.h>
+
 #include <string>
+#include <utility>
 
 namespace usermanagement::detail {
 
@@ -16,6 +20,24 @@ namespace usermanagement::detail {
 struct StoredAccount {
     bool stored = false;
     unsigned int primaryGid = 0;
+};
+
+// What the files hold of the account of `uid` and `name`, counted from their entries as a reader
+// hands them over: requireWholeStoredAccount reads the files through for it, and a rewrite that
+// reads every entry anyway counts on the way (removeUser), which saves a pass over each file.
+class StoredAccountCount {
+public:
+    StoredAccountCount(unsigned int uid, std::string name) : m_uid(uid), m_name(std::move(name)) {}
+    void passwdEntry(const struct passwd& entry);
+    void shadowEntry(const struct spwd& entry);
+    // The refusals and the outcome of requireWholeStoredAccount, for the entries counted.
+    StoredAccount whole(const char* passwdPath, const char* shadowPath) const;
+
+private:
+    unsigned int m_uid;
+    std::string m_name;
+    unsigned int m_byUid = 0, m_byName = 0, m_inShadow = 0;
+    StoredAccount m_account;
 };
 
 // UMException 43 (DuplicatedAccount) when `uid` or `name` occurs in more than one passwd entry,

@@ -19,6 +19,7 @@
 #include "access/DatabaseLookup.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
+#include "files/ObservedRemoval.h"
 #include "foundation/Raise.h"
 
 namespace usermanagement {
@@ -120,9 +121,17 @@ void updateEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid, 
 }
 
 void removeEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid) {
+    detail::removeEntryInPasswordFile(transaction, uid, {});
+}
+
+void detail::removeEntryInPasswordFile(FileSystemUpdate& transaction, unsigned int uid,
+                                       const std::function<void(const struct passwd&)>& seen) {
     detail::copyEntries<PasswdFile>(
         transaction,
-        [&](const struct passwd& entry) { return entry.pw_uid == uid ? EntryAction::Drop : EntryAction::Write; },
+        [&](const struct passwd& entry) {
+            if (seen) seen(entry);
+            return entry.pw_uid == uid ? EntryAction::Drop : EntryAction::Write;
+        },
         "removeEntryInPasswordFile", "removeEntryInPasswordFile error in writing in " + transaction.m_tmpFilePath);
 }
 

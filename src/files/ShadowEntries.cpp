@@ -21,6 +21,7 @@
 #include "files/CryptSetting.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
+#include "files/ObservedRemoval.h"
 #include "files/ManagedRange.h"
 #include "foundation/Raise.h"
 #include "system/AsRoot.h"
@@ -211,9 +212,17 @@ void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
 }
 
 void removeEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name) {
+    detail::removeEntryInShadowFile(transaction, name, {});
+}
+
+void detail::removeEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name,
+                                     const std::function<void(const struct spwd&)>& seen) {
     detail::copyEntries<ShadowFile>(
         transaction,
-        [&](const struct spwd& entry) { return name == entry.sp_namp ? EntryAction::Drop : EntryAction::Write; },
+        [&](const struct spwd& entry) {
+            if (seen) seen(entry);
+            return name == entry.sp_namp ? EntryAction::Drop : EntryAction::Write;
+        },
         "removeEntryInShadowFile", "removeEntryInShadowFile error in writing in " + transaction.m_tmpFilePath);
 }
 
