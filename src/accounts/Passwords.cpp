@@ -26,6 +26,7 @@
 #include <usermanagement/Utilities.h>
 
 #include "access/Caller.h"
+#include "access/DatabaseLookup.h"
 #include "accounts/AccountGuards.h"
 #include "accounts/AuditEvent.h"
 #include "accounts/Tally.h"
@@ -252,6 +253,16 @@ void User::resetFailedLogins(LookLockUpdate& look) {
         // acting as a user manager (a web request) would otherwise read no count and run a
         // reset that cannot write the file: the account would stay locked.
         const detail::AsRoot root;
+        // The files were confirmed under the lock, but the tool finds the account through the
+        // name service, which a cache daemon may answer from before they changed (a name
+        // removed and given to a new account within the cache's lifetime still gives the old
+        // uid, now another account's).  The tool would then clear that account's count: the
+        // name service must give this account's uid, or nothing is reset.
+        const auto byName = detail::userByName(m_userName.c_str());
+        if (!detail::foundOrRaise(byName, "getpwnam_r") || byName.entry.pw_uid != m_uid)
+            detail::raise<UMException>(UMError::StaleAccount, m_userName,
+                               " :The name service does not give this account for the name (uid ", m_uid,
+                               "); the failed-login count was not reset");
         retrieveLockState(look);
         // The reset runs whether or not the count reached the limit.  Its success is checked:
         // an operation that reports an account unlocked (or a new account clean) while the

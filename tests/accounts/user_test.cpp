@@ -345,6 +345,43 @@ TEST_F(TallyResetTest, CreationAndRemovalRunTheToolUnlessNothingIsCounted) {
 
 constexpr auto code = outcomeCode;
 
+// The tally tool finds the account by name through the name service, which a cache daemon may
+// answer from before the files changed.  Here the library's files say guest is 10004 while the
+// name service says 10003, tech's uid: the reset is refused rather than clearing tech's count.
+TEST_F(TallyResetTest, NoResetWhenTheNameServiceGivesAnotherAccountForTheName) {
+    struct OwnFiles : QuickDefinition {
+        const char* getPasswordFilePath() override { return "/etc/tvc-passwd"; }
+        const char* getShadowFilePath() override { return "/etc/tvc-shadow"; }
+    } own;
+    writeFile("/etc/tvc-passwd", readFile("/etc/passwd"));
+    writeFile("/etc/tvc-shadow", readFile("/etc/shadow"));
+    std::string passwd = readFile("/etc/passwd");
+    for (const auto& [from, to] : {std::pair<std::string, std::string>{"guest:x:10004:", "guest:x:10003:"},
+                                   {"tech:x:10003:", "tech:x:10004:"}}) {
+        ASSERT_NE(passwd.find(from), std::string::npos) << from;
+        passwd.replace(passwd.find(from), from.size(), to);
+    }
+    writeFile("/etc/passwd", passwd);
+    own.setUserDefinition(own);
+    writeTally("/var/log/tallylog", 10003, 3);
+    takeCommands();
+    const bool yes = true;
+    for (const std::function<void(User&)>& operation : std::vector<std::function<void(User&)>>{
+             [](User& guest) { guest.unLock(); },
+             [&](User& guest) { guest.updateUser(nullptr, nullptr, &yes, nullptr, nullptr, nullptr); }}) {
+        for (User& guest : utilities::getUserList()) {
+            if (guest.getUserName() != "guest") continue;
+            ASSERT_EQ(guest.getUid(), 10004u);
+            EXPECT_EQ(code([&] { operation(guest); }), "41");
+        }
+    }
+    EXPECT_EQ(getLockCount(10003, "/var/log/tallylog"), 3);
+    EXPECT_EQ(takeCommands(), "");
+    restoreSampleDevice();
+}
+
+
+
 std::string files() {
     return readFile("/etc/passwd") + readFile("/etc/shadow") + readFile("/etc/group") + readFile(kCommandLog);
 }
