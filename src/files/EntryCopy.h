@@ -240,7 +240,9 @@ private:
             } else if (!m_atEnd) {
                 fill();
                 continue;
-            } else if (available != 0) {
+            } else if (available != 0 && m_readError == 0) {
+                // The last line, without a newline.  After a read error the bytes left are where
+                // the reading stopped, not the end of a line: the error is reported instead.
                 size = available;
             } else {
                 if (m_readError != 0) readFailure(m_readError);
