@@ -130,6 +130,9 @@ User User::createUser(const std::string& name, const std::string& password, bool
                 result.resetFailedLogins(stale);
         });
     }
+    // The account exists from here on: its event goes out before anything that can still fail
+    // (the read check of the refresh below), so that no created account is left unaudited.
+    detail::logAccountEvent(detail::AccountCreated, "User account - created <" + name + ">");
     // The object is given what a lookup of the new account would read back, from what was just
     // written under the lock, instead of reading it back: each lookup of an account at the end
     // of the files reads them whole.  Name, uid and profile group are those of the passwd entry.
@@ -142,18 +145,18 @@ User User::createUser(const std::string& name, const std::string& password, bool
     config.checkRight(UserDefinition::ReadUser, nullptr);
     result.m_profile = ProfileDefinition::GetProfileDefinition().getProfile(result.m_profile.getName());
     const std::string storedMark = active ? (encrypted ? password.substr(0, 2) : std::string()) : "!!";
+    const long today = detail::daysSinceEpoch();
     struct spwd written {};
     written.sp_pwdp = const_cast<char*>(storedMark.c_str());
-    written.sp_lstchg = mustChange ? 0 : detail::daysSinceEpoch();
+    written.sp_lstchg = mustChange ? 0 : today;
     written.sp_max = maxAge;
     written.sp_inact = -1;
     written.sp_expire = thirdAge;
-    const detail::ShadowState state = detail::shadowStateOf(written, detail::daysSinceEpoch());
+    const detail::ShadowState state = detail::shadowStateOf(written, today);
     result.m_isActive = state.active;
     result.m_isPasswordExpired = state.passwordExpired;
     result.m_isAccountExpired = state.accountExpired;
     result.m_isLocked = detail::lockedByFailures(0, detail::failedLoginLimit()) || state.inactive;
-    detail::logAccountEvent(detail::AccountCreated, "User account - created <" + name + ">");
     return result;
 }
 
