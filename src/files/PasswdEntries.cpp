@@ -17,6 +17,7 @@
 #include <usermanagement/UserDefinition.h>
 
 #include "access/DatabaseLookup.h"
+#include "access/NameServiceSources.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
 #include "files/ObservedRemoval.h"
@@ -44,15 +45,18 @@ bool uidInUse(unsigned int uid) {
 // generateUID, where the ids `inFile` (sorted) are known to be taken: they are skipped without a
 // lookup.  Each lookup reads the password file up to the account, and the managed accounts are
 // usually the last entries; only an id the file does not hold is asked of the database, which
-// may know accounts the file does not.
-unsigned int firstFreeUid(unsigned int base, unsigned int count, const std::vector<unsigned int>& inFile) {
+// may know accounts the file does not.  With `fileIsDatabase` (the name service answers from
+// that very file alone, access/NameServiceSources.h) the file's ids are all it knows.
+unsigned int firstFreeUid(unsigned int base, unsigned int count, const std::vector<unsigned int>& inFile,
+                          bool fileIsDatabase) {
     if (count != 0) {
         // Unsigned arithmetic, as the configuration defines the range: a range that wraps past
         // the largest id ends below its base and offers nothing.  4294967295 (the "unknown"
         // id) is never handed out.
         const unsigned int limit = base + count - 1;
         for (unsigned int uid = base; uid <= limit && uid != UINT_MAX; ++uid)
-            if (!std::binary_search(inFile.begin(), inFile.end(), uid) && !uidInUse(uid)) return uid;
+            if (!std::binary_search(inFile.begin(), inFile.end(), uid) && (fileIsDatabase || !uidInUse(uid)))
+                return uid;
     }
     raise<UMException>(UMError::MaxUsersReached, "generateUID error, max uid reached");
 }
@@ -75,7 +79,10 @@ unsigned int addEntryInPasswordFile(FileSystemUpdate& transaction, const std::st
         "addEntryInPasswordFile", "addEntryInPasswordFile error in writing to " + transaction.m_tmpFilePath);
 
     std::sort(taken.begin(), taken.end());
-    const unsigned int uid = firstFreeUid(base, count, taken);
+    // The file the C library's files backend reads is /etc/passwd.
+    const bool fileIsDatabase = std::strcmp(definition.getPasswordFilePath(), "/etc/passwd") == 0 &&
+                                detail::answeredByFilesAlone("passwd");
+    const unsigned int uid = firstFreeUid(base, count, taken, fileIsDatabase);
     // The configuration's strings stay valid for the life of the provider; putpwent only reads them.
     struct passwd entry {};
     entry.pw_name = const_cast<char*>(name.c_str());
@@ -135,7 +142,7 @@ void detail::removeEntryInPasswordFile(FileSystemUpdate& transaction, unsigned i
         "removeEntryInPasswordFile", "removeEntryInPasswordFile error in writing in " + transaction.m_tmpFilePath);
 }
 
-unsigned int generateUID(unsigned int base, unsigned int count) { return firstFreeUid(base, count, {}); }
+unsigned int generateUID(unsigned int base, unsigned int count) { return firstFreeUid(base, count, {}, false); }
 
 bool isPresentInListName(char** list, const std::string& name, int& count) {
     count = 0;

@@ -14,6 +14,7 @@
 #include <usermanagement/UmGroup.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "access/NameServiceSources.h"
 #include "sampledevice/SampleConfiguration.h"
 #include "sampledevice/SampleDevice.h"
 #include "support/Sandbox.h"
@@ -314,3 +315,26 @@ TEST_F(CatalogueTest, LookupsSeeWholeCataloguesWhileAnotherThreadRebuilds) {
 }
 
 }  // namespace
+
+// The free-uid search leaves the name service out only when nsswitch.conf answers the passwd
+// database from the files backend alone: one line, the one service "files", no action item.
+TEST(NameServiceSources, OnlyOneLineWithFilesAloneCounts) {
+    const std::pair<const char*, bool> rows[] = {
+        {"passwd: files\n", true},
+        {"passwd:files", true},
+        {"passwd :  files   # local accounts only\ngroup: files systemd\n", true},
+        {"# passwd: files systemd\npasswd: files\n", true},
+        {"passwd: files systemd\n", false},
+        {"passwd: systemd files\n", false},
+        {"passwd: files [NOTFOUND=return] ldap\n", false},
+        {"passwd: compat\n", false},
+        {"passwd:\n", false},
+        {"group: files\nshadow: files\n", false},  // no passwd line: the C library's default
+        {"passwd: files\npasswd: ldap\n", false},
+        {"passwd: files\nPASSWD: ldap\n", false},
+        {"passwdx: files\npasswd: ldap\n", false},
+        {"", false},
+    };
+    for (const auto& [text, alone] : rows)
+        EXPECT_EQ(usermanagement::detail::answeredByFilesAlone(text, "passwd"), alone) << text;
+}
