@@ -74,6 +74,7 @@
 #include <usermanagement/User.h>
 #include <usermanagement/UserDefinition.h>
 
+#include "BarePam.h"
 #include "sampledevice/SampleConfiguration.h"
 #include "system/IdSyscalls.h"
 
@@ -709,29 +710,8 @@ void BM_Chpasswd(benchmark::State& state, bool encrypted, bool tallyReset) {
 
 // ---- Logins ------------------------------------------------------------------------------
 
-// Answers every password prompt with the password; other messages get no answer.
-int answerWithPassword(int count, const struct pam_message** messages, struct pam_response** responses,
-                       void* password) {
-    auto* replies = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
-    if (replies == nullptr) return PAM_BUF_ERR;
-    for (int i = 0; i < count; ++i)
-        if (messages[i]->msg_style == PAM_PROMPT_ECHO_OFF || messages[i]->msg_style == PAM_PROMPT_ECHO_ON)
-            replies[i].resp = strdup(static_cast<const char*>(password));
-    *responses = replies;
-    return PAM_SUCCESS;
-}
-
-// The PAM transaction a login is built around, with nothing of the library: start, the client's
-// address, authenticate, account check, end.
 void barePamLogin(const char* service, const char* user, const char* password) {
-    struct pam_conv conversation = {answerWithPassword, const_cast<char*>(password)};
-    pam_handle_t* handle = nullptr;
-    int status = pam_start(service, user, &conversation, &handle);
-    if (status != PAM_SUCCESS) throw std::runtime_error("pam_start failed");
-    status = pam_set_item(handle, PAM_RHOST, "127.0.0.1");
-    if (status == PAM_SUCCESS) status = pam_authenticate(handle, 0);
-    if (status == PAM_SUCCESS) status = pam_acct_mgmt(handle, 0);
-    pam_end(handle, status);
+    const int status = tvc::bench::barePamLogin(service, user, password);
     if (status != PAM_SUCCESS) throw std::runtime_error("the bare PAM login failed with status " + std::to_string(status));
 }
 

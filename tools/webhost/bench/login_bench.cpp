@@ -9,6 +9,8 @@
 // p99s.  Exits 1 when a login or a PAM transaction fails.
 #include <security/pam_appl.h>
 
+#include "BarePam.h"
+
 #include <httplib.h>
 
 #include <algorithm>
@@ -24,27 +26,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Answers every password prompt with the password; other messages get no answer.
-int answer(int count, const struct pam_message** messages, struct pam_response** responses, void* password) {
-    auto* replies = static_cast<pam_response*>(std::calloc(count, sizeof(pam_response)));
-    if (replies == nullptr) return PAM_BUF_ERR;
-    for (int i = 0; i < count; ++i)
-        if (messages[i]->msg_style == PAM_PROMPT_ECHO_OFF || messages[i]->msg_style == PAM_PROMPT_ECHO_ON)
-            replies[i].resp = strdup(static_cast<const char*>(password));
-    *responses = replies;
-    return PAM_SUCCESS;
-}
-
 bool barePam(const char* service, const char* user, const char* password) {
-    struct pam_conv conversation = {answer, const_cast<char*>(password)};
-    pam_handle_t* handle = nullptr;
-    int status = pam_start(service, user, &conversation, &handle);
-    if (status != PAM_SUCCESS) return false;
-    status = pam_set_item(handle, PAM_RHOST, "127.0.0.1");
-    if (status == PAM_SUCCESS) status = pam_authenticate(handle, 0);
-    if (status == PAM_SUCCESS) status = pam_acct_mgmt(handle, 0);
-    pam_end(handle, status);
-    return status == PAM_SUCCESS;
+    return tvc::bench::barePamLogin(service, user, password) == PAM_SUCCESS;
 }
 
 struct Series {
