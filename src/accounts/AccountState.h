@@ -5,6 +5,8 @@
 
 #include <shadow.h>
 
+#include "files/ShadowDay.h"
+
 namespace usermanagement::detail {
 
 // What a shadow entry says on day `today` (days since the epoch).
@@ -15,9 +17,6 @@ struct ShadowState {
     bool inactive = false;         // the inactivity period after the maximum age has run out
 };
 ShadowState shadowStateOf(const spwd& entry, long today);
-
-// Today in days since the epoch, as the shadow file counts them.
-long daysSinceEpoch();
 
 // The configured failed-login limit (getDBLockCount), -1 for none; -1 too when the
 // configuration cannot be asked (no configuration: nothing is locked).

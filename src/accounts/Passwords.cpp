@@ -28,6 +28,7 @@
 #include "access/Caller.h"
 #include "access/DatabaseLookup.h"
 #include "accounts/AccountGuards.h"
+#include "accounts/AccountState.h"
 #include "accounts/AuditEvent.h"
 #include "accounts/Tally.h"
 #include "accounts/TallyCommand.h"
@@ -113,7 +114,7 @@ bool lockedByFailedLogins(unsigned int uid) {
     config.getDBLockCount(limit);
     if (limit == -1) return false;
     const detail::AsRoot root;
-    return limit <= utilities::getLockCount(uid, config.getTallyFilePath());
+    return detail::lockedByFailures(utilities::getLockCount(uid, config.getTallyFilePath()), limit);
 }
 
 // The holder's current password, checked the way a web login checks it, before PAM is asked to

@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <new>
 #include <thread>
@@ -76,8 +75,6 @@ ShadowState shadowStateOf(const spwd& entry, long today) {
     }
     return state;
 }
-
-long daysSinceEpoch() { return static_cast<long>(std::time(nullptr)) / 86400; }
 
 int failedLoginLimit() {
     try {

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <string>
 
@@ -21,6 +20,7 @@
 #include "files/CryptSetting.h"
 #include "files/EntryChecks.h"
 #include "files/EntryCopy.h"
+#include "files/ShadowDay.h"
 #include "files/ObservedRemoval.h"
 #include "files/ManagedRange.h"
 #include "foundation/Raise.h"
@@ -36,7 +36,6 @@ using detail::ShadowFile;
 
 constexpr char kDisabledMark[] = "!!";
 
-long today() { return static_cast<long>(std::time(nullptr) / 86400); }
 
 // For a shadow entry already named `name` when an account is to take that name.  If the
 // password database has an account of that name, the entry is its own: refused.  Otherwise
@@ -156,7 +155,7 @@ void addEntryInShadowFile(FileSystemUpdate& transaction, const std::string& name
     struct spwd entry {};
     entry.sp_namp = const_cast<char*>(name.c_str());
     entry.sp_pwdp = const_cast<char*>(hashField.c_str());
-    entry.sp_lstchg = mustChange ? 0 : today();
+    entry.sp_lstchg = mustChange ? 0 : detail::daysSinceEpoch();
     entry.sp_min = minAge;
     entry.sp_max = maxAge;
     entry.sp_warn = -1;
@@ -203,7 +202,7 @@ void updateEntryInShadowFile(FileSystemUpdate& transaction, const std::string& n
             entry.sp_pwdp = const_cast<char*>(hashField.c_str());
 
             if (mustChange != nullptr) {
-                entry.sp_lstchg = *mustChange ? 0 : today();
+                entry.sp_lstchg = *mustChange ? 0 : detail::daysSinceEpoch();
                 if (*mustChange) record.passwordExpired = true;
             }
             return EntryAction::Write;
@@ -241,7 +240,7 @@ void updateAllUserEntryInShadowFile(FileSystemUpdate& transaction, bool exemptBa
                 entry.sp_min = -1;
                 entry.sp_inact = -1;
             } else {
-                entry.sp_lstchg = today();
+                entry.sp_lstchg = detail::daysSinceEpoch();
                 entry.sp_max = maxAge;
                 entry.sp_min = minAge;
                 entry.sp_inact = inactivityDays;
